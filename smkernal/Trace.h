@@ -1,0 +1,78 @@
+// The diagnostic trace: records sent to an external viewer through shared memory and a window message.
+#pragma once
+
+#include <windows.h>
+
+// Source names that stand in the records, one per source file of the library.
+#define SM_SOURCE(name) "F:\\smkernal\\" name ".cpp"
+
+enum class TraceLevel { Trace, Warning, Fatal };
+
+// Message number of one record sent to the viewer window; lParam is the record in our view.
+constexpr UINT TRACE_TEXT_MESSAGE = 0x1634;
+// Capacity of the record composer, NUL included.
+constexpr int kTraceRecordCapacity = 1024;
+
+// Formats one record at a time into the first bytes of the shared view.
+class TraceComposer {
+public:
+    TraceComposer(char *base, int capacity) : base_(base), capacity_(capacity) {}
+    void Rewind() { pos_ = 0; }
+    void Write(const char *text);
+    void WriteNumber(int value);
+    void End();
+    const char *Text() const { return base_; }
+
+private:
+    char *base_;
+    int capacity_;
+    int pos_ = 0;
+};
+
+// Library-wide trace state (not part of the scan module object).
+extern HWND traceViewerWindow;
+extern HANDLE traceMapping;
+extern void *traceView;
+extern TraceComposer *traceStream;
+extern int traceDepth;
+
+// Finds the viewer, maps its shared memory and makes sure DEBUGSM.INI exists.
+void TraceStartup();
+// Unmaps the viewer's memory; nothing may trace afterwards.
+void TraceShutdown();
+// Writes one record, when the level is switched on in DEBUGSM.INI and a viewer was found.
+void TraceRecord(TraceLevel level, const char *source, int line, const char *text);
+
+// The entry and exit records of one method, and its failure records. The entry record is
+// written at construction (unless its line is 0), the exit record by Leave() or at the end of
+// the scope. Every failure text reads "<what> in TScanModule::<method>".
+class TraceCall {
+public:
+    TraceCall(const char *source, const char *method, int entryLine, int exitLine = 0);
+    ~TraceCall();
+    TraceCall(const TraceCall &) = delete;
+    TraceCall &operator=(const TraceCall &) = delete;
+
+    // Writes the exit record now; `line` 0 takes the exit line given at construction.
+    void Leave(int line = 0);
+    // "Warning " record "<what> in TScanModule::<method>".
+    void Warn(int line, const char *what) const;
+    // "Fatal " record with the text as given.
+    void Fatal(int line, const char *text) const;
+    // "Trace " record with the text as given.
+    void Note(int line, const char *text) const;
+    // "Trace " record "<what> in TScanModule::<method>".
+    void NoteIn(int line, const char *what) const;
+
+    const char *Source() const { return source_; }
+    const char *Method() const { return method_; }
+
+private:
+    void WriteIn(TraceLevel level, int line, const char *what) const;
+    void WriteNamed(int line, const char *prefix) const;
+
+    const char *source_;
+    const char *method_;
+    int exitLine_;
+    bool left_ = false;
+};

@@ -1,0 +1,118 @@
+// Test support: the prefix's files, a trace viewer stand-in, the library under test and the stand-in source manager.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include "testdsm.h"
+#include "twain1x.h"
+
+namespace smtest {
+
+// Directory of the running test program, where the build puts every DLL.
+std::string BinDir();
+// The Windows directory of the test prefix (C:\windows).
+std::string WindowsDir();
+// Full path of TWAIN_32.DLL in the Windows directory, the one place the library loads it from.
+std::string TwainPath();
+
+enum class Dsm { Absent, Present, WithoutEntry };
+// Puts the stand-in source manager (or its broken variant) in the Windows directory, or removes it.
+void InstallDsm(Dsm which);
+
+// DEBUGSM.INI in the Windows directory.
+std::string DebugIniPath();
+void WriteDebugIni(int trace, int warning);
+void DeleteDebugIni();
+// The value of [Debug] `key` in DEBUGSM.INI, or "<missing>".
+std::string ReadDebugIni(const char *key);
+
+// Names for failure messages.
+const char *TwrcName(unsigned rc);
+const char *TwccName(unsigned cc);
+
+// One trace record as the viewer received it, and its parts.
+struct TraceLine {
+    std::string raw;
+    std::string level; // "Trace", "Warning", "Fatal", or "" for a separator
+    std::string source;
+    int line = 0;
+    std::string text;
+    bool IsSeparator() const { return raw == "    "; }
+};
+
+// A stand-in for the diagnostic viewer: the window class, the shared mapping and the message.
+// Start it before loading the library; it records every record sent to it.
+class TraceViewer {
+public:
+    TraceViewer();
+    ~TraceViewer();
+    void Start();
+    void Stop();
+    bool Running() const { return window_ != nullptr; }
+    const std::vector<TraceLine> &Records() const { return records_; }
+    void Clear() { records_.clear(); }
+    // Records without separators, as "Level line text" for compact assertions.
+    std::vector<std::string> Brief() const;
+    // The texts of the records of one level ("Trace", "Warning", "Fatal").
+    std::vector<std::string> Texts(const std::string &level) const;
+    int CountText(const std::string &text) const;
+
+private:
+    static LRESULT CALLBACK Proc(HWND, UINT, WPARAM, LPARAM);
+    HWND window_ = nullptr;
+    HANDLE mapping_ = nullptr;
+    char *view_ = nullptr;
+    std::vector<TraceLine> records_;
+};
+
+TraceLine ParseTraceLine(const std::string &raw);
+
+// smkernal.dll, loaded as an application loads it; each load constructs a fresh scan module.
+class ScanLibrary {
+public:
+    ~ScanLibrary() { Free(); }
+    void Load();
+    void Free();
+    HMODULE Module() const { return module_; }
+    FARPROC Proc(const char *name) const;
+    template <typename T> T Get(const char *name) const {
+        return reinterpret_cast<T>(reinterpret_cast<void *>(Proc(name)));
+    }
+
+private:
+    HMODULE module_ = nullptr;
+};
+
+// The stand-in source manager's control exports, through the same file the library loads.
+class DsmControl {
+public:
+    ~DsmControl() { Close(); }
+    // Loads C:\windows\TWAIN_32.DLL; returns false when it is not there.
+    bool Open();
+    void Close();
+    void Reset() { reset_(); }
+    std::vector<TdsmCall> Calls() const;
+    void FailTriplet(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 rc, TW_UINT16 cc) {
+        fail_(dg, dat, msg, rc, cc);
+    }
+    int State() const { return state_(); }
+
+private:
+    HMODULE module_ = nullptr;
+    TdsmResetProc reset_ = nullptr;
+    TdsmCallCountProc count_ = nullptr;
+    TdsmGetCallProc get_ = nullptr;
+    TdsmFailTripletProc fail_ = nullptr;
+    TdsmStateProc state_ = nullptr;
+};
+
+// "DG_CONTROL/DAT_PARENT/MSG_OPENDSM -> TWRC_SUCCESS" for assertions on logged calls.
+std::string Describe(const TdsmCall &call);
+
+// True when the module at `path` is loaded in this process.
+bool IsLoaded(const std::string &path);
+
+} // namespace smtest
