@@ -124,10 +124,10 @@ void TraceRecord(TraceLevel level, const char *source, int line, const char *tex
         --traceDepth;
 }
 
-TraceCall::TraceCall(const char *source, const char *method, int entryLine, int exitLine)
-    : source_(source), method_(method), exitLine_(exitLine) {
+TraceCall::TraceCall(const char *source, const char *method, int entryLine, int exitLine, const char *scope)
+    : source_(source), method_(method), scope_(scope), exitLine_(exitLine) {
     if (entryLine != 0)
-        WriteNamed(entryLine, "Coming TScanModule::");
+        WriteNamed(entryLine, "Coming ");
 }
 
 TraceCall::~TraceCall() {
@@ -138,7 +138,7 @@ void TraceCall::Leave(int line) {
     if (left_)
         return;
     left_ = true;
-    WriteNamed(line ? line : exitLine_, "Leaving TScanModule::");
+    WriteNamed(line ? line : exitLine_, "Leaving ");
 }
 
 void TraceCall::Warn(int line, const char *what) const {
@@ -159,12 +159,12 @@ void TraceCall::NoteIn(int line, const char *what) const {
 
 void TraceCall::WriteIn(TraceLevel level, int line, const char *what) const {
     char text[256];
-    std::snprintf(text, sizeof text, "%s in TScanModule::%s", what, method_);
+    std::snprintf(text, sizeof text, "%s in %s%s", what, scope_, method_);
     TraceRecord(level, source_, line, text);
 }
 
 void TraceCall::WriteNamed(int line, const char *prefix) const {
     char text[128];
-    std::snprintf(text, sizeof text, "%s%s", prefix, method_);
+    std::snprintf(text, sizeof text, "%s%s%s", prefix, scope_, method_);
     TraceRecord(TraceLevel::Trace, source_, line, text);
 }

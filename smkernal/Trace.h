@@ -43,25 +43,32 @@ void TraceShutdown();
 // Writes one record, when the level is switched on in DEBUGSM.INI and a viewer was found.
 void TraceRecord(TraceLevel level, const char *source, int line, const char *text);
 
-// The entry and exit records of one method, and its failure records. The entry record is
+// Scope that stands before the function name in the records of a method of the scan module.
+constexpr const char kModuleScope[] = "TScanModule::";
+// Scope of the free functions (the container codec), whose records name the bare function.
+constexpr const char kFreeScope[] = "";
+
+// The entry and exit records of one function, and its failure records. The entry record is
 // written at construction (unless its line is 0), the exit record by Leave() or at the end of
-// the scope. Every failure text reads "<what> in TScanModule::<method>".
+// the scope. Texts read "Coming <scope><name>", "Leaving <scope><name>" and
+// "<what> in <scope><name>"; the scope is "TScanModule::" unless given.
 class TraceCall {
 public:
-    TraceCall(const char *source, const char *method, int entryLine, int exitLine = 0);
+    TraceCall(const char *source, const char *method, int entryLine, int exitLine = 0,
+              const char *scope = kModuleScope);
     ~TraceCall();
     TraceCall(const TraceCall &) = delete;
     TraceCall &operator=(const TraceCall &) = delete;
 
     // Writes the exit record now; `line` 0 takes the exit line given at construction.
     void Leave(int line = 0);
-    // "Warning " record "<what> in TScanModule::<method>".
+    // "Warning " record "<what> in <scope><method>".
     void Warn(int line, const char *what) const;
     // "Fatal " record with the text as given.
     void Fatal(int line, const char *text) const;
     // "Trace " record with the text as given.
     void Note(int line, const char *text) const;
-    // "Trace " record "<what> in TScanModule::<method>".
+    // "Trace " record "<what> in <scope><method>".
     void NoteIn(int line, const char *what) const;
 
     const char *Source() const { return source_; }
@@ -73,6 +80,7 @@ private:
 
     const char *source_;
     const char *method_;
+    const char *scope_;
     int exitLine_;
     bool left_ = false;
 };
