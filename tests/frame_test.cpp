@@ -1,1 +1,344 @@
-// placeholder
+// The library frame as an application sees it: export table and ordinals, DisableWnds, resources, imports.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "ModuleTest.h"
+#include "smkernal.h"
+
+using namespace smtest;
+
+namespace {
+
+// The whole export table: ordinal and name. Entries not built yet are absent from the DLL,
+// both by name and by ordinal.
+const std::map<int, const char *> kExportTable = {
+    {1, "smIsTWAINAvailable"},
+    {2, "smIsDSEvent"},
+    {3, "smSelectDS"},
+    {4, "smOpenDS"},
+    {5, "smEnableDS"},
+    {6, "smDisableDS"},
+    {7, "smCloseDS"},
+    {8, "smCapNegotiate"},
+    {9, "smIsADFAvailable"},
+    {10, "smIsADFPaperLoaded"},
+    {11, "smIsPaperLoaded"},
+    {12, "smGetADFEnable"},
+    {13, "smSetADFEnable"},
+    {14, "smGetBrightness"},
+    {15, "smSetBrightness"},
+    {16, "smGetContrast"},
+    {17, "smSetContrast"},
+    {18, "smGetHighlight"},
+    {19, "smSetHighlight"},
+    {20, "smGetShadow"},
+    {21, "smSetShadow"},
+    {22, "smGetGamma"},
+    {23, "smSetGamma"},
+    {24, "smGetUnit"},
+    {25, "smGetMaxArea"},
+    {26, "smGetPixelFlavor"},
+    {27, "smGetPixelType"},
+    {28, "smSetPixelType"},
+    {29, "smGetSupportedPixelType"},
+    {30, "smSetSupportedPixelType"},
+    {31, "smGetPaperSize"},
+    {32, "smSetPaperSize"},
+    {33, "smGetSupportedPaperSize"},
+    {34, "smSetSupportedPaperSize"},
+    {35, "smGetXferMech"},
+    {36, "smSetXferMech"},
+    {37, "smGetXResolution"},
+    {38, "smSetXResolution"},
+    {39, "smGetYResolution"},
+    {40, "smSetYResolution"},
+    {41, "smIsThisDPIAvailable"},
+    {42, "smGetXScale"},
+    {43, "smSetXScale"},
+    {44, "smGetYScale"},
+    {45, "smSetYScale"},
+    {46, "smCancelThisXfer"},
+    {47, "smCancelAllXfer"},
+    {48, "smSetImageLayout"},
+    {49, "smGetMemXferSize"},
+    {50, "smGetDSPalette"},
+    {51, "smZephraScan"},
+    {52, "smGetXferCount"},
+    {53, "smGetDSProductName"},
+    {54, "smGetPendingCount"},
+    {55, "smSetThreshold"},
+    {56, "smSetIndicatorEnable"},
+    {57, "smSetBitDepth"},
+    {58, "smSetDefaultDriver"},
+    {59, "smSetXferCount"},
+    {60, "smSetAutoFeedEnable"},
+    {61, "smReadBlock"},
+    {62, "smGetScanCap"},
+    {63, "smGetImageDim"},
+    {64, "smSetLightpath"},
+    {65, "smGetAllDS"},
+    {66, "smGetIndex"},
+    {67, "smGetThumbMode"},
+    {68, "smNonUIAvailable"},
+    {69, "smSetIndex"},
+    {70, "smSetThumbMode"},
+    {100, "DisableWnds"},
+};
+
+// Exports the public header declares; these must exist.
+const char *const kDeclared[] = {"smIsTWAINAvailable", "smCancelThisXfer", "smCancelAllXfer", "DisableWnds"};
+
+FARPROC ByOrdinal(HMODULE module, int ordinal) {
+    return GetProcAddress(module, reinterpret_cast<LPCSTR>(static_cast<ULONG_PTR>(ordinal)));
+}
+
+// The names in the DLL's export directory.
+std::vector<std::string> ExportedNames(HMODULE module) {
+    const BYTE *base = reinterpret_cast<const BYTE *>(module);
+    const auto *dos = reinterpret_cast<const IMAGE_DOS_HEADER *>(base);
+    const auto *nt = reinterpret_cast<const IMAGE_NT_HEADERS32 *>(base + dos->e_lfanew);
+    const DWORD rva = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT].VirtualAddress;
+    const auto *dir = reinterpret_cast<const IMAGE_EXPORT_DIRECTORY *>(base + rva);
+    const auto *names = reinterpret_cast<const DWORD *>(base + dir->AddressOfNames);
+    std::vector<std::string> out;
+    for (DWORD i = 0; i < dir->NumberOfNames; ++i)
+        out.emplace_back(reinterpret_cast<const char *>(base + names[i]));
+    return out;
+}
+
+// The DLLs that the file imports from, read from its import directory.
+std::vector<std::string> ImportedDlls(HMODULE module) {
+    const BYTE *base = reinterpret_cast<const BYTE *>(module);
+    const auto *dos = reinterpret_cast<const IMAGE_DOS_HEADER *>(base);
+    const auto *nt = reinterpret_cast<const IMAGE_NT_HEADERS32 *>(base + dos->e_lfanew);
+    const DWORD rva = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
+    std::vector<std::string> out;
+    for (const auto *desc = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR *>(base + rva); desc->Name; ++desc)
+        out.emplace_back(reinterpret_cast<const char *>(base + desc->Name));
+    return out;
+}
+
+class FrameTest : public ModuleTest {
+protected:
+    void SetUp() override {
+        ModuleTest::SetUp();
+        library.Load();
+    }
+};
+
+TEST_F(FrameTest, EveryNamedOrdinalIsTheEntryOfItsName) {
+    for (const auto &[ordinal, name] : kExportTable) {
+        const FARPROC byName = library.Proc(name);
+        EXPECT_EQ(byName, ByOrdinal(library.Module(), ordinal)) << "ordinal " << ordinal << " " << name;
+    }
+}
+
+TEST_F(FrameTest, EveryDeclaredExportResolves) {
+    for (const char *name : kDeclared)
+        EXPECT_NE(nullptr, library.Proc(name)) << name;
+}
+
+TEST_F(FrameTest, OrdinalsSeventyOneToNinetyNineAreEmpty) {
+    for (int ordinal = 71; ordinal <= 99; ++ordinal)
+        EXPECT_EQ(nullptr, ByOrdinal(library.Module(), ordinal)) << "ordinal " << ordinal;
+    EXPECT_EQ(nullptr, ByOrdinal(library.Module(), 101));
+}
+
+TEST_F(FrameTest, OrdinalOneHundredIsDisableWnds) {
+    ASSERT_NE(nullptr, ByOrdinal(library.Module(), 100));
+    EXPECT_EQ(library.Proc("DisableWnds"), ByOrdinal(library.Module(), 100));
+}
+
+TEST_F(FrameTest, OrdinalsTenAndElevenAreOneEntry) {
+    if (!library.Proc("smIsADFPaperLoaded"))
+        GTEST_SKIP() << "the paper-loaded query is not exported yet";
+    EXPECT_EQ(ByOrdinal(library.Module(), 10), ByOrdinal(library.Module(), 11));
+    EXPECT_EQ(library.Proc("smIsADFPaperLoaded"), library.Proc("smIsPaperLoaded"));
+}
+
+TEST_F(FrameTest, NothingIsExportedBeyondTheTable) {
+    std::set<std::string> table;
+    for (const auto &entry : kExportTable)
+        table.insert(entry.second);
+    for (const std::string &name : ExportedNames(library.Module()))
+        EXPECT_TRUE(table.count(name)) << "unexpected export " << name;
+}
+
+TEST_F(FrameTest, ImportsOnlySystemDlls) {
+    char system[MAX_PATH];
+    GetSystemDirectoryA(system, sizeof system);
+    const std::vector<std::string> imports = ImportedDlls(library.Module());
+    ASSERT_FALSE(imports.empty());
+    for (const std::string &dll : imports) {
+        std::string lower = dll;
+        std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+        EXPECT_EQ(std::string::npos, lower.find("gcc")) << dll;
+        EXPECT_EQ(std::string::npos, lower.find("stdc++")) << dll;
+        EXPECT_EQ(std::string::npos, lower.find("pthread")) << dll;
+        const std::string path = std::string(system) + "\\" + dll;
+        EXPECT_NE(INVALID_FILE_ATTRIBUTES, GetFileAttributesA(path.c_str())) << dll << " is not a system DLL";
+    }
+}
+
+TEST_F(FrameTest, StringResourcesAreTheWindows1252Texts) {
+    const std::map<UINT, std::string> expected = {
+        {20000, "Scan Module written by the Calvex imaging team"},
+        {20001, "Version %d.%02d"},
+        {20002, "Calvex Technology Corporation"},
+        {20003, "Advertencia"},
+        {20004, "Error"},
+        {20005, "Tipo de p\xEDxel no v\xE1lido"},
+        {20006, "\xBF"
+                "Explorar m\xE1s p\xE1ginas?"},
+    };
+    for (const auto &[id, text] : expected) {
+        char buffer[256] = {};
+        const int length = LoadStringA(library.Module(), id, buffer, sizeof buffer);
+        EXPECT_EQ(static_cast<int>(text.size()), length) << "string " << id;
+        EXPECT_EQ(text, std::string(buffer)) << "string " << id;
+    }
+}
+
+TEST_F(FrameTest, VersionResourceNamesTheProduct) {
+    const std::string path = BinDir() + "\\smkernal.dll";
+    DWORD ignored = 0;
+    const DWORD size = GetFileVersionInfoSizeA(path.c_str(), &ignored);
+    ASSERT_GT(size, 0u);
+    std::vector<char> block(size);
+    ASSERT_TRUE(GetFileVersionInfoA(path.c_str(), 0, size, block.data()));
+    VS_FIXEDFILEINFO *fixed = nullptr;
+    UINT length = 0;
+    ASSERT_TRUE(VerQueryValueA(block.data(), "\\", reinterpret_cast<void **>(&fixed), &length));
+    EXPECT_EQ(MAKELONG(0, 2), fixed->dwFileVersionMS);
+    EXPECT_EQ(0u, fixed->dwFileVersionLS);
+    const std::map<std::string, std::string> strings = {
+        {"ProductName", "Calvex Scan Module"},
+        {"FileDescription", "Calvex TWAIN Scan Module"},
+        {"CompanyName", "Calvex Technology Corporation"},
+        {"FileVersion", "2.00"},
+    };
+    for (const auto &[key, value] : strings) {
+        char *text = nullptr;
+        const std::string query = "\\StringFileInfo\\040904e4\\" + key;
+        ASSERT_TRUE(VerQueryValueA(block.data(), query.c_str(), reinterpret_cast<void **>(&text), &length)) << key;
+        EXPECT_EQ(value, std::string(text)) << key;
+    }
+}
+
+TEST_F(FrameTest, CancelCallsWriteNoRecords) {
+    viewer.Clear();
+    library.Get<void(WINAPI *)()>("smCancelThisXfer")();
+    library.Get<void(WINAPI *)()>("smCancelAllXfer")();
+    EXPECT_TRUE(viewer.Records().empty());
+}
+
+// Top-level and child windows of the test thread for DisableWnds.
+class DisableWndsTest : public FrameTest {
+protected:
+    void SetUp() override {
+        FrameTest::SetUp();
+        disableWnds = library.Get<BOOL(WINAPI *)(HWND, DisabledWindowList *)>("DisableWnds");
+        ASSERT_NE(nullptr, disableWnds);
+    }
+    void TearDown() override {
+        for (HWND window : windows)
+            DestroyWindow(window);
+        FrameTest::TearDown();
+    }
+    HWND Make(DWORD style, HWND parent = nullptr) {
+        HWND window = CreateWindowA("STATIC", "w", style, 0, 0, 10, 10, parent, nullptr, nullptr, nullptr);
+        EXPECT_NE(nullptr, window);
+        windows.push_back(window);
+        return window;
+    }
+    static BOOL CALLBACK Forward(HWND window, LPARAM param) {
+        auto *self = reinterpret_cast<DisableWndsTest *>(param);
+        return self->disableWnds(window, self->list);
+    }
+    void EnumerateThreadWindows(DisabledWindowList *target) {
+        list = target;
+        EnumThreadWindows(GetCurrentThreadId(), Forward, reinterpret_cast<LPARAM>(this));
+    }
+
+    BOOL(WINAPI *disableWnds)(HWND, DisabledWindowList *) = nullptr;
+    DisabledWindowList *list = nullptr;
+    std::vector<HWND> windows;
+};
+
+TEST_F(DisableWndsTest, RecordLayoutIsTenPackedBytes) {
+    EXPECT_EQ(10u, sizeof(DisabledWindowList));
+    EXPECT_EQ(4u, offsetof(DisabledWindowList, windowCount));
+    EXPECT_EQ(6u, offsetof(DisabledWindowList, nextSlot));
+}
+
+TEST_F(DisableWndsTest, ChildWindowIsSkippedInBothPasses) {
+    HWND parent = Make(WS_OVERLAPPED);
+    HWND child = Make(WS_CHILD, parent);
+    DisabledWindowList counting = {};
+    EXPECT_EQ(1, disableWnds(child, &counting));
+    EXPECT_EQ(0, counting.windowCount);
+    EXPECT_EQ(nullptr, counting.nextSlot);
+    HWND slots[2] = {};
+    DisabledWindowList filling = {nullptr, 0, slots};
+    EXPECT_EQ(1, disableWnds(child, &filling));
+    EXPECT_EQ(slots, filling.nextSlot);
+    EXPECT_EQ(nullptr, slots[0]);
+    EXPECT_TRUE(IsWindowEnabled(child));
+}
+
+TEST_F(DisableWndsTest, DisabledWindowIsSkippedInBothPasses) {
+    HWND disabled = Make(WS_OVERLAPPED | WS_DISABLED);
+    DisabledWindowList counting = {};
+    EXPECT_EQ(1, disableWnds(disabled, &counting));
+    EXPECT_EQ(0, counting.windowCount);
+    HWND slots[2] = {};
+    DisabledWindowList filling = {nullptr, 0, slots};
+    EXPECT_EQ(1, disableWnds(disabled, &filling));
+    EXPECT_EQ(slots, filling.nextSlot);
+    EXPECT_EQ(nullptr, slots[0]);
+}
+
+TEST_F(DisableWndsTest, CountingPassCountsEnabledTopLevelWindows) {
+    HWND window = Make(WS_OVERLAPPED);
+    DisabledWindowList counting = {};
+    EXPECT_EQ(1, disableWnds(window, &counting));
+    EXPECT_EQ(1, counting.windowCount);
+    EXPECT_EQ(nullptr, counting.nextSlot);
+    EXPECT_TRUE(IsWindowEnabled(window)) << "the counting pass disables nothing";
+}
+
+TEST_F(DisableWndsTest, FillingPassRecordsAdvancesAndDisables) {
+    HWND window = Make(WS_OVERLAPPED);
+    HWND slots[2] = {};
+    DisabledWindowList filling = {nullptr, 7, slots};
+    EXPECT_EQ(1, disableWnds(window, &filling));
+    EXPECT_EQ(window, slots[0]);
+    EXPECT_EQ(slots + 1, filling.nextSlot);
+    EXPECT_EQ(7, filling.windowCount) << "the filling pass does not count";
+    EXPECT_FALSE(IsWindowEnabled(window));
+}
+
+TEST_F(DisableWndsTest, TwoPassesOverTheThreadsWindows) {
+    HWND first = Make(WS_OVERLAPPED);
+    HWND second = Make(WS_OVERLAPPED);
+    Make(WS_OVERLAPPED | WS_DISABLED);
+    Make(WS_CHILD, first);
+    DisabledWindowList counting = {};
+    EnumerateThreadWindows(&counting);
+    // The viewer's window belongs to this thread too.
+    const int enabled = counting.windowCount;
+    ASSERT_EQ(3, enabled);
+    std::vector<HWND> slots(enabled);
+    DisabledWindowList filling = {nullptr, 0, slots.data()};
+    EnumerateThreadWindows(&filling);
+    EXPECT_EQ(slots.data() + enabled, filling.nextSlot);
+    EXPECT_NE(slots.end(), std::find(slots.begin(), slots.end(), first));
+    EXPECT_NE(slots.end(), std::find(slots.begin(), slots.end(), second));
+    EXPECT_FALSE(IsWindowEnabled(first));
+    EXPECT_FALSE(IsWindowEnabled(second));
+}
+
+} // namespace
