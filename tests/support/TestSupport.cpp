@@ -236,6 +236,12 @@ void DsmControl::Close() {
     module_ = nullptr;
 }
 
+FARPROC DsmControl::Proc(const char *name) const {
+    FARPROC proc = module_ ? GetProcAddress(module_, name) : nullptr;
+    Check(proc != nullptr, name);
+    return proc;
+}
+
 std::vector<TdsmCall> DsmControl::Calls() const {
     std::vector<TdsmCall> calls(count_());
     for (size_t i = 0; i < calls.size(); ++i)

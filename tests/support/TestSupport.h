@@ -99,6 +99,27 @@ public:
         fail_(dg, dat, msg, rc, cc);
     }
     int State() const { return state_(); }
+    // Any export of the stand-in (testdsm.h), resolved on use; a missing one stops the test program.
+    FARPROC Proc(const char *name) const;
+    template <typename T> T Get(const char *name) const {
+        return reinterpret_cast<T>(reinterpret_cast<void *>(Proc(name)));
+    }
+    DSMENTRYPROC Entry() const { return Get<DSMENTRYPROC>("DSM_Entry"); }
+    void FailTripletOnce(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 rc, TW_UINT16 cc) {
+        Get<TdsmFailTripletOnceProc>("TdsmFailTripletOnce")(dg, dat, msg, rc, cc);
+    }
+    void FailTripletFrom(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 rc, TW_UINT16 cc, int nth) {
+        Get<TdsmFailTripletFromProc>("TdsmFailTripletFrom")(dg, dat, msg, rc, cc, nth);
+    }
+    int AddSource(const char *productName, const char *dsPath) {
+        return Get<TdsmAddSourceProc>("TdsmAddSource")(productName, dsPath);
+    }
+    void ClearSources() { Get<TdsmClearSourcesProc>("TdsmClearSources")(); }
+    void UseDirectory(const char *directory) { Get<TdsmUseDirectoryProc>("TdsmUseDirectory")(directory); }
+    void SelectByName(const char *productName) { Get<TdsmSelectByNameProc>("TdsmSelectByName")(productName); }
+    void SelectByIndex(int index) { Get<TdsmSelectByIndexProc>("TdsmSelectByIndex")(index); }
+    void SelectCancel() { Get<TdsmSelectCancelProc>("TdsmSelectCancel")(); }
+    int OpenSourceCount() const { return Get<TdsmOpenSourceCountProc>("TdsmOpenSourceCount")(); }
 
 private:
     HMODULE module_ = nullptr;
