@@ -102,15 +102,26 @@ bool QueryIdentity(DSENTRYPROC entry, TW_IDENTITY *identity) {
     return true;
 }
 
-bool Probe(const std::string &path, const std::string &productName, std::vector<SourceEntry> *list) {
+// The identity of an open source is known; any other source is loaded and asked.
+bool SourceIdentity(const std::string &path, TW_IDENTITY *identity) {
+    for (auto &source : openSources) {
+        if (Lower(source->entry.path) == Lower(path)) {
+            *identity = source->entry.own;
+            return true;
+        }
+    }
     HMODULE module;
     DSENTRYPROC entry;
     if (!LoadSource(path, &module, &entry))
         return false;
-    SourceEntry source;
-    const bool usable = QueryIdentity(entry, &source.own);
+    const bool usable = QueryIdentity(entry, identity);
     FreeLibrary(module);
-    if (!usable)
+    return usable;
+}
+
+bool Probe(const std::string &path, const std::string &productName, std::vector<SourceEntry> *list) {
+    SourceEntry source;
+    if (!SourceIdentity(path, &source.own))
         return false;
     source.path = path;
     source.identity = source.own;

@@ -364,8 +364,8 @@ TW_UINT16 Dispatch(Call &call, bool *faulted) {
     return Unknown(call);
 }
 
-bool IsManagerStatus(const Call &call) {
-    return !call.dest && call.dg == DG_CONTROL && call.dat == DAT_STATUS && call.msg == MSG_GET;
+bool IsStatusQuery(const Call &call) {
+    return call.dg == DG_CONTROL && call.dat == DAT_STATUS && call.msg == MSG_GET;
 }
 
 // Asks an open source to stop and frees it, whatever it answers.
@@ -438,9 +438,11 @@ TW_UINT16 WINAPI DSM_Entry(pTW_IDENTITY origin, pTW_IDENTITY dest, TW_UINT32 dg,
     bool faulted = false;
     const TW_UINT16 rc = Dispatch(call, &faulted);
     --callDepth;
-    // The manager's condition belongs to what the manager answered itself; a status query leaves it as it was.
+    // The manager's condition belongs to what the manager answered itself; a status query that succeeds leaves it
+    // as it was.
     const bool fromSource = origin && Readable(origin, sizeof *origin) && FindOpenById(origin->Id) && dest;
-    if (!IsManagerStatus(call) && !call.forwarded && !fromSource)
+    const bool answeredStatus = IsStatusQuery(call) && rc == TWRC_SUCCESS;
+    if (!answeredStatus && !call.forwarded && !fromSource)
         lastCondition = call.cc;
 
     CompleteRecord(record, data);
