@@ -387,6 +387,17 @@ typedef TW_UINT16(WINAPI *DSENTRYPROC)(pTW_IDENTITY origin, TW_UINT32 dg, TW_UIN
 #define TWON_PROTOCOLMAJOR 1
 #define TWON_PROTOCOLMINOR 9
 
+/* Sample arrangements of ICAP_PLANARCHUNKY. */
+#define TWPC_CHUNKY 0
+#define TWPC_PLANAR 1
+
+/* Operations a capability allows, as MSG_QUERYSUPPORT reports them. */
+#define TWQC_GET 0x0001
+#define TWQC_SET 0x0002
+#define TWQC_GETDEFAULT 0x0004
+#define TWQC_GETCURRENT 0x0008
+#define TWQC_RESET 0x0010
+
 /* Layouts as 32-bit Windows packs them; anything else breaks the wire format. */
 #ifdef __cplusplus
 #define TW_LAYOUT_CHECK(cond, what) static_assert(cond, what)

@@ -1,0 +1,137 @@
+// The test controls: the exported Vscan... functions and the switches they and vscan.ini share.
+#include "Control.h"
+
+#include <cstring>
+
+#include "Caps.h"
+#include "Settings.h"
+
+namespace vscan {
+
+namespace {
+
+constexpr size_t kMaxTripletFaults = 16;
+
+void CopyName(char *to, size_t size, const char *from) {
+    if (!from)
+        return;
+    std::memset(to, 0, size);
+    std::strncpy(to, from, size - 1);
+}
+
+bool IsContainer(TW_UINT16 conType) {
+    return conType == TWON_ONEVALUE || conType == TWON_ENUMERATION || conType == TWON_RANGE || conType == TWON_ARRAY;
+}
+
+bool IsNumberType(TW_UINT16 itemType) {
+    return itemType <= TWTY_FIX32 || itemType == TWON_DONTCARE16;
+}
+
+} // namespace
+
+void SetPages(Source &s, int pages) {
+    s.pages = pages < 0 ? 0 : pages;
+    s.sheetsLeft = s.pages;
+}
+
+bool SetAutoScan(Source &s, int mode) {
+    if (mode < VSCAN_AUTO_OFF || mode > VSCAN_AUTO_SCAN_CLOSE)
+        return false;
+    s.autoScan = mode;
+    return true;
+}
+
+void SetIdentity(Source &s, const char *manufacturer, const char *family, const char *product) {
+    CopyName(s.identity.Manufacturer, sizeof s.identity.Manufacturer, manufacturer);
+    CopyName(s.identity.ProductFamily, sizeof s.identity.ProductFamily, family);
+    CopyName(s.identity.ProductName, sizeof s.identity.ProductName, product);
+}
+
+bool AddTripletFault(Source &s, const TripletFault &fault) {
+    if (s.tripletFaults.size() >= kMaxTripletFaults || fault.first < 1 || fault.count < 0)
+        return false;
+    s.tripletFaults.push_back(fault);
+    s.tripletFaults.back().calls = 0;
+    return true;
+}
+
+bool SetContainer(Source &s, TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 conType) {
+    const int slot = AnswerSlot(msg);
+    if (!IsKnownCap(cap) || slot < 0 || !IsContainer(conType))
+        return false;
+    s.answers[cap].container[slot] = conType;
+    return true;
+}
+
+bool SetItemType(Source &s, TW_UINT16 cap, TW_UINT16 itemType) {
+    if (!IsKnownCap(cap) || !IsNumberType(itemType))
+        return false;
+    s.answers[cap].itemType = itemType;
+    return true;
+}
+
+bool SetFault(Source &s, int fault, int value) {
+    if (fault <= 0 || fault >= VSCAN_FAULT_COUNT)
+        return false;
+    s.faults[fault] = value;
+    return true;
+}
+
+} // namespace vscan
+
+extern "C" {
+
+void __cdecl VscanReset(void) {
+    vscan::ResetAll(vscan::TheSource());
+}
+
+int __cdecl VscanLoadSettings(const char *path) {
+    return path ? vscan::LoadSettings(vscan::TheSource(), path) : -1;
+}
+
+void __cdecl VscanSetPages(int pages) {
+    vscan::SetPages(vscan::TheSource(), pages);
+}
+
+void __cdecl VscanSetAutoScan(int mode) {
+    vscan::SetAutoScan(vscan::TheSource(), mode);
+}
+
+void __cdecl VscanSetIdentity(const char *manufacturer, const char *family, const char *product) {
+    vscan::SetIdentity(vscan::TheSource(), manufacturer, family, product);
+}
+
+void __cdecl VscanFailTriplet(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 cap, TW_UINT16 rc, TW_UINT16 cc,
+                              int first, int count) {
+    vscan::AddTripletFault(vscan::TheSource(), vscan::TripletFault{dg, dat, msg, cap, rc, cc, first, count, 0});
+}
+
+int __cdecl VscanSetContainer(TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 conType) {
+    return vscan::SetContainer(vscan::TheSource(), cap, msg, conType);
+}
+
+int __cdecl VscanSetItemType(TW_UINT16 cap, TW_UINT16 itemType) {
+    return vscan::SetItemType(vscan::TheSource(), cap, itemType);
+}
+
+int __cdecl VscanSetFault(int fault, int value) {
+    return vscan::SetFault(vscan::TheSource(), fault, value);
+}
+
+void __cdecl VscanGetInfo(VscanInfo *out) {
+    if (!out)
+        return;
+    const vscan::Source &s = vscan::TheSource();
+    out->state = s.state;
+    out->pending = s.state >= VSCAN_STATE_XFERREADY ? static_cast<int>(s.batch.size()) : 0;
+    out->sheetsLeft = s.sheetsLeft;
+    out->imagesStarted = s.imagesStarted;
+    out->imagesDone = s.imagesDone;
+    out->lastCc = s.lastCc;
+    out->window = s.window;
+    out->notifyMessage = vscan::NotifyMessage();
+    out->appId = s.app.Id;
+    out->settingsKeys = s.settingsKeys;
+}
+
+} // extern "C"

@@ -1,0 +1,16 @@
+// The switches behind the Vscan... exports and the settings file, on a given source.
+#pragma once
+
+#include "Source.h"
+
+namespace vscan {
+
+void SetPages(Source &s, int pages);
+bool SetAutoScan(Source &s, int mode);
+void SetIdentity(Source &s, const char *manufacturer, const char *family, const char *product);
+bool AddTripletFault(Source &s, const TripletFault &fault);
+bool SetContainer(Source &s, TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 conType);
+bool SetItemType(Source &s, TW_UINT16 cap, TW_UINT16 itemType);
+bool SetFault(Source &s, int fault, int value);
+
+} // namespace vscan

@@ -1,0 +1,46 @@
+// Test pages: the pixel formula, rows packed in each format, palettes, and the packed DIB of native and file transfers.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "twain1x.h"
+
+namespace vscan {
+
+// An image to produce: size, page number and sample format.
+struct PageFormat {
+    int width = 1;
+    int height = 1;
+    int page = 1;
+    int pixelType = TWPT_RGB;
+    int bitDepth = 24;
+    bool planar = false;  // RGB only: memory transfers deliver the red, green and blue planes one after the other
+    int threshold = 128;  // black-and-white: a pixel is white when its 8-bit gray is at least this
+    bool vanilla = false; // black-and-white: 1 is black instead of white
+};
+
+struct Rgb16 {
+    uint16_t r, g, b;
+};
+
+// The page's colour at (x, y), 16 bits per channel: black border and page number over gradients (see the README).
+Rgb16 PagePixel(int width, int height, int page, int x, int y);
+uint16_t Gray16(Rgb16 c);
+
+int SamplesPerPixel(int pixelType);
+int BitsPerSample(const PageFormat &f);
+// Bytes of one row as memory transfers deliver it: unpadded; a plane's row for planar images.
+uint32_t MemoryBytesPerRow(const PageFormat &f);
+// One row in memory-transfer layout (RGB order, 16-bit samples little-endian); `plane` -1 for chunky.
+void RenderRow(const PageFormat &f, int y, int plane, uint8_t *out);
+
+// Palette entries of palette images: index i of n = 2^depth has L = i*255/(n-1) and colour (L, 255-L, L/2).
+std::vector<TW_ELEMENT8> PaletteOf(const PageFormat &f);
+
+// The packed DIB (BITMAPINFOHEADER, colour table, bottom-up rows padded to 4 bytes, BGR) of a page.
+std::vector<uint8_t> BuildDib(const PageFormat &f, double xres, double yres);
+// A BMP file: the file header, then the DIB.
+std::vector<uint8_t> BuildBmpFile(const PageFormat &f, double xres, double yres);
+
+} // namespace vscan

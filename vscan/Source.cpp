@@ -1,0 +1,158 @@
+// The one virtual scanner of this module: defaults, resets, the batch of images and the announcing of events.
+#include "Source.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "Caps.h"
+#include "Settings.h"
+#include "Ui.h"
+
+namespace vscan {
+
+namespace {
+
+HINSTANCE moduleInstance = nullptr;
+constexpr int kDefaultPages = 3;
+const char kDefaultFileName[] = "TWAIN.TMP";
+const char kNotifyName[] = "smkernal virtual scanner event";
+
+void CopyString(char *to, size_t size, const char *from) {
+    std::memset(to, 0, size);
+    std::strncpy(to, from, size - 1);
+}
+
+void DefaultIdentity(TW_IDENTITY &id) {
+    std::memset(&id, 0, sizeof id);
+    id.Version.MajorNum = 1;
+    id.Version.MinorNum = 0;
+    id.Version.Language = TWLG_USA;
+    id.Version.Country = TWCY_USA;
+    CopyString(id.Version.Info, sizeof id.Version.Info, "1.0 virtual scanner");
+    id.ProtocolMajor = TWON_PROTOCOLMAJOR;
+    id.ProtocolMinor = TWON_PROTOCOLMINOR;
+    id.SupportedGroups = DG_CONTROL | DG_IMAGE;
+    CopyString(id.Manufacturer, sizeof id.Manufacturer, "smkernal project");
+    CopyString(id.ProductFamily, sizeof id.ProductFamily, "Virtual Devices");
+    CopyString(id.ProductName, sizeof id.ProductName, "Virtual Scanner");
+}
+
+int Pixels(double inches, double resolution, double scaling) {
+    return std::max(1, static_cast<int>(std::lround(inches * resolution * scaling)));
+}
+
+} // namespace
+
+Source &TheSource() {
+    static Source source;
+    static bool ready = false;
+    if (!ready) {
+        ready = true;
+        ResetAll(source);
+    }
+    return source;
+}
+
+HINSTANCE ModuleInstance() {
+    return moduleInstance;
+}
+
+void ResetNegotiation(Source &s) {
+    ResetCaps(s);
+    s.frame = Frame{0, 0, kBedWidth, kBedHeight};
+    std::memset(&s.fileXfer, 0, sizeof s.fileXfer);
+    CopyString(s.fileXfer.FileName, sizeof s.fileXfer.FileName, kDefaultFileName);
+    s.fileXfer.Format = TWFF_BMP;
+    s.sheetsLeft = s.pages;
+    s.batch.clear();
+    s.imagesStarted = 0;
+    s.imagesDone = 0;
+    s.xfer = Transfer{};
+    s.events.clear();
+}
+
+void ResetAll(Source &s) {
+    DestroyUi(s);
+    s = Source{};
+    DefaultIdentity(s.identity);
+    s.pages = kDefaultPages;
+    ResetAnswers(s);
+    ResetNegotiation(s);
+    s.settingsKeys = LoadSettings(s, DefaultSettingsPath());
+}
+
+UINT NotifyMessage() {
+    static const UINT message = RegisterWindowMessageA(kNotifyName);
+    return message;
+}
+
+void Announce(Source &s, TW_UINT16 event) {
+    s.events.push_back(event);
+    if (s.parent)
+        PostMessageA(s.parent, NotifyMessage(), kNotifyTag, event);
+    else
+        PostThreadMessageA(s.thread, NotifyMessage(), kNotifyTag, event);
+}
+
+void StartBatch(Source &s) {
+    s.batch.clear();
+    s.xfer = Transfer{};
+    const std::vector<double> &dataset = s.caps[ICAP_IMAGEDATASET].current;
+    s.batchFromFeeder = dataset.empty() && CapValue(s, CAP_FEEDERENABLED) != 0;
+    if (!dataset.empty()) {
+        for (double page : dataset)
+            s.batch.push_back(static_cast<int>(page));
+    } else if (s.batchFromFeeder) {
+        for (int page = s.pages - s.sheetsLeft + 1; page <= s.pages; ++page)
+            s.batch.push_back(page);
+    } else {
+        s.batch.push_back(1); // the flatbed: one page
+    }
+    const int limit = static_cast<int>(CapValue(s, CAP_XFERCOUNT));
+    if (limit > 0 && static_cast<int>(s.batch.size()) > limit)
+        s.batch.resize(limit);
+}
+
+void EndImage(Source &s) {
+    if (s.batch.empty())
+        return;
+    s.batch.pop_front();
+    if (s.batchFromFeeder && s.sheetsLeft > 0)
+        --s.sheetsLeft;
+    ++s.imagesDone;
+    s.xfer = Transfer{};
+}
+
+double XResolution(const Source &s) {
+    return CapValue(s, ICAP_XRESOLUTION);
+}
+
+double YResolution(const Source &s) {
+    return CapValue(s, ICAP_YRESOLUTION);
+}
+
+PageFormat NegotiatedFormat(const Source &s) {
+    PageFormat f;
+    f.width = Pixels(s.frame.right - s.frame.left, XResolution(s), CapValue(s, ICAP_XSCALING));
+    f.height = Pixels(s.frame.bottom - s.frame.top, YResolution(s), CapValue(s, ICAP_YSCALING));
+    f.page = s.batch.empty() ? 1 : s.batch.front();
+    f.pixelType = static_cast<int>(CapValue(s, ICAP_PIXELTYPE));
+    f.bitDepth = static_cast<int>(CapValue(s, ICAP_BITDEPTH));
+    f.planar = f.pixelType == TWPT_RGB && CapValue(s, ICAP_PLANARCHUNKY) == TWPC_PLANAR;
+    f.threshold = static_cast<int>(std::lround(CapValue(s, ICAP_THRESHOLD)));
+    f.vanilla = CapValue(s, ICAP_PIXELFLAVOR) == TWPF_VANILLA;
+    return f;
+}
+
+} // namespace vscan
+
+BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
+    if (reason == DLL_PROCESS_ATTACH) {
+        vscan::moduleInstance = instance;
+        DisableThreadLibraryCalls(instance);
+    } else if (reason == DLL_PROCESS_DETACH && !reserved) {
+        vscan::UnregisterUi(instance); // unloaded by FreeLibrary: the process and its classes go on
+    }
+    return TRUE;
+}

@@ -1,0 +1,113 @@
+// The virtual scanner's state: session, capabilities, frame, batch, transfer in progress, interface and switches.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Page.h"
+#include "vscan.h"
+
+namespace vscan {
+
+// Negotiated values of one capability; scalar capabilities keep one value in `current`.
+struct CapState {
+    std::vector<double> current;
+    std::vector<double> allowed; // a constraint set with an enumeration; empty when none
+};
+
+// How a capability answers: container per message (MSG_GET, GETCURRENT, GETDEFAULT, RESET) and item type.
+struct CapAnswer {
+    TW_UINT16 container[4];
+    TW_UINT16 itemType; // TWON_DONTCARE16: the capability's own
+};
+
+// A triplet switched to answer a fixed return code.
+struct TripletFault {
+    TW_UINT32 dg;
+    TW_UINT16 dat;
+    TW_UINT16 msg;
+    TW_UINT16 cap;
+    TW_UINT16 rc;
+    TW_UINT16 cc;
+    int first;
+    int count;
+    int calls; // calls of this triplet seen since the switch
+};
+
+// The frame, always kept in inches whatever ICAP_UNITS says.
+struct Frame {
+    double left, top, right, bottom;
+};
+
+// The image at the head of the batch: its format, and how far its transfer has come.
+struct Transfer {
+    bool started = false; // a transfer triplet took it (state 7)
+    bool done = false;    // all of it delivered (TWRC_XFERDONE)
+    PageFormat format;
+    int plane = 0;   // memory transfers of planar images: 0 red, 1 green, 2 blue
+    int nextRow = 0; // next row of the plane to deliver
+    int blocks = 0;  // memory blocks delivered so far
+};
+
+struct Source {
+    int state = VSCAN_STATE_CLOSED;
+    TW_IDENTITY identity{};
+    TW_IDENTITY app{};
+    TW_UINT16 lastCc = TWCC_SUCCESS;
+
+    std::map<TW_UINT16, CapState> caps;
+    std::map<TW_UINT16, CapAnswer> answers;
+    Frame frame{};
+    TW_SETUPFILEXFER fileXfer{};
+
+    int pages = 0;                // sheets loaded into the feeder by VscanSetPages
+    int sheetsLeft = 0;           // sheets not yet transferred
+    std::deque<int> batch;        // page numbers of the images announced and not yet ended
+    bool batchFromFeeder = false; // ending an image takes a sheet out of the feeder
+    int imagesStarted = 0;        // since MSG_OPENDS
+    int imagesDone = 0;           // since MSG_OPENDS
+    Transfer xfer;
+
+    // User interface and event delivery.
+    bool showUi = false;
+    bool uiOnly = false;
+    bool modalUi = false;     // TW_USERINTERFACE.ModalUI
+    bool modalParent = false; // we disabled the parent window
+    HWND parent = nullptr;
+    DWORD thread = 0;
+    HWND window = nullptr;
+    std::deque<TW_UINT16> events; // MSG_XFERREADY / MSG_CLOSEDSREQ / MSG_CLOSEDSOK waiting for MSG_PROCESSEVENT
+    int autoScan = VSCAN_AUTO_OFF;
+
+    // Switches.
+    std::vector<TripletFault> tripletFaults;
+    int faults[VSCAN_FAULT_COUNT] = {};
+    int settingsKeys = -1;
+};
+
+// The one source of this module.
+Source &TheSource();
+HINSTANCE ModuleInstance();
+
+// Defaults of everything but the switches (called by reset and when opening).
+void ResetNegotiation(Source &s);
+// Back to the loaded state with defaults and no switches, then vscan.ini applied.
+void ResetAll(Source &s);
+
+// Announcing events to the application: queue it and post the notice message.
+UINT NotifyMessage();
+constexpr WPARAM kNotifyTag = 0x5653; // "VS" in the notice's wParam
+void Announce(Source &s, TW_UINT16 event);
+
+// The batch: images announced by a scan, per the feeder, ICAP_IMAGEDATASET and CAP_XFERCOUNT.
+void StartBatch(Source &s);
+// The image at the head of the batch ended (transferred, cancelled or skipped).
+void EndImage(Source &s);
+// The format the next image gets from the negotiated values, with the page at the head of the batch.
+PageFormat NegotiatedFormat(const Source &s);
+double XResolution(const Source &s);
+double YResolution(const Source &s);
+
+} // namespace vscan

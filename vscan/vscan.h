@@ -1,0 +1,91 @@
+/* Control interface of the virtual scanner data source (vscan.ds): switches, faults and read-back for tests.
+   A test loads the same .ds file the source manager loads and resolves these cdecl names. Every switch also has a
+   key in vscan.ini beside the .ds (see the README); the file is read when the source is loaded and by VscanReset. */
+#ifndef VSCAN_H
+#define VSCAN_H
+
+#include "twain1x.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Data-source states the virtual scanner keeps (3: loaded but not open). */
+#define VSCAN_STATE_CLOSED 3
+#define VSCAN_STATE_OPEN 4
+#define VSCAN_STATE_ENABLED 5
+#define VSCAN_STATE_XFERREADY 6
+#define VSCAN_STATE_XFERRING 7
+
+/* Automatic presses of the user interface's buttons (VscanSetAutoScan, key AutoScan). */
+#define VSCAN_AUTO_OFF 0        /* nothing is pressed */
+#define VSCAN_AUTO_SCAN 1       /* Scan is pressed as soon as the interface opens */
+#define VSCAN_AUTO_SCAN_CLOSE 2 /* Scan, then Close once every image of the batch is transferred */
+
+/* Single-value faults (VscanSetFault); 0 switches each off. The settings key is the name after VSCAN_FAULT_. */
+#define VSCAN_FAULT_UNKNOWNLENGTH 1     /* DAT_IMAGEINFO answers ImageLength -1 */
+#define VSCAN_FAULT_CANCELIMAGE 2       /* image N (1 = first since MSG_OPENDS) is cancelled with TWRC_CANCEL */
+#define VSCAN_FAULT_CANCELBLOCK 3       /* memory transfers cancel at block N (of image CANCELIMAGE, or of each) */
+#define VSCAN_FAULT_BYTESWRITTENDELTA 4 /* BytesWritten = Rows x BytesPerRow + N in memory strips */
+#define VSCAN_FAULT_ZEROBUFFERSIZES 5   /* DAT_SETUPMEMXFER answers 0 for all three sizes */
+#define VSCAN_FAULT_PALETTECOLORS 6     /* DAT_PALETTE8 answers NumColors = N (e.g. 300) */
+#define VSCAN_FAULT_CLOSEREQUESTAFTER 7 /* MSG_CLOSEDSREQ is announced after MSG_ENDXFER of image N */
+#define VSCAN_FAULT_COUNT 8
+
+/* What VscanGetInfo reports. */
+typedef struct VscanInfo {
+    int state;          /* VSCAN_STATE_... */
+    int pending;        /* images left in this batch (what TW_PENDINGXFERS.Count says) */
+    int sheetsLeft;     /* sheets still in the feeder */
+    int imagesStarted;  /* images whose transfer began since MSG_OPENDS */
+    int imagesDone;     /* images ended with MSG_ENDXFER since MSG_OPENDS */
+    TW_UINT16 lastCc;   /* condition code of the last failure, what DAT_STATUS answers */
+    HWND window;        /* the user interface's window, or 0 */
+    UINT notifyMessage; /* the registered message posted to announce events */
+    TW_UINT32 appId;    /* Id of the application that opened the source */
+    int settingsKeys;   /* keys applied from vscan.ini by the last load or reset, -1 when there is no file */
+} VscanInfo;
+
+typedef void(__cdecl *VscanResetProc)(void);
+typedef int(__cdecl *VscanLoadSettingsProc)(const char *path);
+typedef void(__cdecl *VscanSetPagesProc)(int pages);
+typedef void(__cdecl *VscanSetAutoScanProc)(int mode);
+typedef void(__cdecl *VscanSetIdentityProc)(const char *manufacturer, const char *family, const char *product);
+typedef void(__cdecl *VscanFailTripletProc)(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 cap, TW_UINT16 rc,
+                                            TW_UINT16 cc, int first, int count);
+typedef int(__cdecl *VscanSetContainerProc)(TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 conType);
+typedef int(__cdecl *VscanSetItemTypeProc)(TW_UINT16 cap, TW_UINT16 itemType);
+typedef int(__cdecl *VscanSetFaultProc)(int fault, int value);
+typedef void(__cdecl *VscanGetInfoProc)(VscanInfo *out);
+
+/* Back to the just-loaded source: closed, defaults, no switches; then vscan.ini is applied again. */
+void __cdecl VscanReset(void);
+/* Applies a settings file; returns the number of keys applied, or -1 when the file cannot be read or a key is bad
+   (keys before the bad one stay applied). */
+int __cdecl VscanLoadSettings(const char *path);
+/* Loads the feeder with `pages` sheets (page numbers 1..pages); 3 by default. */
+void __cdecl VscanSetPages(int pages);
+/* VSCAN_AUTO_...: presses the user interface's buttons by themselves. */
+void __cdecl VscanSetAutoScan(int mode);
+/* The identity's names; a NULL argument keeps that name. */
+void __cdecl VscanSetIdentity(const char *manufacturer, const char *family, const char *product);
+/* Makes a triplet answer `rc`, and DAT_STATUS then `cc` when rc is TWRC_FAILURE, without doing anything else.
+   `cap` narrows DAT_CAPABILITY triplets to one capability (0: any). Counting this triplet's calls from 1 after the
+   switch, calls `first` .. first+count-1 fail (count 0: every call from `first` on). Up to 16 such switches. */
+void __cdecl VscanFailTriplet(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 cap, TW_UINT16 rc, TW_UINT16 cc,
+                              int first, int count);
+/* The container a capability answers MSG_GET, MSG_GETCURRENT, MSG_GETDEFAULT or MSG_RESET with (TWON_ONEVALUE,
+   TWON_ENUMERATION, TWON_RANGE or TWON_ARRAY). Returns 0 for an unknown capability, message or container. */
+int __cdecl VscanSetContainer(TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 conType);
+/* The item type a capability's answers carry, values converted to it (TWON_DONTCARE16: its own). 0 when unknown. */
+int __cdecl VscanSetItemType(TW_UINT16 cap, TW_UINT16 itemType);
+/* Sets one of the VSCAN_FAULT_... values; returns 0 for an unknown fault. */
+int __cdecl VscanSetFault(int fault, int value);
+/* The source's state and counters. */
+void __cdecl VscanGetInfo(VscanInfo *out);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VSCAN_H */
