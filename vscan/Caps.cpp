@@ -205,6 +205,8 @@ std::vector<double> DefaultOf(const Source &s, const CapDesc &desc) {
             all.push_back(page);
         return all;
     }
+    case CAP_FEEDERLOADED: // a status: its default is what it is
+        return {s.sheetsLeft > 0 ? 1.0 : 0.0};
     case CAP_SUPPORTEDCAPS:
     case ICAP_PHYSICALWIDTH:
     case ICAP_PHYSICALHEIGHT:
@@ -217,11 +219,9 @@ std::vector<double> DefaultOf(const Source &s, const CapDesc &desc) {
 std::vector<double> CurrentOf(const Source &s, const CapDesc &desc) {
     switch (desc.cap) {
     case CAP_FEEDERLOADED:
-        return {s.sheetsLeft > 0 ? 1.0 : 0.0};
-    case CAP_SUPPORTEDCAPS:
     case ICAP_PHYSICALWIDTH:
     case ICAP_PHYSICALHEIGHT:
-        return DomainOf(s, desc).list;
+        return DefaultOf(s, desc);
     default:
         break;
     }

@@ -1,0 +1,127 @@
+// Test support for the virtual scanner: installing it, loading it, containers, and the expected test page.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include "twain1x.h"
+#include "vscan.h"
+
+namespace smtest {
+
+// bin\vscan.ds, where the build puts the source.
+std::string VscanBuildPath();
+// The source manager's directory of sources in the test prefix (C:\windows\twain_32).
+std::string TwainSourceDir();
+// Copies vscan.ds into C:\windows\twain_32 as `name` (vscan.ds for a classic source manager, sane.ds for Wine's);
+// returns the full path of the copy, or "" when copying failed.
+std::string InstallVscan(const std::string &name = "vscan.ds");
+void UninstallVscan(const std::string &name = "vscan.ds");
+
+// --- The expected test page, computed from the formula in the README, independently of the source.
+
+struct Rgb16 {
+    unsigned r, g, b;
+};
+Rgb16 ExpectedPixel(int width, int height, int page, int x, int y);
+
+// An image format as a test describes it.
+struct Format {
+    int pixelType = TWPT_RGB;
+    int bitDepth = 24;
+    bool planar = false;
+    int threshold = 128;
+    bool vanilla = false;
+};
+// Channels of the pixel as a transfer must deliver it: {bit} for black and white, {index} for palette images,
+// {gray} for gray, {r, g, b} for RGB (8-bit formats keep the high byte of each 16-bit value).
+std::vector<unsigned> ExpectedSamples(const Format &f, int width, int height, int page, int x, int y);
+// The colour of palette entry `index` of a 2^depth palette: (L, 255 - L, L / 2) with L = index * 255 / (n - 1).
+void ExpectedPaletteEntry(int depth, int index, unsigned &r, unsigned &g, unsigned &b);
+
+// Reads pixel `x` of a row in memory-transfer layout (samples in RGB order, 16-bit little-endian); `plane` >= 0
+// reads one channel of a planar row.
+std::vector<unsigned> ReadSamples(const Format &f, const unsigned char *row, int x, int plane = -1);
+
+// --- Capability containers.
+
+struct Container {
+    TW_UINT16 conType = 0;
+    TW_UINT16 itemType = 0;
+    std::vector<double> items; // one value: 1 item; enumeration and array: the list; range: min, max, step, def, cur
+    TW_UINT32 numItems = 0;
+    TW_UINT32 currentIndex = 0;
+    TW_UINT32 defaultIndex = 0;
+    double Value() const { return items.empty() ? -12345 : items.front(); }
+};
+// Reads and frees the container of a capability answer.
+Container TakeContainer(TW_CAPABILITY &cap);
+HGLOBAL MakeOneValue(TW_UINT16 itemType, double value);
+HGLOBAL MakeEnumeration(TW_UINT16 itemType, const std::vector<double> &items, TW_UINT32 current, TW_UINT32 def = 0);
+HGLOBAL MakeArray(TW_UINT16 itemType, const std::vector<double> &items);
+HGLOBAL MakeRange(TW_UINT16 itemType, double min, double max, double step, double def, double cur);
+double Fix32ToDouble(TW_FIX32 value);
+TW_FIX32 DoubleToFix32(double value);
+const char *ConName(unsigned conType);
+
+// --- The source, loaded from the bin directory and driven through DS_Entry.
+
+class VscanLibrary {
+public:
+    ~VscanLibrary() { Free(); }
+    // LoadLibrary of `path` (bin\vscan.ds by default) and the controls; false when something is missing.
+    bool Load(const std::string &path = "");
+    void Free();
+    HMODULE Module() const { return module_; }
+
+    TW_UINT16 Call(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, void *data);
+    // DG_CONTROL / DAT_STATUS / MSG_GET: the condition code.
+    TW_UINT16 Status();
+    // MSG_OPENDS with a test application identity; the source's identity lands in `ds`.
+    TW_UINT16 Open();
+    // MSG_ENABLEDS; `showUi` false announces at once.
+    TW_UINT16 Enable(bool showUi, HWND parent = nullptr, TW_UINT16 msg = MSG_ENABLEDS);
+    // Capability helpers: a get-like message, and sets with one value.
+    TW_UINT16 GetCap(TW_UINT16 cap, TW_UINT16 msg, Container &out);
+    TW_UINT16 SetCap(TW_UINT16 cap, TW_UINT16 itemType, double value);
+    TW_UINT16 SetCapContainer(TW_UINT16 cap, TW_UINT16 conType, HGLOBAL container);
+    // The frame in inches (units must be inches).
+    TW_UINT16 SetFrame(double left, double top, double right, double bottom);
+    // Runs the message loop through MSG_PROCESSEVENT until the source reports an event, for at most `ms`;
+    // MSG_NULL when none came.
+    TW_UINT16 WaitEvent(DWORD ms = 2000);
+    VscanInfo Info() const;
+
+    TW_IDENTITY app{};
+    TW_IDENTITY ds{};
+    DSENTRYPROC entry = nullptr;
+    VscanResetProc reset = nullptr;
+    VscanLoadSettingsProc loadSettings = nullptr;
+    VscanSetPagesProc setPages = nullptr;
+    VscanSetAutoScanProc setAutoScan = nullptr;
+    VscanSetIdentityProc setIdentity = nullptr;
+    VscanFailTripletProc failTriplet = nullptr;
+    VscanSetContainerProc setContainer = nullptr;
+    VscanSetItemTypeProc setItemType = nullptr;
+    VscanSetFaultProc setFault = nullptr;
+    VscanGetInfoProc getInfo = nullptr;
+
+private:
+    HMODULE module_ = nullptr;
+};
+
+// A packed DIB's parts, for checks of native transfers and BMP files.
+struct Dib {
+    BITMAPINFOHEADER header{};
+    std::vector<RGBQUAD> colours;
+    std::vector<unsigned char> bits;
+    unsigned stride = 0;
+    // Row y of the image counted from the top (bottom-up DIBs keep it at height - 1 - y).
+    const unsigned char *Row(int y) const;
+};
+// Parses a packed DIB; false when its sizes do not add up.
+bool ParseDib(const unsigned char *data, size_t size, Dib &out);
+
+} // namespace smtest

@@ -1,0 +1,487 @@
+// Virtual scanner: native, file and memory transfers of every format, pixel by pixel, the feeder and pending counts.
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "VscanTest.h"
+
+namespace smtest {
+namespace {
+
+// 1 x 0.5 inch at 100 dpi.
+constexpr int kWidth = 100;
+constexpr int kHeight = 50;
+
+struct NamedFormat {
+    const char *name;
+    Format format;
+};
+
+Format Make(int pixelType, int bitDepth, bool planar = false) {
+    Format f;
+    f.pixelType = pixelType;
+    f.bitDepth = bitDepth;
+    f.planar = planar;
+    return f;
+}
+
+const NamedFormat kChunkyFormats[] = {
+    {"BW1", Make(TWPT_BW, 1)},           {"Gray8", Make(TWPT_GRAY, 8)},       {"Gray16", Make(TWPT_GRAY, 16)},
+    {"Palette4", Make(TWPT_PALETTE, 4)}, {"Palette8", Make(TWPT_PALETTE, 8)}, {"RGB24", Make(TWPT_RGB, 24)},
+    {"RGB48", Make(TWPT_RGB, 48)},
+};
+
+const NamedFormat kMemoryFormats[] = {
+    {"BW1", Make(TWPT_BW, 1)},
+    {"Gray8", Make(TWPT_GRAY, 8)},
+    {"Gray16", Make(TWPT_GRAY, 16)},
+    {"Palette4", Make(TWPT_PALETTE, 4)},
+    {"Palette8", Make(TWPT_PALETTE, 8)},
+    {"RGB24", Make(TWPT_RGB, 24)},
+    {"RGB48", Make(TWPT_RGB, 48)},
+    {"PlanarRGB24", Make(TWPT_RGB, 24, true)},
+    {"PlanarRGB48", Make(TWPT_RGB, 48, true)},
+};
+
+void PrintTo(const NamedFormat &f, std::ostream *os) {
+    *os << f.name;
+}
+
+std::string FormatName(const ::testing::TestParamInfo<NamedFormat> &info) {
+    return info.param.name;
+}
+
+// The first pixel of a bitmap that differs from the page formula, or success.
+::testing::AssertionResult DibMatches(const Format &f, const Dib &dib, int width, int height, int page) {
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            std::vector<unsigned> got = ReadSamples(f, dib.Row(y), x);
+            if (f.pixelType == TWPT_RGB)
+                std::swap(got[0], got[2]); // bitmaps keep blue first
+            const std::vector<unsigned> want = ExpectedSamples(f, width, height, page, x, y);
+            if (got != want)
+                return ::testing::AssertionFailure()
+                       << "pixel (" << x << ", " << y << ") of page " << page << ": got "
+                       << ::testing::PrintToString(got) << ", expected " << ::testing::PrintToString(want);
+        }
+    }
+    return ::testing::AssertionSuccess();
+}
+
+// The colour table a bitmap must carry for a format.
+void ExpectColourTable(const Format &f, const Dib &dib) {
+    if (f.pixelType == TWPT_RGB || f.bitDepth == 16) {
+        EXPECT_EQ(0u, dib.colours.size());
+        return;
+    }
+    if (f.pixelType == TWPT_BW) {
+        ASSERT_EQ(2u, dib.colours.size());
+        const BYTE first = f.vanilla ? 255 : 0;
+        EXPECT_EQ(first, dib.colours[0].rgbRed);
+        EXPECT_EQ(255 - first, dib.colours[1].rgbBlue);
+        return;
+    }
+    ASSERT_EQ(static_cast<size_t>(1) << f.bitDepth, dib.colours.size());
+    for (size_t i = 0; i < dib.colours.size(); ++i) {
+        unsigned r = i, g = i, b = i;
+        if (f.pixelType == TWPT_PALETTE)
+            ExpectedPaletteEntry(f.bitDepth, static_cast<int>(i), r, g, b);
+        EXPECT_EQ(r, dib.colours[i].rgbRed) << "entry " << i;
+        EXPECT_EQ(g, dib.colours[i].rgbGreen) << "entry " << i;
+        EXPECT_EQ(b, dib.colours[i].rgbBlue) << "entry " << i;
+    }
+}
+
+class VscanNativeTest : public VscanTest, public ::testing::WithParamInterface<NamedFormat> {};
+class VscanFileTest : public VscanTest, public ::testing::WithParamInterface<NamedFormat> {};
+class VscanMemoryTest : public VscanTest, public ::testing::WithParamInterface<NamedFormat> {};
+class VscanXferTest : public VscanTest {
+protected:
+    // A native transfer in state 6, parsed; the source is left in state 7.
+    void Native(Dib &dib) {
+        TW_UINT32 handle = 0;
+        ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle));
+        HGLOBAL memory = reinterpret_cast<HGLOBAL>(static_cast<UINT_PTR>(handle));
+        ASSERT_NE(nullptr, memory);
+        const auto *bytes = static_cast<const unsigned char *>(GlobalLock(memory));
+        ASSERT_NE(nullptr, bytes);
+        const bool parsed = ParseDib(bytes, GlobalSize(memory), dib);
+        GlobalUnlock(memory);
+        GlobalFree(memory);
+        ASSERT_TRUE(parsed) << "not a packed DIB";
+    }
+};
+
+TEST_P(VscanNativeTest, PackedDibBottomUpBgrWithColourTable) {
+    const Format f = GetParam().format;
+    OpenSmall();
+    Negotiate(f, TWSX_NATIVE);
+    EnableToReady();
+    const TW_IMAGEINFO info = ImageInfo();
+    EXPECT_EQ(kWidth, info.ImageWidth);
+    EXPECT_EQ(kHeight, info.ImageLength);
+    EXPECT_EQ(f.bitDepth, info.BitsPerPixel);
+    EXPECT_EQ(f.pixelType, info.PixelType);
+    EXPECT_EQ(f.pixelType == TWPT_RGB ? 3 : 1, info.SamplesPerPixel);
+    EXPECT_EQ(f.pixelType == TWPT_RGB ? f.bitDepth / 3 : f.bitDepth, info.BitsPerSample[0]);
+    EXPECT_EQ(0, info.Planar);
+    EXPECT_EQ(100, Fix32ToDouble(info.XResolution));
+
+    TW_UINT32 handle = 0;
+    ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle));
+    EXPECT_EQ(VSCAN_STATE_XFERRING, ds.Info().state);
+    HGLOBAL memory = reinterpret_cast<HGLOBAL>(static_cast<UINT_PTR>(handle));
+    const auto *bytes = static_cast<const unsigned char *>(GlobalLock(memory));
+    ASSERT_NE(nullptr, bytes) << "the TW_UINT32 must hold a global memory handle";
+    Dib dib;
+    ASSERT_TRUE(ParseDib(bytes, GlobalSize(memory), dib));
+    GlobalUnlock(memory);
+    GlobalFree(memory);
+    EXPECT_EQ(kWidth, dib.header.biWidth);
+    EXPECT_EQ(kHeight, dib.header.biHeight) << "positive height: bottom-up";
+    EXPECT_EQ(f.bitDepth, dib.header.biBitCount);
+    EXPECT_EQ(static_cast<DWORD>(BI_RGB), dib.header.biCompression);
+    EXPECT_EQ(3937, dib.header.biXPelsPerMeter);
+    ExpectColourTable(f, dib);
+    EXPECT_TRUE(DibMatches(f, dib, kWidth, kHeight, 1));
+
+    TW_UINT16 count = 99;
+    EXPECT_TWRC(TWRC_SUCCESS, EndXfer(count));
+    EXPECT_EQ(0, count);
+    EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
+}
+INSTANTIATE_TEST_SUITE_P(Formats, VscanNativeTest, ::testing::ValuesIn(kChunkyFormats), FormatName);
+
+TEST_P(VscanFileTest, BmpFileWhereSetupFileXferSaid) {
+    const Format f = GetParam().format;
+    char temp[MAX_PATH];
+    GetTempPathA(sizeof temp, temp);
+    const std::string path = std::string(temp) + "vscan_file_test.bmp";
+    DeleteFileA(path.c_str());
+    OpenSmall();
+    Negotiate(f, TWSX_FILE);
+    TW_SETUPFILEXFER setup{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_GET, &setup));
+    EXPECT_EQ(TWFF_BMP, setup.Format);
+    std::snprintf(setup.FileName, sizeof setup.FileName, "%s", path.c_str());
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup));
+    EnableToReady();
+    ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGEFILEXFER, MSG_GET, nullptr));
+
+    std::ifstream file(path, std::ios::binary);
+    ASSERT_TRUE(file.good()) << path;
+    const std::vector<unsigned char> bmp((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    file.close();
+    DeleteFileA(path.c_str());
+    ASSERT_GT(bmp.size(), sizeof(BITMAPFILEHEADER));
+    BITMAPFILEHEADER header;
+    std::memcpy(&header, bmp.data(), sizeof header);
+    EXPECT_EQ(0x4d42, header.bfType);
+    EXPECT_EQ(bmp.size(), header.bfSize);
+    Dib dib;
+    ASSERT_TRUE(ParseDib(bmp.data() + sizeof header, bmp.size() - sizeof header, dib));
+    EXPECT_EQ(sizeof header + sizeof(BITMAPINFOHEADER) + dib.colours.size() * sizeof(RGBQUAD), header.bfOffBits);
+    ExpectColourTable(f, dib);
+    EXPECT_TRUE(DibMatches(f, dib, kWidth, kHeight, 1));
+}
+INSTANTIATE_TEST_SUITE_P(Formats, VscanFileTest, ::testing::ValuesIn(kChunkyFormats), FormatName);
+
+TEST_P(VscanMemoryTest, StripsOfWholeRowsInRgbOrder) {
+    const Format f = GetParam().format;
+    OpenSmall();
+    Negotiate(f, TWSX_MEMORY);
+    TW_SETUPMEMXFER setup{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup));
+    const int samples = f.pixelType == TWPT_RGB ? 3 : 1;
+    const unsigned rowBytes = f.planar ? kWidth * f.bitDepth / 3 / 8 : (kWidth * f.bitDepth + 7) / 8;
+    EXPECT_EQ(rowBytes, setup.MinBufSize);
+    EXPECT_LE(setup.MinBufSize, setup.Preferred);
+    EXPECT_LE(setup.Preferred, setup.MaxBufSize);
+    EnableToReady();
+    const TW_IMAGEINFO info = ImageInfo();
+    EXPECT_EQ(f.planar ? 1 : 0, info.Planar);
+    EXPECT_EQ(samples, info.SamplesPerPixel);
+
+    // A buffer of 7 rows and a bit: strips of 7 rows, the last shorter.
+    const unsigned rowsPerStrip = 7;
+    std::vector<unsigned char> buffer(rowsPerStrip * rowBytes + rowBytes / 2);
+    const int planes = f.planar ? 3 : 1;
+    int strips = 0;
+    for (int plane = 0; plane < planes; ++plane) {
+        for (int y = 0; y < kHeight;) {
+            TW_IMAGEMEMXFER mx{};
+            mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
+            mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
+            mx.Memory.TheMem = buffer.data();
+            const TW_UINT16 rc = ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx);
+            const unsigned rows = std::min<unsigned>(rowsPerStrip, kHeight - y);
+            const bool last = plane == planes - 1 && y + static_cast<int>(rows) == kHeight;
+            ASSERT_TWRC(last ? TWRC_XFERDONE : TWRC_SUCCESS, rc) << "plane " << plane << " row " << y;
+            EXPECT_EQ(VSCAN_STATE_XFERRING, ds.Info().state);
+            ASSERT_EQ(rows, mx.Rows);
+            EXPECT_EQ(static_cast<TW_UINT32>(y), mx.YOffset) << "plane " << plane;
+            EXPECT_EQ(0u, mx.XOffset);
+            EXPECT_EQ(rowBytes, mx.BytesPerRow);
+            EXPECT_EQ(static_cast<TW_UINT32>(kWidth), mx.Columns);
+            EXPECT_EQ(rows * rowBytes, mx.BytesWritten);
+            EXPECT_EQ(TWCP_NONE, mx.Compression);
+            for (unsigned r = 0; r < rows; ++r) {
+                for (int x = 0; x < kWidth; ++x) {
+                    std::vector<unsigned> want = ExpectedSamples(f, kWidth, kHeight, 1, x, y + r);
+                    if (f.planar)
+                        want = {want[plane]};
+                    const std::vector<unsigned> got =
+                        ReadSamples(f, buffer.data() + r * rowBytes, x, f.planar ? plane : -1);
+                    ASSERT_EQ(want, got) << "plane " << plane << " pixel (" << x << ", " << y + r << ")";
+                }
+            }
+            y += rows;
+            ++strips;
+        }
+    }
+    EXPECT_EQ(planes * ((kHeight + rowsPerStrip - 1) / rowsPerStrip), strips);
+    TW_IMAGEMEMXFER more{};
+    more.Memory.Length = static_cast<TW_UINT32>(buffer.size());
+    more.Memory.TheMem = buffer.data();
+    EXPECT_TWFAIL(TWCC_SEQERROR, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &more)) << "the image is complete";
+    TW_UINT16 count = 99;
+    EXPECT_TWRC(TWRC_SUCCESS, EndXfer(count));
+    EXPECT_EQ(0, count);
+}
+INSTANTIATE_TEST_SUITE_P(Formats, VscanMemoryTest, ::testing::ValuesIn(kMemoryFormats), FormatName);
+
+TEST_F(VscanXferTest, MemoryBufferByHandleAndTooSmallBuffers) {
+    OpenSmall();
+    Negotiate(Make(TWPT_GRAY, 8), TWSX_MEMORY);
+    EnableToReady();
+    TW_IMAGEMEMXFER mx{};
+    std::vector<unsigned char> small(kWidth - 1);
+    mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
+    mx.Memory.Length = static_cast<TW_UINT32>(small.size());
+    mx.Memory.TheMem = small.data();
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx)) << "less than a row";
+    EXPECT_EQ(VSCAN_STATE_XFERREADY, ds.Info().state);
+    HGLOBAL handle = GlobalAlloc(GMEM_MOVEABLE, kWidth * kHeight);
+    mx.Memory.Flags = TWMF_APPOWNS | TWMF_HANDLE;
+    mx.Memory.Length = kWidth * kHeight;
+    mx.Memory.TheMem = handle;
+    ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx));
+    EXPECT_EQ(static_cast<TW_UINT32>(kHeight), mx.Rows);
+    const auto *bytes = static_cast<const unsigned char *>(GlobalLock(handle));
+    EXPECT_EQ(ExpectedSamples(Make(TWPT_GRAY, 8), kWidth, kHeight, 1, 30, 20)[0], bytes[20 * kWidth + 30]);
+    GlobalUnlock(handle);
+    GlobalFree(handle);
+}
+
+TEST_F(VscanXferTest, ResolutionScalingAndPaperSizeSetTheImageSize) {
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetFrame(0, 0, 1, 0.5));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XRESOLUTION, TWTY_FIX32, 200));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_YRESOLUTION, TWTY_FIX32, 300));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XSCALING, TWTY_FIX32, 0.5));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY));
+    EnableToReady();
+    TW_IMAGEINFO info = ImageInfo();
+    EXPECT_EQ(100, info.ImageWidth) << "1 inch x 200 dpi x 0.5";
+    EXPECT_EQ(150, info.ImageLength) << "0.5 inch x 300 dpi";
+    EXPECT_EQ(200, Fix32ToDouble(info.XResolution));
+    EXPECT_EQ(300, Fix32ToDouble(info.YResolution));
+    Dib dib;
+    Native(dib);
+    EXPECT_EQ(100, dib.header.biWidth);
+    EXPECT_EQ(150, dib.header.biHeight);
+    EXPECT_EQ(7874, dib.header.biXPelsPerMeter);
+    EXPECT_TRUE(DibMatches(Make(TWPT_GRAY, 8), dib, 100, 150, 1));
+    TW_UINT16 count;
+    EndXfer(count);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XSCALING, TWTY_FIX32, 1));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XRESOLUTION, TWTY_FIX32, 50));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_YRESOLUTION, TWTY_FIX32, 50));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_SUPPORTEDSIZES, TWTY_UINT16, TWSS_USLETTER));
+    EnableToReady();
+    info = ImageInfo();
+    EXPECT_EQ(425, info.ImageWidth) << "8.5 inches at 50 dpi";
+    EXPECT_EQ(550, info.ImageLength) << "11 inches at 50 dpi";
+}
+
+TEST_F(VscanXferTest, ThresholdAndPixelFlavourDecideBlackAndWhite) {
+    OpenSmall();
+    Negotiate(Make(TWPT_BW, 1), TWSX_NATIVE);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_THRESHOLD, TWTY_FIX32, 60));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELFLAVOR, TWTY_UINT16, TWPF_VANILLA));
+    EnableToReady();
+    Dib dib;
+    Native(dib);
+    Format f = Make(TWPT_BW, 1);
+    f.threshold = 60;
+    f.vanilla = true;
+    ExpectColourTable(f, dib);
+    EXPECT_TRUE(DibMatches(f, dib, kWidth, kHeight, 1));
+    f.vanilla = false;
+    EXPECT_FALSE(DibMatches(f, dib, kWidth, kHeight, 1)) << "the flavour must show in the bits";
+}
+
+TEST_F(VscanXferTest, TransfersOfAnotherMechanismAreSequenceErrors) {
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XFERMECH, TWTY_UINT16, TWSX_MEMORY));
+    EnableToReady();
+    TW_UINT32 handle = 0;
+    EXPECT_TWFAIL(TWCC_SEQERROR, ds.Call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle));
+    EXPECT_TWFAIL(TWCC_SEQERROR, ds.Call(DG_IMAGE, DAT_IMAGEFILEXFER, MSG_GET, nullptr));
+    EXPECT_EQ(VSCAN_STATE_XFERREADY, ds.Info().state);
+}
+
+TEST_F(VscanXferTest, PaletteOfEachPixelType) {
+    OpenSmall();
+    TW_PALETTE8 palette{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_PALETTE));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_PALETTE8, MSG_GET, &palette));
+    EXPECT_EQ(256, palette.NumColors);
+    EXPECT_EQ(TWPA_RGB, palette.PaletteType);
+    for (int i = 0; i < 256; ++i) {
+        unsigned r, g, b;
+        ExpectedPaletteEntry(8, i, r, g, b);
+        ASSERT_EQ(i, palette.Colors[i].Index);
+        ASSERT_EQ(r, palette.Colors[i].Channel1) << i;
+        ASSERT_EQ(g, palette.Colors[i].Channel2) << i;
+        ASSERT_EQ(b, palette.Colors[i].Channel3) << i;
+    }
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_BITDEPTH, TWTY_UINT16, 4));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_PALETTE8, MSG_GET, &palette));
+    EXPECT_EQ(16, palette.NumColors);
+    EXPECT_EQ(255, palette.Colors[15].Channel1);
+    EXPECT_EQ(0, palette.Colors[15].Channel2);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_PALETTE8, MSG_GET, &palette));
+    EXPECT_EQ(256, palette.NumColors);
+    EXPECT_EQ(TWPA_GRAY, palette.PaletteType);
+    EXPECT_EQ(77, palette.Colors[77].Channel3);
+}
+
+TEST_F(VscanXferTest, SetupFileXferTakesOnlyBmp) {
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    TW_SETUPFILEXFER setup{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_GETDEFAULT, &setup));
+    EXPECT_STREQ("TWAIN.TMP", setup.FileName);
+    setup.Format = TWFF_TIFF;
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup));
+    setup.Format = TWFF_BMP;
+    std::strcpy(setup.FileName, "C:\\elsewhere.bmp");
+    EXPECT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup));
+    TW_SETUPFILEXFER back{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_GET, &back));
+    EXPECT_STREQ("C:\\elsewhere.bmp", back.FileName);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_RESET, &back));
+    EXPECT_STREQ("TWAIN.TMP", back.FileName);
+    TW_UINT32 group = 0;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_XFERGROUP, MSG_GET, &group));
+    EXPECT_EQ(static_cast<TW_UINT32>(DG_IMAGE), group);
+}
+
+TEST_F(VscanXferTest, FeederDeliversNumberedPagesUntilEmpty) {
+    ds.setPages(3);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY));
+    Container loaded;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(CAP_FEEDERLOADED, MSG_GETCURRENT, loaded));
+    EXPECT_EQ(1, loaded.Value());
+    EnableToReady();
+    TW_PENDINGXFERS pending{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_GET, &pending));
+    EXPECT_EQ(3, pending.Count);
+    for (int page = 1; page <= 3; ++page) {
+        SCOPED_TRACE(page);
+        TW_IMAGELAYOUT layout{};
+        ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_GET, &layout));
+        EXPECT_EQ(static_cast<TW_UINT32>(page), layout.PageNumber);
+        Dib dib;
+        Native(dib);
+        EXPECT_TRUE(DibMatches(Make(TWPT_GRAY, 8), dib, kWidth, kHeight, page));
+        if (page == 2) { // the page number is in the pixels: page 1's would differ
+            EXPECT_FALSE(DibMatches(Make(TWPT_GRAY, 8), dib, kWidth, kHeight, 1));
+        }
+        TW_UINT16 count = 99;
+        ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
+        EXPECT_EQ(3 - page, count);
+        ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(CAP_FEEDERLOADED, MSG_GETCURRENT, loaded));
+        EXPECT_EQ(page < 3 ? 1 : 0, loaded.Value());
+    }
+    EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
+    EXPECT_EQ(0, ds.Info().sheetsLeft);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+    EXPECT_TWFAIL(TWCC_OPERATIONERROR, ds.Enable(false)) << "an empty feeder";
+    ds.setPages(2);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(CAP_FEEDERLOADED, MSG_GETCURRENT, loaded));
+    EXPECT_EQ(1, loaded.Value()) << "loading sheets";
+}
+
+TEST_F(VscanXferTest, XferCountAndImageDataSetChooseTheBatch) {
+    ds.setPages(5);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_XFERCOUNT, TWTY_INT16, 2));
+    EnableToReady();
+    TW_PENDINGXFERS pending{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_GET, &pending));
+    EXPECT_EQ(2, pending.Count);
+    TW_UINT16 count;
+    ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count)) << "skipping an image in state 6";
+    EXPECT_EQ(1, count);
+    ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
+    EXPECT_EQ(0, count);
+    EXPECT_EQ(3, ds.Info().sheetsLeft);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCapContainer(ICAP_IMAGEDATASET, TWON_ARRAY, MakeArray(TWTY_UINT32, {5, 2})));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_XFERCOUNT, TWTY_INT16, -1));
+    EnableToReady();
+    for (int page : {5, 2}) {
+        Dib dib;
+        Native(dib);
+        EXPECT_TRUE(DibMatches(Make(TWPT_RGB, 24), dib, kWidth, kHeight, page)) << "page " << page;
+        ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
+    }
+    EXPECT_EQ(0, count);
+}
+
+TEST_F(VscanXferTest, PendingXfersResetDropsTheBatch) {
+    ds.setPages(3);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    TW_PENDINGXFERS pending{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_GET, &pending));
+    EXPECT_EQ(0, pending.Count) << "nothing announced in state 4";
+    EnableToReady();
+    pending.Count = 99;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending));
+    EXPECT_EQ(0, pending.Count);
+    EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
+    EXPECT_EQ(3, ds.Info().sheetsLeft) << "dropped sheets stay in the feeder";
+}
+
+TEST_F(VscanXferTest, EndingAnImageHalfwayThroughAMemoryTransfer) {
+    ds.setPages(2);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    Negotiate(Make(TWPT_GRAY, 8), TWSX_MEMORY);
+    EnableToReady();
+    std::vector<unsigned char> buffer(kWidth * 10);
+    TW_IMAGEMEMXFER mx{};
+    mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
+    mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
+    mx.Memory.TheMem = buffer.data();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx));
+    TW_UINT16 count;
+    ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
+    EXPECT_EQ(1, count);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx));
+    EXPECT_EQ(0u, mx.YOffset) << "the next image starts at its top";
+    EXPECT_EQ(ExpectedSamples(Make(TWPT_GRAY, 8), kWidth, kHeight, 2, 50, 5)[0], buffer[5 * kWidth + 50]);
+}
+
+} // namespace
+} // namespace smtest
