@@ -124,7 +124,8 @@ HGLOBAL OneValue(TW_UINT16 itemType, TW_UINT32 item) {
 
 HGLOBAL PixelTypes() {
     const TW_UINT16 items[] = {TWPT_BW, TWPT_GRAY, TWPT_RGB};
-    const TW_UINT32 claimed = containers == FAKEDS_CONTAINERS_SHORT ? FAKEDS_SHORT_CLAIM : 3;
+    const TW_UINT32 count = sizeof items / sizeof *items;
+    const TW_UINT32 claimed = containers == FAKEDS_CONTAINERS_SHORT ? FAKEDS_SHORT_CLAIM : count;
     HGLOBAL handle = Allocate(offsetof(TW_ENUMERATION, ItemList) + sizeof items);
     TW_ENUMERATION *list = static_cast<TW_ENUMERATION *>(GlobalLock(handle));
     list->ItemType = TWTY_UINT16;

@@ -224,6 +224,29 @@ TEST_F(TdsmSourceTest, ResetClosesAndFreesOpenSources) {
     EXPECT_EQ(TDSM_STATE_LOADED, dsm.State());
 }
 
+TEST_F(TdsmSourceTest, AGarbageAnswerToOpenDsComesBackAndTheSourceIsFreed) {
+    const std::string path = PutSource("Alpha.ds");
+    FakeSource fake;
+    ASSERT_TRUE(fake.Attach(path));
+    fake.FailTriplet(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, kGarbageRc, TWCC_BUMMER);
+    ASSERT_RC(TWRC_SUCCESS, OpenDsm());
+    TW_IDENTITY identity = IdentityNamed("Alpha");
+    EXPECT_EQ(kGarbageRc, Identity(MSG_OPENDS, &identity));
+    EXPECT_EQ(0, dsm.OpenSourceCount());
+    EXPECT_RC(TWRC_SUCCESS, CloseDsm()) << "nothing stays open";
+}
+
+TEST_F(TdsmSourceTest, UnloadingTheManagerFreesSourcesLeftOpen) {
+    const std::string path = PutSource("Alpha.ds");
+    ASSERT_RC(TWRC_SUCCESS, OpenDsm());
+    OpenSource("Alpha");
+    ASSERT_TRUE(IsLoaded(path));
+    dsm.Close();
+    EXPECT_FALSE(IsLoaded(TwainPath()));
+    EXPECT_FALSE(IsLoaded(path)) << "the manager frees what it loaded when it goes";
+    ASSERT_TRUE(dsm.Open());
+}
+
 // --- Faults -------------------------------------------------------------------------------------------------------
 
 using TdsmFaultTest = DsmTest;
