@@ -1,0 +1,449 @@
+// Virtual scanner: announced events without and with the interface, every fault switch, and the settings file.
+#include <algorithm>
+#include <fstream>
+#include <functional>
+
+#include "VscanTest.h"
+
+namespace smtest {
+namespace {
+
+constexpr int kWidth = 100;
+constexpr int kHeight = 50;
+const char kWindowClass[] = "VscanWindow";
+
+// A window of the test application, for hParent.
+class AppWindow {
+public:
+    AppWindow() {
+        window_ = CreateWindowExA(0, "STATIC", "vscan test application", WS_OVERLAPPEDWINDOW, 0, 0, 200, 100, nullptr,
+                                  nullptr, GetModuleHandleA(nullptr), nullptr);
+    }
+    ~AppWindow() { DestroyWindow(window_); }
+    HWND Handle() const { return window_; }
+
+private:
+    HWND window_;
+};
+
+class VscanEventTest : public VscanTest {
+protected:
+    // The first message waiting for this thread (or for `window`), removed from the queue.
+    bool NextMessage(MSG &msg, HWND window = nullptr) {
+        const DWORD start = GetTickCount();
+        while (GetTickCount() - start < 1000) {
+            if (PeekMessageA(&msg, window, 0, 0, PM_REMOVE))
+                return true;
+            Sleep(10);
+        }
+        return false;
+    }
+    TW_UINT16 Process(MSG &msg, TW_UINT16 &twMessage) {
+        TW_EVENT event{&msg, 0xffff};
+        const TW_UINT16 rc = ds.Call(DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event);
+        twMessage = event.TWMessage;
+        return rc;
+    }
+    TW_UINT16 EnableModal(HWND parent, TW_UINT16 msg = MSG_ENABLEDS) {
+        TW_USERINTERFACE ui{1, 1, parent};
+        return ds.Call(DG_CONTROL, DAT_USERINTERFACE, msg, &ui);
+    }
+    HWND Button(const char *text) { return FindWindowExA(ds.Info().window, nullptr, "Button", text); }
+    // Transfers the announced image natively and ends it; the count left.
+    int TransferOne() {
+        TW_UINT32 handle = 0;
+        EXPECT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle));
+        GlobalFree(reinterpret_cast<HGLOBAL>(static_cast<UINT_PTR>(handle)));
+        TW_UINT16 count = 99;
+        EXPECT_TWRC(TWRC_SUCCESS, EndXfer(count));
+        return count;
+    }
+};
+
+TEST_F(VscanEventTest, WithoutParentTheNoticeIsAThreadMessage) {
+    OpenSmall();
+    DrainMessages();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(false, nullptr));
+    EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state) << "state 5 until the notice is processed";
+    MSG msg;
+    ASSERT_TRUE(NextMessage(msg));
+    EXPECT_EQ(nullptr, msg.hwnd);
+    EXPECT_EQ(ds.Info().notifyMessage, msg.message);
+    TW_UINT16 twMessage;
+    EXPECT_TWRC(TWRC_DSEVENT, Process(msg, twMessage));
+    EXPECT_EQ(MSG_XFERREADY, twMessage);
+    EXPECT_EQ(VSCAN_STATE_XFERREADY, ds.Info().state);
+
+    MSG foreign{nullptr, WM_USER + 5, 1, 2, 0, {0, 0}};
+    EXPECT_TWRC(TWRC_NOTDSEVENT, Process(foreign, twMessage));
+    EXPECT_EQ(MSG_NULL, twMessage);
+    EXPECT_TWRC(TWRC_DSEVENT, Process(msg, twMessage)) << "a repeated notice is still ours";
+    EXPECT_EQ(MSG_NULL, twMessage) << "but announces nothing more";
+}
+
+TEST_F(VscanEventTest, WithAParentTheNoticeGoesToItsWindow) {
+    AppWindow app;
+    ASSERT_NE(nullptr, app.Handle());
+    OpenSmall();
+    DrainMessages();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(false, app.Handle()));
+    MSG msg;
+    ASSERT_TRUE(NextMessage(msg, app.Handle()));
+    EXPECT_EQ(app.Handle(), msg.hwnd);
+    EXPECT_EQ(ds.Info().notifyMessage, msg.message);
+    TW_UINT16 twMessage;
+    EXPECT_TWRC(TWRC_DSEVENT, Process(msg, twMessage));
+    EXPECT_EQ(MSG_XFERREADY, twMessage);
+    EXPECT_EQ(0, TransferOne());
+    EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
+    EXPECT_EQ(MSG_NULL, ds.WaitEvent(200)) << "nothing more is announced";
+}
+
+TEST_F(VscanEventTest, InterfaceWithAutomaticScanAndClose) {
+    ds.setAutoScan(VSCAN_AUTO_SCAN_CLOSE);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(true));
+    const HWND window = ds.Info().window;
+    ASSERT_NE(nullptr, window);
+    EXPECT_EQ(window, FindWindowA(kWindowClass, "Virtual Scanner"));
+    EXPECT_NE(nullptr, Button("Scan"));
+    EXPECT_NE(nullptr, Button("Close"));
+    EXPECT_NE(nullptr, FindWindowExA(window, nullptr, "ComboBox", nullptr));
+    EXPECT_EQ(MSG_XFERREADY, ds.WaitEvent());
+    EXPECT_EQ(0, TransferOne());
+    EXPECT_EQ(MSG_CLOSEDSREQ, ds.WaitEvent()) << "Close pressed once the batch is done";
+    EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+    EXPECT_FALSE(IsWindow(window));
+    EXPECT_EQ(nullptr, ds.Info().window);
+}
+
+TEST_F(VscanEventTest, InterfaceChoicesAndButtonsPressedByTheTest) {
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(true));
+    const HWND window = ds.Info().window;
+    ASSERT_NE(nullptr, window);
+    EXPECT_EQ(MSG_NULL, ds.WaitEvent(300)) << "nothing happens before Scan";
+    EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
+    const HWND resolution = FindWindowExA(window, nullptr, "ComboBox", nullptr);
+    const HWND pixelType = FindWindowExA(window, resolution, "ComboBox", nullptr);
+    ASSERT_NE(nullptr, pixelType);
+    EXPECT_EQ(2, SendMessageA(resolution, CB_GETCURSEL, 0, 0)) << "100 dpi shown";
+    EXPECT_EQ(2, SendMessageA(pixelType, CB_GETCURSEL, 0, 0)) << "colour shown";
+    SendMessageA(resolution, CB_SETCURSEL, 4, 0); // 200 dpi
+    SendMessageA(pixelType, CB_SETCURSEL, 1, 0);  // gray
+    const HWND scan = Button("Scan");
+    PostMessageA(window, WM_COMMAND, MAKEWPARAM(GetDlgCtrlID(scan), BN_CLICKED), reinterpret_cast<LPARAM>(scan));
+    EXPECT_EQ(MSG_XFERREADY, ds.WaitEvent());
+    const TW_IMAGEINFO info = ImageInfo();
+    EXPECT_EQ(TWPT_GRAY, info.PixelType);
+    EXPECT_EQ(8, info.BitsPerPixel);
+    EXPECT_EQ(2 * kWidth, info.ImageWidth);
+    EXPECT_EQ(0, TransferOne());
+    PostMessageA(window, WM_CLOSE, 0, 0);
+    EXPECT_EQ(MSG_CLOSEDSREQ, ds.WaitEvent());
+    EXPECT_TRUE(IsWindow(window)) << "the window stays until MSG_DISABLEDS";
+}
+
+TEST_F(VscanEventTest, ModalInterfaceDisablesTheParentUntilDisabled) {
+    AppWindow app;
+    OpenSmall();
+    ASSERT_TRUE(IsWindowEnabled(app.Handle()));
+    ASSERT_TWRC(TWRC_SUCCESS, EnableModal(app.Handle()));
+    EXPECT_FALSE(IsWindowEnabled(app.Handle()));
+    EXPECT_EQ(app.Handle(), GetWindow(ds.Info().window, GW_OWNER));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+    EXPECT_TRUE(IsWindowEnabled(app.Handle()));
+}
+
+TEST_F(VscanEventTest, SettingsOnlyInterfaceAnswersCloseDsOk) {
+    ds.setAutoScan(VSCAN_AUTO_SCAN);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(true, nullptr, MSG_ENABLEDSUIONLY));
+    EXPECT_NE(nullptr, Button("OK"));
+    EXPECT_EQ(MSG_CLOSEDSOK, ds.WaitEvent());
+    EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
+}
+
+// --- Faults, each switched by the control export and by vscan.ini.
+
+enum class Via { Control, File };
+
+class VscanFaultTest : public VscanEventTest, public ::testing::WithParamInterface<Via> {
+protected:
+    // Switches a fault by the control, or writes `line` to vscan.ini and resets the source to read it.
+    void Switch(const std::string &line, const std::function<void()> &control) {
+        if (GetParam() == Via::Control) {
+            control();
+            return;
+        }
+        std::ofstream(IniPath()) << "; written by the fault suite\n[vscan]\n" << line << "\n";
+        ds.reset();
+        const int keys = 1 + static_cast<int>(std::count(line.begin(), line.end(), '\n'));
+        ASSERT_EQ(keys, ds.Info().settingsKeys) << line;
+    }
+    void MemoryGray() {
+        OpenSmall();
+        Negotiate(Format{TWPT_GRAY, 8}, TWSX_MEMORY);
+    }
+    TW_UINT16 Strip(std::vector<unsigned char> &buffer, TW_IMAGEMEMXFER &mx) {
+        mx = TW_IMAGEMEMXFER{};
+        mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
+        mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
+        mx.Memory.TheMem = buffer.data();
+        return ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx);
+    }
+};
+
+std::string ViaName(const ::testing::TestParamInfo<Via> &info) {
+    return info.param == Via::Control ? "Control" : "File";
+}
+
+TEST_P(VscanFaultTest, TripletFailsOnce) {
+    Switch("Fail = DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, 0, TWRC_FAILURE, TWCC_OPERATIONERROR, 1, 1", [&] {
+        ds.failTriplet(DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, 0, TWRC_FAILURE, TWCC_OPERATIONERROR, 1, 1);
+    });
+    OpenSmall();
+    EXPECT_TWFAIL(TWCC_OPERATIONERROR, ds.Enable(false));
+    EXPECT_EQ(VSCAN_STATE_OPEN, ds.Info().state) << "a faulted triplet does nothing";
+    EXPECT_TWRC(TWRC_SUCCESS, ds.Enable(false));
+}
+
+TEST_P(VscanFaultTest, CapabilityFailsFromTheSecondCallOn) {
+    Switch("Fail = DG_CONTROL, DAT_CAPABILITY, MSG_GET, ICAP_PIXELTYPE, TWRC_FAILURE, TWCC_BADCAP, 2, 0", [&] {
+        ds.failTriplet(DG_CONTROL, DAT_CAPABILITY, MSG_GET, ICAP_PIXELTYPE, TWRC_FAILURE, TWCC_BADCAP, 2, 0);
+    });
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    Container c;
+    EXPECT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_PIXELTYPE, MSG_GET, c));
+    EXPECT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_UNITS, MSG_GET, c)) << "another capability is not counted";
+    EXPECT_TWFAIL(TWCC_BADCAP, ds.GetCap(ICAP_PIXELTYPE, MSG_GET, c));
+    EXPECT_TWFAIL(TWCC_BADCAP, ds.GetCap(ICAP_PIXELTYPE, MSG_GET, c));
+    EXPECT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_PIXELTYPE, MSG_GETCURRENT, c)) << "another message";
+}
+
+TEST_P(VscanFaultTest, TripletAnswersAnotherReturnCodeAlways) {
+    Switch("Fail = 2, 0x104, 1, 0, TWRC_CANCEL, TWCC_SUCCESS",
+           [&] { ds.failTriplet(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, 0, TWRC_CANCEL, TWCC_SUCCESS, 1, 0); });
+    OpenSmall();
+    EnableToReady();
+    TW_UINT32 handle = 0;
+    EXPECT_TWRC(TWRC_CANCEL, ds.Call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle));
+    EXPECT_TWRC(TWRC_CANCEL, ds.Call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle));
+    EXPECT_EQ(0u, handle);
+}
+
+TEST_P(VscanFaultTest, ContainerAndItemTypeSubstituted) {
+    Switch("Container = ICAP_XRESOLUTION, MSG_GET, TWON_RANGE",
+           [&] { ds.setContainer(ICAP_XRESOLUTION, MSG_GET, TWON_RANGE); });
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    Container c;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GET, c));
+    EXPECT_STREQ("TWON_RANGE", ConName(c.conType));
+    EXPECT_EQ((std::vector<double>{50, 600, 25, 100, 100}), c.items);
+    ds.reset();
+    DeleteFileA(IniPath().c_str());
+    Switch("ItemType = CAP_INDICATORS, TWTY_UINT16", [&] { ds.setItemType(CAP_INDICATORS, TWTY_UINT16); });
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(CAP_INDICATORS, MSG_GET, c));
+    EXPECT_EQ(TWTY_UINT16, c.itemType);
+    EXPECT_EQ(1, c.Value());
+}
+
+TEST_P(VscanFaultTest, UnknownImageLength) {
+    Switch("UnknownLength = 1", [&] { ds.setFault(VSCAN_FAULT_UNKNOWNLENGTH, 1); });
+    MemoryGray();
+    EnableToReady();
+    EXPECT_EQ(-1, ImageInfo().ImageLength);
+    EXPECT_EQ(kWidth, ImageInfo().ImageWidth);
+    std::vector<unsigned char> buffer(kWidth * 30);
+    TW_IMAGEMEMXFER mx;
+    ASSERT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
+    ASSERT_TWRC(TWRC_XFERDONE, Strip(buffer, mx)) << "the rows still end";
+    EXPECT_EQ(30u, mx.YOffset);
+    EXPECT_EQ(static_cast<TW_UINT32>(kHeight - 30), mx.Rows);
+}
+
+TEST_P(VscanFaultTest, MemoryTransferCancelledAtBlock) {
+    Switch("CancelBlock = 2", [&] { ds.setFault(VSCAN_FAULT_CANCELBLOCK, 2); });
+    MemoryGray();
+    EnableToReady();
+    std::vector<unsigned char> buffer(kWidth * 10);
+    TW_IMAGEMEMXFER mx;
+    EXPECT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
+    EXPECT_TWRC(TWRC_CANCEL, Strip(buffer, mx));
+    EXPECT_EQ(VSCAN_STATE_XFERRING, ds.Info().state);
+    EXPECT_TWFAIL(TWCC_SEQERROR, Strip(buffer, mx)) << "nothing more of a cancelled image";
+    TW_UINT16 count;
+    EXPECT_TWRC(TWRC_SUCCESS, EndXfer(count));
+    EXPECT_EQ(0, count);
+}
+
+TEST_P(VscanFaultTest, NativeTransferOfOneImageCancelled) {
+    Switch("CancelImage = 2", [&] { ds.setFault(VSCAN_FAULT_CANCELIMAGE, 2); });
+    ds.setPages(3);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    EnableToReady();
+    EXPECT_EQ(2, TransferOne());
+    TW_UINT32 handle = 0;
+    EXPECT_TWRC(TWRC_CANCEL, ds.Call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle));
+    EXPECT_EQ(0u, handle);
+    TW_UINT16 count;
+    EXPECT_TWRC(TWRC_SUCCESS, EndXfer(count));
+    EXPECT_EQ(1, count);
+    EXPECT_EQ(0, TransferOne()) << "image 3 comes through";
+}
+
+TEST_P(VscanFaultTest, FileTransferCancelled) {
+    Switch("CancelImage = 1", [&] { ds.setFault(VSCAN_FAULT_CANCELIMAGE, 1); });
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XFERMECH, TWTY_UINT16, TWSX_FILE));
+    TW_SETUPFILEXFER setup{};
+    char temp[MAX_PATH];
+    GetTempPathA(sizeof temp, temp);
+    const std::string path = std::string(temp) + "vscan_cancelled.bmp";
+    DeleteFileA(path.c_str());
+    lstrcpynA(setup.FileName, path.c_str(), sizeof setup.FileName);
+    setup.Format = TWFF_BMP;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup));
+    EnableToReady();
+    EXPECT_TWRC(TWRC_CANCEL, ds.Call(DG_IMAGE, DAT_IMAGEFILEXFER, MSG_GET, nullptr));
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesA(path.c_str())) << "no file for a cancelled image";
+}
+
+TEST_P(VscanFaultTest, BytesWrittenDisagreesWithRows) {
+    Switch("BytesWrittenDelta = -3", [&] { ds.setFault(VSCAN_FAULT_BYTESWRITTENDELTA, -3); });
+    MemoryGray();
+    EnableToReady();
+    std::vector<unsigned char> buffer(kWidth * 10);
+    TW_IMAGEMEMXFER mx;
+    ASSERT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
+    EXPECT_EQ(10u, mx.Rows);
+    EXPECT_EQ(static_cast<TW_UINT32>(kWidth), mx.BytesPerRow);
+    EXPECT_EQ(static_cast<TW_UINT32>(10 * kWidth - 3), mx.BytesWritten);
+}
+
+TEST_P(VscanFaultTest, ZeroBufferSizes) {
+    Switch("ZeroBufferSizes = 1", [&] { ds.setFault(VSCAN_FAULT_ZEROBUFFERSIZES, 1); });
+    MemoryGray();
+    TW_SETUPMEMXFER setup{1, 1, 1};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup));
+    EXPECT_EQ(0u, setup.MinBufSize);
+    EXPECT_EQ(0u, setup.MaxBufSize);
+    EXPECT_EQ(0u, setup.Preferred);
+}
+
+TEST_P(VscanFaultTest, PaletteOfMoreThan256Colours) {
+    Switch("PaletteColors = 300", [&] { ds.setFault(VSCAN_FAULT_PALETTECOLORS, 300); });
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_PALETTE));
+    TW_PALETTE8 palette{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_PALETTE8, MSG_GET, &palette));
+    EXPECT_EQ(300, palette.NumColors);
+}
+
+TEST_P(VscanFaultTest, CloseRequestAfterAnImage) {
+    Switch("CloseRequestAfter = 1", [&] { ds.setFault(VSCAN_FAULT_CLOSEREQUESTAFTER, 1); });
+    ds.setPages(3);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    EnableToReady();
+    EXPECT_EQ(2, TransferOne());
+    EXPECT_EQ(MSG_CLOSEDSREQ, ds.WaitEvent());
+    EXPECT_EQ(VSCAN_STATE_XFERREADY, ds.Info().state);
+    TW_PENDINGXFERS pending{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+}
+
+TEST_P(VscanFaultTest, ManufacturerNamedByTheTest) {
+    Switch("Manufacturer = EPSON", [&] { ds.setIdentity("EPSON", nullptr, nullptr); });
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    EXPECT_STREQ("EPSON", ds.ds.Manufacturer);
+    EXPECT_STREQ("Virtual Scanner", ds.ds.ProductName);
+}
+
+TEST_P(VscanFaultTest, PagesAndAutomaticScan) {
+    Switch("Pages = 4\nAutoScan = VSCAN_AUTO_SCAN", [&] {
+        ds.setPages(4);
+        ds.setAutoScan(VSCAN_AUTO_SCAN);
+    });
+    EXPECT_EQ(4, ds.Info().sheetsLeft);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(true));
+    EXPECT_EQ(MSG_XFERREADY, ds.WaitEvent());
+    TW_PENDINGXFERS pending{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_GET, &pending));
+    EXPECT_EQ(4, pending.Count);
+}
+
+INSTANTIATE_TEST_SUITE_P(Via, VscanFaultTest, ::testing::Values(Via::Control, Via::File), ViaName);
+
+class VscanSettingsTest : public VscanTest {};
+
+TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
+    std::ofstream(IniPath()) << "; every key of vscan.ini\n"
+                                "# another comment\n"
+                                "[Identity]\n"
+                                "Manufacturer = EPSON\n"
+                                "ProductFamily = Test Family\n"
+                                "ProductName = Test Scanner\n"
+                                "[Feeder]\n"
+                                "Pages = 7\n"
+                                "AutoScan = 2\n"
+                                "[Faults]\n"
+                                "Fail = DG_CONTROL, DAT_XFERGROUP, MSG_GET, 0, TWRC_FAILURE, TWCC_BUMMER\n"
+                                "Container = CAP_INDICATORS, MSG_GETCURRENT, TWON_ENUMERATION\n"
+                                "ItemType = 0x1118, 4\n"
+                                "UnknownLength = 1\n"
+                                "CancelImage = 0\n"
+                                "CancelBlock = 0\n"
+                                "BytesWrittenDelta = 0\n"
+                                "ZeroBufferSizes = 0\n"
+                                "PaletteColors = 0\n"
+                                "CloseRequestAfter = 0\n";
+    ds.reset();
+    EXPECT_EQ(15, ds.Info().settingsKeys);
+    EXPECT_EQ(7, ds.Info().sheetsLeft);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    EXPECT_STREQ("EPSON", ds.ds.Manufacturer);
+    EXPECT_STREQ("Test Family", ds.ds.ProductFamily);
+    EXPECT_STREQ("Test Scanner", ds.ds.ProductName);
+    TW_UINT32 group = 0;
+    EXPECT_TWFAIL(TWCC_BUMMER, ds.Call(DG_CONTROL, DAT_XFERGROUP, MSG_GET, &group));
+    Container c;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(CAP_INDICATORS, MSG_GETCURRENT, c));
+    EXPECT_STREQ("TWON_ENUMERATION", ConName(c.conType));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GETCURRENT, c));
+    EXPECT_EQ(TWTY_UINT16, c.itemType);
+}
+
+TEST_F(VscanSettingsTest, ABadKeyStopsTheFile) {
+    std::ofstream(IniPath()) << "Pages = 2\nNoSuchKey = 1\nPages = 9\n";
+    ds.reset();
+    EXPECT_EQ(-1, ds.Info().settingsKeys);
+    EXPECT_EQ(2, ds.Info().sheetsLeft) << "keys before the bad one stay applied";
+    std::ofstream(IniPath()) << "Fail = DG_CONTROL, DAT_NOSUCH, MSG_GET, 0, TWRC_FAILURE, TWCC_BUMMER\n";
+    EXPECT_EQ(-1, ds.loadSettings(IniPath().c_str())) << "an unknown name";
+    std::ofstream(IniPath()) << "CancelBlock\n";
+    EXPECT_EQ(-1, ds.loadSettings(IniPath().c_str())) << "no value";
+}
+
+TEST_F(VscanSettingsTest, NoFileAndAFileElsewhere) {
+    EXPECT_EQ(-1, ds.Info().settingsKeys);
+    char temp[MAX_PATH];
+    GetTempPathA(sizeof temp, temp);
+    const std::string path = std::string(temp) + "vscan_elsewhere.ini";
+    std::ofstream(path) << "ProductName = Elsewhere\n";
+    EXPECT_EQ(1, ds.loadSettings(path.c_str()));
+    DeleteFileA(path.c_str());
+    TW_IDENTITY id{};
+    ds.Call(DG_CONTROL, DAT_IDENTITY, MSG_GET, &id);
+    EXPECT_STREQ("Elsewhere", id.ProductName);
+    EXPECT_EQ(-1, ds.loadSettings(path.c_str()));
+}
+
+} // namespace
+} // namespace smtest
