@@ -420,6 +420,28 @@ TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
     EXPECT_EQ(TWTY_UINT16, c.itemType);
 }
 
+TEST_F(VscanSettingsTest, TheReadmeExample) {
+    std::ofstream(IniPath()) << "; a feeder of 5 sheets from a maker the library treats specially, and some trouble\n"
+                                "[identity]\n"
+                                "Manufacturer = EPSON\n"
+                                "Pages = 5\n"
+                                "[faults]\n"
+                                "Fail = DG_CONTROL, DAT_CAPABILITY, MSG_SET, ICAP_PIXELTYPE, TWRC_FAILURE, "
+                                "TWCC_BADVALUE, 1, 1\n"
+                                "Container = ICAP_XRESOLUTION, MSG_GET, TWON_RANGE\n"
+                                "ItemType = CAP_FEEDERENABLED, TWTY_UINT16\n"
+                                "CancelImage = 3\n"
+                                "CancelBlock = 2\n"
+                                "CloseRequestAfter = 4\n";
+    ds.reset();
+    EXPECT_EQ(8, ds.Info().settingsKeys);
+    EXPECT_EQ(5, ds.Info().sheetsLeft);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    EXPECT_STREQ("EPSON", ds.ds.Manufacturer);
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY));
+    EXPECT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY)) << "only once";
+}
+
 TEST_F(VscanSettingsTest, ABadKeyStopsTheFile) {
     std::ofstream(IniPath()) << "Pages = 2\nNoSuchKey = 1\nPages = 9\n";
     ds.reset();
