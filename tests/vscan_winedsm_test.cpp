@@ -46,7 +46,7 @@ protected:
     TW_UINT16 Ds(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_MEMREF data) {
         return entry_(&app_, &source_, dg, dat, msg, data);
     }
-    // Wine takes MSG_OPENDSM's data as the window handle itself, where the standard passes its address.
+    // Wine takes MSG_OPENDSM's data as the window handle itself, where other managers take its address.
     TW_MEMREF OpenDsmData() { return static_cast<TW_MEMREF>(window_); }
 
     // Opens the manager and the virtual scanner found in its list.
