@@ -324,22 +324,40 @@ bool RouteMatches(const Route &route, Target target, const Call &call) {
            (route.dat == kAny || route.dat == call.dat) && (route.msg == kAny || route.msg == call.msg);
 }
 
+bool IsStatusQuery(const Call &call) {
+    return call.dg == DG_CONTROL && call.dat == DAT_STATUS && call.msg == MSG_GET;
+}
+
+// An identity whose Id the manager never assigned (0) names no open source: classic managers answer a status
+// query for it themselves, as applications ask the status of their source identity also when none is open.
+bool NamesNoSource(const pTW_IDENTITY identity) {
+    return Readable(identity, sizeof(TW_IDENTITY)) && identity->Id == 0;
+}
+
 Target TargetOf(const Call &call) {
-    if (!call.dest)
+    if (!call.dest || (IsStatusQuery(call) && NamesNoSource(call.dest)))
         return Target::Manager;
     if (FindOpenById(call.origin->Id))
         return Target::FromSource;
     return Target::Source;
 }
 
-// A fault answers instead of the triplet; a source's next DAT_STATUS then reports it too.
+// The open source a triplet concerns: its destination, or the source that MSG_CLOSEDS names in its data.
+OpenSource *SourceConcerned(const Call &call, Target target) {
+    if (target == Target::Source)
+        return Destination(call);
+    const bool closing = call.dg == DG_CONTROL && call.dat == DAT_IDENTITY && call.msg == MSG_CLOSEDS;
+    if (closing && Readable(call.data, sizeof(TW_IDENTITY)))
+        return FindOpenById(static_cast<pTW_IDENTITY>(call.data)->Id);
+    return nullptr;
+}
+
+// A fault answers instead of the triplet; the next DAT_STATUS of the source it concerns then reports it too.
 TW_UINT16 AnswerFault(Call &call, Target target, const FaultAnswer &answer) {
     call.cc = answer.cc;
-    if (target == Target::Source) {
-        if (OpenSource *source = Destination(call)) {
-            source->faultStatus = true;
-            source->faultCondition = answer.cc;
-        }
+    if (OpenSource *source = SourceConcerned(call, target)) {
+        source->faultStatus = true;
+        source->faultCondition = answer.cc;
     }
     return answer.rc;
 }
@@ -362,10 +380,6 @@ TW_UINT16 Dispatch(Call &call, bool *faulted) {
         return route.handler(call);
     }
     return Unknown(call);
-}
-
-bool IsStatusQuery(const Call &call) {
-    return call.dg == DG_CONTROL && call.dat == DAT_STATUS && call.msg == MSG_GET;
 }
 
 // Asks an open source to stop and frees it, whatever it answers.

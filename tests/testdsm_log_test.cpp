@@ -48,6 +48,8 @@ protected:
 TEST_F(TdsmLogTest, EveryCallIsLoggedInOrderWithOriginDestinationCodesAndData) {
     OpenAlpha();
     TW_IDENTITY stranger = IdentityNamed("Stranger");
+    // An Id the manager never gave out: no such source (an Id of 0 would ask the manager itself).
+    stranger.Id = 99;
     TW_STATUS status = {};
     Entry(&stranger, DG_CONTROL, DAT_STATUS, MSG_GET, &status);
     Identity(MSG_CLOSEDS, &source);

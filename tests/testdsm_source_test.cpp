@@ -137,6 +137,22 @@ TEST_F(TdsmSourceTest, AnUnknownDestinationIsABadDestination) {
     EXPECT_EQ(kStatusFailed, Status(&stranger)) << "a status query to nobody fails too";
 }
 
+TEST_F(TdsmSourceTest, StatusOfAnIdentityWithoutIdIsTheManagers) {
+    PutSource("Alpha.ds");
+    // Before the manager is open, and for an identity it never gave an Id: the manager answers.
+    TW_IDENTITY unopened = IdentityNamed("Alpha");
+    ASSERT_EQ(0u, unopened.Id);
+    EXPECT_RC(TWRC_FAILURE, Identity(MSG_GETFIRST, &unopened));
+    EXPECT_CC(TWCC_SEQERROR, Status(&unopened));
+    ASSERT_RC(TWRC_SUCCESS, OpenDsm());
+    TW_IDENTITY missing = IdentityNamed("Nobody");
+    EXPECT_RC(TWRC_FAILURE, Identity(MSG_OPENDS, &missing));
+    EXPECT_CC(TWCC_NODS, Status(&unopened));
+    const std::vector<TdsmCall> statuses = CallsOf(DG_CONTROL, DAT_STATUS, MSG_GET);
+    ASSERT_EQ(2u, statuses.size());
+    EXPECT_EQ(0, statuses[1].forwarded);
+}
+
 TEST_F(TdsmSourceTest, StatusOfASourceIsTheSourcesAndTheManagersStaysItsOwn) {
     const std::string path = PutSource("Alpha.ds");
     ASSERT_RC(TWRC_SUCCESS, OpenDsm());
@@ -317,6 +333,21 @@ TEST_F(TdsmFaultTest, AFaultedSourceTripletNeverReachesTheSourceAndItsStatusRepo
     ASSERT_EQ(1u, faulted.size());
     EXPECT_EQ(1, faulted[0].faulted);
     EXPECT_EQ(0, faulted[0].forwarded);
+}
+
+TEST_F(TdsmFaultTest, AFaultedCloseLeavesItsCodeForTheSourceItNames) {
+    const std::string path = PutSource("Alpha.ds");
+    ASSERT_RC(TWRC_SUCCESS, OpenDsm());
+    TW_IDENTITY source = OpenSource("Alpha");
+    FakeSource fake;
+    ASSERT_TRUE(fake.Attach(path));
+    dsm.FailTripletOnce(DG_CONTROL, DAT_IDENTITY, MSG_CLOSEDS, TWRC_FAILURE, TWCC_OPERATIONERROR);
+    EXPECT_RC(TWRC_FAILURE, Identity(MSG_CLOSEDS, &source));
+    EXPECT_TRUE(fake.IsOpen()) << "the faulted close never reached the source";
+    const size_t before = fake.Calls().size();
+    EXPECT_CC(TWCC_OPERATIONERROR, Status(&source));
+    EXPECT_EQ(before, fake.Calls().size()) << "the manager answers for the source once";
+    EXPECT_RC(TWRC_SUCCESS, Identity(MSG_CLOSEDS, &source));
 }
 
 TEST_F(TdsmFaultTest, ANewFaultReplacesTheOldAndClearingRemovesAll) {
