@@ -68,6 +68,41 @@ typedef struct DisabledWindowList {
 /* Ordinal 1. Returns 1 when TWAIN_32.DLL is loaded (loading it now if needed), else 0. */
 SMAPI BOOL SMCALL smIsTWAINAvailable(void);
 
+/* Session calls. Each returns a status: SM_OK (also when already in the requested state),
+   SM_ERR_UNAVAILABLE, SM_ERR_SEQUENCE when called in the wrong state, or the TWAIN condition
+   code of a failed call. */
+
+/* Ordinal 3. Shows the source manager's selection dialog; the chosen source becomes the default
+   that smOpenDS opens. SM_ERR_USER_CANCEL when the user cancels. A NULL window means the desktop.
+   The source manager is closed again afterwards. */
+SMAPI LONG SMCALL smSelectDS(HWND parent);
+
+/* Ordinal 4. Opens the source manager if needed and the default source. `parent` (NULL: the
+   desktop) receives every notification; `title` (NULL: "Calvex Scan Module", cut to 33
+   characters) names the application to the source. */
+SMAPI LONG SMCALL smOpenDS(HWND parent, const char *title);
+
+/* Ordinal 5. Enables the open source, with or without its user interface. With modalUI nonzero
+   the parent window is disabled until smDisableDS (or a failed enable) enables it again. */
+SMAPI LONG SMCALL smEnableDS(BOOL showUI, BOOL modalUI);
+
+/* Ordinal 6. Disables the enabled source. */
+SMAPI LONG SMCALL smDisableDS(void);
+
+/* Ordinal 7. Closes the open source and the source manager. */
+SMAPI LONG SMCALL smCloseDS(void);
+
+/* Ordinal 58. Makes the installed source with this product name (compared ignoring case) the
+   source manager's default, through win.ini [Twain] "Default Source", without a dialog.
+   12 (TWCC_BADDEST) when no source in <windows>\twain_32 or <windows>\twain has that name; the
+   entry is then restored. */
+SMAPI LONG SMCALL smSetDefaultDriver(HWND parent, const char *productName);
+
+/* Ordinal 65. Writes the installed sources into section [DS] of the profile file `path`:
+   name1, name2, ... their product names, name0 the default source, count the number of numbered
+   names (count=0 when the call fails). Keys of an earlier, longer list are not removed. */
+SMAPI LONG SMCALL smGetAllDS(const char *path);
+
 /* Ordinal 46. Asks the module to skip the image being transferred; call it from a
    notification handler. */
 SMAPI void SMCALL smCancelThisXfer(void);

@@ -27,6 +27,34 @@ BOOL WINAPI smIsTWAINAvailable() {
     return theScanModule->IsTWAINAvailable();
 }
 
+LONG WINAPI smSelectDS(HWND window) {
+    return theScanModule->SelectDS(window);
+}
+
+LONG WINAPI smOpenDS(HWND window, const char *title) {
+    return theScanModule->OpenDS(window, title);
+}
+
+LONG WINAPI smEnableDS(BOOL showUI, BOOL modalUI) {
+    return theScanModule->EnableDS(showUI, modalUI);
+}
+
+LONG WINAPI smDisableDS() {
+    return theScanModule->DisableDS();
+}
+
+LONG WINAPI smCloseDS() {
+    return theScanModule->CloseDS();
+}
+
+LONG WINAPI smSetDefaultDriver(HWND parent, const char *productName) {
+    return theScanModule->SetDefaultDriver(parent, productName);
+}
+
+LONG WINAPI smGetAllDS(const char *path) {
+    return theScanModule->GetAllDS(path);
+}
+
 void WINAPI smCancelThisXfer() {
     theScanModule->CancelThisXfer();
 }

@@ -64,6 +64,26 @@ public:
     void CancelThisXfer();
     void CancelAllXfer();
 
+    // The session: source manager, source selection and listing, source open, enable, disable
+    // and close. Results: 0, -1 (no source manager), 11 (wrong state), -6 (selection
+    // cancelled) or the condition code of a failed call.
+    LONG OpenDSM(HWND window);
+    LONG CloseDSM(HWND window);
+    LONG SelectDS(HWND window);
+    LONG GetAllDS(const char *path);
+    LONG OpenDS(HWND window, const char *title);
+    LONG EnableDS(BOOL show, BOOL modal);
+    LONG DisableDS();
+    LONG CloseDS();
+    LONG GetTWAINStatusCode();
+
+    // Default source: makes the source with this product name the source manager's default.
+    LONG SetDefaultDriver(HWND parent, const char *productName);
+    LONG SearchSourceDirectory(const char *directory, const char *productName);
+
+    // Reads the source's brightness range into the brightness cache when a source opens.
+    LONG GetDSBrightnessRange();
+
     // The availability gate that opens every session, capability and transfer method: false
     // (after the warning "TWAIN is not available in TScanModule::<method>") when the source
     // manager cannot be loaded.
@@ -101,6 +121,9 @@ public:
     UINT msgScanToFileDSClosed;
 
 private:
+    // One call into the source manager with the application as origin.
+    TW_UINT16 CallDsm(pTW_IDENTITY dest, TW_UINT32 group, TW_UINT16 type, TW_UINT16 message, TW_MEMREF data);
+    LONG ListSources(const TraceCall &call, const char *path, int &counter);
     void InitAppIdentity(HINSTANCE instance);
     void RegisterMessages(const TraceCall &call);
 };

@@ -145,6 +145,10 @@ void TraceCall::Warn(int line, const char *what) const {
     WriteIn(TraceLevel::Warning, line, what);
 }
 
+void TraceCall::WarnText(int line, const char *text) const {
+    TraceRecord(TraceLevel::Warning, source_, line, text);
+}
+
 void TraceCall::Fatal(int line, const char *text) const {
     TraceRecord(TraceLevel::Fatal, source_, line, text);
 }

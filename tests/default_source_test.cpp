@@ -1,0 +1,170 @@
+// Making a named source the default through win.ini: the search over twain_32 and twain, and the restore.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "SessionTest.h"
+
+using namespace smtest;
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+const std::string kOpenDsm = "DG_CONTROL/DAT_PARENT/MSG_OPENDSM -> TWRC_SUCCESS";
+const std::string kCloseDsm = "DG_CONTROL/DAT_PARENT/MSG_CLOSEDSM -> TWRC_SUCCESS";
+const std::string kGetDefault = "DG_CONTROL/DAT_IDENTITY/MSG_GETDEFAULT -> TWRC_SUCCESS";
+constexpr LONG kNotFound = 12;
+
+std::string DefaultSource() {
+    char value[MAX_PATH];
+    GetProfileStringA("Twain", "Default Source", "<missing>", value, sizeof value);
+    return value;
+}
+
+// The product names the source manager reported, one per MSG_GETDEFAULT, in order.
+Strings DefaultsAsked(const std::vector<TdsmCall> &calls) {
+    Strings names;
+    for (const TdsmCall &call : calls) {
+        if (call.dat != DAT_IDENTITY || call.msg != MSG_GETDEFAULT)
+            continue;
+        TW_IDENTITY identity;
+        std::memcpy(&identity, call.dataOut, sizeof identity);
+        names.emplace_back(identity.ProductName);
+    }
+    return names;
+}
+
+// Several copies of the virtual scanner, each with its own product name, in the source directories.
+class DefaultSourceTest : public SessionTest {
+protected:
+    // Installs a copy at `relativePath` (under the Windows directory) listed as `productName`.
+    std::string Add(const std::string &relativePath, const char *productName) {
+        if (!scripted) {
+            // Only the candidates of the test are in the source directories.
+            script.clearSources();
+            RemoveSourceDirectories();
+            scripted = true;
+        }
+        const std::string file = InstallVirtualScanner(relativePath);
+        script.addSource(productName, file.c_str());
+        return file;
+    }
+    bool scripted = false;
+};
+
+TEST_F(DefaultSourceTest, SourceThatIsAlreadyTheDefaultNeedsNoSearch) {
+    const std::string file = Add("twain_32\\a.ds", "Alpha");
+    Add("twain_32\\b.ds", "Bravo");
+    WriteProfileStringA("Twain", "Default Source", file.c_str());
+    Mark();
+    EXPECT_EQ(SM_OK, setDefaultDriver(window, "ALPHA"));
+    EXPECT_EQ((Strings{kOpenDsm, kGetDefault, kCloseDsm}), Triplets());
+    EXPECT_EQ(file, DefaultSource()) << "win.ini is not written";
+}
+
+TEST_F(DefaultSourceTest, SourceInADeepSubdirectoryIsFound) {
+    Add("twain_32\\a.ds", "Alpha");
+    const std::string deep = Add("twain_32\\maker\\family\\model\\d.ds", "Delta");
+    EXPECT_EQ(SM_OK, setDefaultDriver(window, "Delta"));
+    EXPECT_EQ(deep, DefaultSource());
+    EXPECT_EQ(TDSM_STATE_LOADED, dsm.State()) << "the source manager is closed again";
+}
+
+TEST_F(DefaultSourceTest, SourceUnderTheOldDirectoryIsFound) {
+    Add("twain_32\\a.ds", "Alpha");
+    const std::string old = Add("twain\\sub\\e.ds", "Echo");
+    EXPECT_EQ(SM_OK, setDefaultDriver(window, "Echo"));
+    EXPECT_EQ(old, DefaultSource());
+}
+
+TEST_F(DefaultSourceTest, UpperCaseSuffixMatches) {
+    Add("twain_32\\a.ds", "Alpha");
+    const std::string upper = Add("twain_32\\UPPER.DS", "Upper");
+    EXPECT_EQ(SM_OK, setDefaultDriver(window, "Upper"));
+    EXPECT_EQ(upper, DefaultSource());
+}
+
+TEST_F(DefaultSourceTest, DirectoryWithFurtherAttributesIsNotDescended) {
+    Add("twain_32\\a.ds", "Alpha");
+    // Wine reports names starting with a dot as hidden: attribute word 0x12.
+    Add("twain_32\\.hidden\\h.ds", "Hotel");
+    WIN32_FIND_DATAA entry;
+    HANDLE found = FindFirstFileA((WindowsDir() + "\\twain_32\\.hidden").c_str(), &entry);
+    ASSERT_NE(INVALID_HANDLE_VALUE, found);
+    FindClose(found);
+    ASSERT_EQ(static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_HIDDEN), entry.dwFileAttributes);
+    EXPECT_EQ(kNotFound, setDefaultDriver(window, "Hotel"));
+}
+
+TEST_F(DefaultSourceTest, NoMatchTriesEveryCandidateThenRestoresTheEntry) {
+    Add("twain_32\\a.ds", "Alpha");
+    Add("twain_32\\b.ds", "Bravo");
+    WriteProfileStringA("Twain", "Default Source", "C:\\elsewhere\\old.ds");
+    Mark();
+    EXPECT_EQ(kNotFound, setDefaultDriver(window, "Zulu"));
+    // The first answer is the current default (the listed entry names no usable source, so the
+    // manager falls back to its first source); then one answer per candidate written to win.ini.
+    Strings asked = DefaultsAsked(CallsSinceMark());
+    ASSERT_EQ(3u, asked.size());
+    std::sort(asked.begin() + 1, asked.end());
+    EXPECT_EQ((Strings{"Alpha", "Alpha", "Bravo"}), asked);
+    EXPECT_EQ("C:\\elsewhere\\old.ds", DefaultSource());
+    EXPECT_EQ(TDSM_STATE_LOADED, dsm.State());
+}
+
+TEST_F(DefaultSourceTest, NoDirectoriesGiveTwelveAndAnEmptyEntry) {
+    script.clearSources();
+    RemoveSourceDirectories();
+    EXPECT_EQ(kNotFound, setDefaultDriver(window, "Anything"));
+    EXPECT_EQ("", DefaultSource()) << "there was no entry before";
+}
+
+TEST_F(DefaultSourceTest, NullWindowMeansTheDesktop) {
+    Add("twain_32\\a.ds", "Alpha");
+    EXPECT_EQ(SM_OK, setDefaultDriver(nullptr, "Alpha"));
+    EXPECT_EQ(GetDesktopWindow(), script.parentWindow());
+    EXPECT_EQ((Strings{"Invalid parent window handle in TScanModule::SetDefaultDriver"}), Warnings());
+}
+
+TEST_F(DefaultSourceTest, FailedCandidateQueryIsReportedAndTheSearchGoesOn) {
+    Add("twain_32\\a.ds", "Alpha");
+    const std::string bravo = Add("twain\\b.ds", "Bravo");
+    WriteProfileStringA("Twain", "Default Source", "C:\\elsewhere\\old.ds");
+    // The first MSG_GETDEFAULT asks for the current default; the second is the only candidate of
+    // twain_32, whose failure ends that directory with its condition code; twain holds Bravo.
+    script.failEx(DG_CONTROL, DAT_IDENTITY, MSG_GETDEFAULT, TWRC_FAILURE, TWCC_BUMMER, 2, 1);
+    EXPECT_EQ(SM_OK, setDefaultDriver(window, "Bravo"));
+    EXPECT_EQ(bravo, DefaultSource());
+    const Strings warnings = Warnings();
+    EXPECT_NE(warnings.end(), std::find(warnings.begin(), warnings.end(),
+                                        "DSM_Entry returns failure in TScanModule::SetDefaultDriver"));
+}
+
+TEST_F(DefaultSourceTest, RefusedManagerOpenReturnsItsCodeWithoutClosing) {
+    Add("twain_32\\a.ds", "Alpha");
+    ASSERT_EQ(SM_OK, openDS(window, "Default source test"));
+    Mark();
+    viewer.Clear();
+    EXPECT_EQ(SM_ERR_SEQUENCE, setDefaultDriver(window, "Alpha"));
+    EXPECT_TRUE(Triplets().empty());
+    EXPECT_EQ(
+        (Strings{"Sequence error in TScanModule::OpenDSM", "OpenDSM returns failure in TScanModule::SetDefaultDriver"}),
+        Warnings());
+}
+
+TEST_F(DefaultSourceTest, WithoutSourceManagerTheResultIsMinusOne) {
+    library.Free();
+    dsm.Close();
+    InstallDsm(Dsm::Absent);
+    library.Load();
+    auto setDefault = library.Get<LONG(WINAPI *)(HWND, const char *)>("smSetDefaultDriver");
+    EXPECT_EQ(SM_ERR_UNAVAILABLE, setDefault(window, "Alpha"));
+    const Strings warnings = viewer.Texts("Warning");
+    ASSERT_FALSE(warnings.empty());
+    EXPECT_EQ("TWAIN is not available in TScanModule::SetDefaultDriver", warnings.back());
+    disableDS = nullptr;
+}
+
+} // namespace

@@ -1,0 +1,128 @@
+// Fixture of the session suites: source files in the prefix, the stand-in's script controls, the session exports.
+#include "SessionTest.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace smtest {
+
+namespace {
+
+void RemoveTree(const std::string &directory) {
+    WIN32_FIND_DATAA entry;
+    HANDLE listing = FindFirstFileA((directory + "\\*").c_str(), &entry);
+    if (listing != INVALID_HANDLE_VALUE) {
+        do {
+            const std::string name = entry.cFileName;
+            if (name == "." || name == "..")
+                continue;
+            const std::string path = directory + "\\" + name;
+            SetFileAttributesA(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+            if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+                RemoveTree(path);
+            else
+                DeleteFileA(path.c_str());
+        } while (FindNextFileA(listing, &entry));
+        FindClose(listing);
+    }
+    SetFileAttributesA(directory.c_str(), FILE_ATTRIBUTE_DIRECTORY);
+    RemoveDirectoryA(directory.c_str());
+}
+
+template <typename T> void Resolve(HMODULE module, const char *name, T &target) {
+    target = reinterpret_cast<T>(reinterpret_cast<void *>(GetProcAddress(module, name)));
+    if (!target) {
+        std::fprintf(stderr, "session fixture: the stand-in has no %s\n", name);
+        std::abort();
+    }
+}
+
+} // namespace
+
+void RemoveSourceDirectories() {
+    RemoveTree(WindowsDir() + "\\twain_32");
+    RemoveTree(WindowsDir() + "\\twain");
+}
+
+std::string InstallVirtualScanner(const std::string &relativePath) {
+    const std::string target = WindowsDir() + "\\" + relativePath;
+    // Make every directory on the way.
+    for (size_t at = target.find('\\', WindowsDir().size() + 1); at != std::string::npos;
+         at = target.find('\\', at + 1))
+        CreateDirectoryA(target.substr(0, at).c_str(), nullptr);
+    if (!CopyFileA((BinDir() + "\\vscan.ds").c_str(), target.c_str(), FALSE)) {
+        std::fprintf(stderr, "session fixture: cannot install %s (error %lu)\n", target.c_str(), GetLastError());
+        std::abort();
+    }
+    return target;
+}
+
+void DsmScript::Load() {
+    HMODULE module = GetModuleHandleA(TwainPath().c_str());
+    Resolve(module, "TdsmAddSource", addSource);
+    Resolve(module, "TdsmClearSources", clearSources);
+    Resolve(module, "TdsmSelectByName", selectByName);
+    Resolve(module, "TdsmSelectCancel", selectCancel);
+    Resolve(module, "TdsmUserSelectCount", userSelectCount);
+    Resolve(module, "TdsmOpenSourceCount", openSourceCount);
+    Resolve(module, "TdsmParentWindow", parentWindow);
+    Resolve(module, "TdsmFailTripletOnce", failOnce);
+    Resolve(module, "TdsmFailTripletEx", failEx);
+    Resolve(module, "TdsmClearFaults", clearFaults);
+}
+
+void SessionTest::SetUp() {
+    ModuleTest::SetUp();
+    RemoveSourceDirectories();
+    InstallVirtualScanner("twain_32\\vscan.ds");
+    WriteProfileStringA("Twain", "Default Source", nullptr);
+    library.Load();
+    ASSERT_TRUE(dsm.Open());
+    script.Load();
+    selectDS = library.Get<decltype(selectDS)>("smSelectDS");
+    openDS = library.Get<decltype(openDS)>("smOpenDS");
+    enableDS = library.Get<decltype(enableDS)>("smEnableDS");
+    disableDS = library.Get<decltype(disableDS)>("smDisableDS");
+    closeDS = library.Get<decltype(closeDS)>("smCloseDS");
+    getAllDS = library.Get<decltype(getAllDS)>("smGetAllDS");
+    setDefaultDriver = library.Get<decltype(setDefaultDriver)>("smSetDefaultDriver");
+    ASSERT_TRUE(selectDS && openDS && enableDS && disableDS && closeDS && getAllDS && setDefaultDriver);
+    window =
+        CreateWindowA("STATIC", "application", WS_OVERLAPPEDWINDOW, 0, 0, 100, 100, nullptr, nullptr, nullptr, nullptr);
+    ASSERT_NE(nullptr, window);
+    viewer.Clear();
+    Mark();
+}
+
+void SessionTest::TearDown() {
+    // Leave no source open, so that the source manager and the source files are released.
+    if (disableDS && closeDS) {
+        script.clearFaults();
+        disableDS();
+        closeDS();
+    }
+    EnableWindow(GetDesktopWindow(), TRUE);
+    if (window)
+        DestroyWindow(window);
+    ModuleTest::TearDown();
+    WriteProfileStringA("Twain", "Default Source", nullptr);
+    RemoveSourceDirectories();
+}
+
+std::vector<TdsmCall> SessionTest::CallsSinceMark() const {
+    std::vector<TdsmCall> calls = dsm.Calls();
+    return std::vector<TdsmCall>(calls.begin() + std::min(mark_, calls.size()), calls.end());
+}
+
+std::vector<std::string> SessionTest::Triplets() const {
+    std::vector<std::string> out;
+    for (const TdsmCall &call : CallsSinceMark())
+        out.push_back(Describe(call));
+    return out;
+}
+
+void SessionTest::Mark() {
+    mark_ = dsm.Calls().size();
+}
+
+} // namespace smtest

@@ -1,0 +1,59 @@
+// Fixture of the session suites: sources installed for the stand-in source manager, the session exports resolved.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "ModuleTest.h"
+#include "smkernal.h"
+
+namespace smtest {
+
+// Empties <windows>\twain_32 and <windows>\twain (removing them).
+void RemoveSourceDirectories();
+// Copies the virtual scanner to <windows>\<relativePath> (e.g. "twain_32\vscan.ds"), making directories.
+std::string InstallVirtualScanner(const std::string &relativePath);
+
+// The stand-in source manager's controls beyond the basic ones of DsmControl.
+struct DsmScript {
+    void Load();
+    int (*addSource)(const char *, const char *) = nullptr;
+    void (*clearSources)() = nullptr;
+    void (*selectByName)(const char *) = nullptr;
+    void (*selectCancel)() = nullptr;
+    int (*userSelectCount)() = nullptr;
+    int (*openSourceCount)() = nullptr;
+    HWND (*parentWindow)() = nullptr;
+    void (*failOnce)(TW_UINT32, TW_UINT16, TW_UINT16, TW_UINT16, TW_UINT16) = nullptr;
+    // Fails `times` matching calls from the nth on (1: the next one).
+    void (*failEx)(TW_UINT32, TW_UINT16, TW_UINT16, TW_UINT16, TW_UINT16, int nth, int times) = nullptr;
+    void (*clearFaults)() = nullptr;
+};
+
+class SessionTest : public ModuleTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // The triplets sent since the last Mark(), as "DG_CONTROL/DAT_PARENT/MSG_OPENDSM -> TWRC_SUCCESS".
+    std::vector<std::string> Triplets() const;
+    std::vector<TdsmCall> CallsSinceMark() const;
+    void Mark();
+    // Warning texts since the last viewer.Clear().
+    std::vector<std::string> Warnings() const { return viewer.Texts("Warning"); }
+
+    LONG(WINAPI *selectDS)(HWND) = nullptr;
+    LONG(WINAPI *openDS)(HWND, const char *) = nullptr;
+    LONG(WINAPI *enableDS)(BOOL, BOOL) = nullptr;
+    LONG(WINAPI *disableDS)() = nullptr;
+    LONG(WINAPI *closeDS)() = nullptr;
+    LONG(WINAPI *getAllDS)(const char *) = nullptr;
+    LONG(WINAPI *setDefaultDriver)(HWND, const char *) = nullptr;
+    DsmScript script;
+    HWND window = nullptr;
+
+private:
+    size_t mark_ = 0;
+};
+
+} // namespace smtest
