@@ -463,10 +463,10 @@ HGLOBAL BuildAnswer(const Source &s, const CapDesc &desc, TW_UINT16 msg, TW_UINT
 }
 
 // Reads the values of a set: one value, an enumeration's items (constraint) or an array's items.
-bool ReadSet(const CapDesc &desc, TW_UINT16 conType, const void *container, std::vector<double> &items,
-             TW_UINT32 &currentIndex) {
+bool ReadSet(const CapDesc &desc, TW_UINT16 setType, TW_UINT16 conType, const void *container,
+             std::vector<double> &items, TW_UINT32 &currentIndex) {
     const TW_UINT16 type = *static_cast<const TW_UINT16 *>(container);
-    if (type != desc.itemType)
+    if (type != (setType == TWON_DONTCARE16 ? desc.itemType : setType))
         return false;
     currentIndex = 0;
     if (conType == TWON_ONEVALUE) {
@@ -524,6 +524,36 @@ bool Apply(Source &s, const CapDesc &desc, TW_UINT16 conType, std::vector<double
     return true;
 }
 
+// Spoils a built answer as VscanSetMalformed asks; the handle may change or become NULL.
+void Malform(TW_CAPABILITY &cap, int kind) {
+    constexpr TW_UINT32 kPast = 0x10000;
+    if (kind == VSCAN_MALFORMED_NONE || !cap.hContainer)
+        return;
+    if (kind == VSCAN_MALFORMED_NULLHANDLE) {
+        GlobalFree(cap.hContainer);
+        cap.hContainer = nullptr;
+        return;
+    }
+    if (kind == VSCAN_MALFORMED_SHORTBLOCK) {
+        if (HGLOBAL cut = GlobalReAlloc(cap.hContainer, sizeof(TW_UINT16), GMEM_MOVEABLE))
+            cap.hContainer = cut;
+        return;
+    }
+    auto *block = static_cast<TW_UINT8 *>(GlobalLock(cap.hContainer));
+    if (kind == VSCAN_MALFORMED_ITEMTYPE) {
+        reinterpret_cast<TW_ONEVALUE *>(block)->ItemType = VSCAN_BAD_ITEMTYPE;
+    } else if (kind == VSCAN_MALFORMED_NUMITEMS && cap.ConType == TWON_ENUMERATION) {
+        reinterpret_cast<TW_ENUMERATION *>(block)->NumItems += kPast;
+    } else if (kind == VSCAN_MALFORMED_NUMITEMS && cap.ConType == TWON_ARRAY) {
+        reinterpret_cast<TW_ARRAY *>(block)->NumItems += kPast;
+    } else if (kind == VSCAN_MALFORMED_CURRENTINDEX && cap.ConType == TWON_ENUMERATION) {
+        auto *en = reinterpret_cast<TW_ENUMERATION *>(block);
+        en->CurrentIndex = en->NumItems + kPast;
+        en->DefaultIndex = en->NumItems + kPast;
+    }
+    GlobalUnlock(cap.hContainer);
+}
+
 TW_UINT16 Fail(TW_UINT16 &cc, TW_UINT16 code) {
     cc = code;
     return TWRC_FAILURE;
@@ -561,7 +591,10 @@ void ResetAnswers(Source &s) {
     s.answers.clear();
     for (const CapDesc &desc : Table())
         s.answers[desc.cap] =
-            CapAnswer{{desc.container, TWON_ONEVALUE, TWON_ONEVALUE, desc.container}, TWON_DONTCARE16};
+            CapAnswer{{desc.container, TWON_ONEVALUE, TWON_ONEVALUE, desc.container},
+                      TWON_DONTCARE16,
+                      {VSCAN_MALFORMED_NONE, VSCAN_MALFORMED_NONE, VSCAN_MALFORMED_NONE, VSCAN_MALFORMED_NONE},
+                      TWON_DONTCARE16};
 }
 
 void ResetCaps(Source &s) {
@@ -603,7 +636,10 @@ TW_UINT16 CapGet(Source &s, TW_UINT16 msg, TW_CAPABILITY &cap, TW_UINT16 &cc) {
     const TW_UINT16 type = answer.itemType == TWON_DONTCARE16 ? desc->itemType : answer.itemType;
     cap.ConType = answer.container[AnswerSlot(msg)];
     cap.hContainer = BuildAnswer(s, *desc, msg, cap.ConType, type);
-    return cap.hContainer ? TWRC_SUCCESS : Fail(cc, TWCC_LOWMEMORY);
+    if (!cap.hContainer)
+        return Fail(cc, TWCC_LOWMEMORY);
+    Malform(cap, answer.malformed[AnswerSlot(msg)]);
+    return TWRC_SUCCESS;
 }
 
 // DG_CONTROL / DAT_CAPABILITY / MSG_SET
@@ -618,7 +654,7 @@ TW_UINT16 CapSet(Source &s, TW_CAPABILITY &cap, TW_UINT16 &cc) {
         return Fail(cc, TWCC_BADVALUE);
     std::vector<double> items;
     TW_UINT32 currentIndex;
-    const bool read = ReadSet(*desc, cap.ConType, container, items, currentIndex);
+    const bool read = ReadSet(*desc, s.answers[cap.Cap].setType, cap.ConType, container, items, currentIndex);
     GlobalUnlock(cap.hContainer);
     bool changed = false;
     if (!read || !Apply(s, *desc, cap.ConType, items, currentIndex, changed))

@@ -77,6 +77,21 @@ bool SetFault(Source &s, int fault, int value) {
     return true;
 }
 
+bool SetMalformed(Source &s, TW_UINT16 cap, TW_UINT16 msg, int kind) {
+    const int slot = AnswerSlot(msg);
+    if (!IsKnownCap(cap) || slot < 0 || kind < VSCAN_MALFORMED_NONE || kind >= VSCAN_MALFORMED_COUNT)
+        return false;
+    s.answers[cap].malformed[slot] = kind;
+    return true;
+}
+
+bool SetSetType(Source &s, TW_UINT16 cap, TW_UINT16 itemType) {
+    if (!IsKnownCap(cap) || !IsNumberType(itemType))
+        return false;
+    s.answers[cap].setType = itemType;
+    return true;
+}
+
 } // namespace vscan
 
 extern "C" {
@@ -116,6 +131,14 @@ int __cdecl VscanSetItemType(TW_UINT16 cap, TW_UINT16 itemType) {
 
 int __cdecl VscanSetFault(int fault, int value) {
     return vscan::SetFault(vscan::TheSource(), fault, value);
+}
+
+int __cdecl VscanSetMalformed(TW_UINT16 cap, TW_UINT16 msg, int kind) {
+    return vscan::SetMalformed(vscan::TheSource(), cap, msg, kind);
+}
+
+int __cdecl VscanSetSetType(TW_UINT16 cap, TW_UINT16 itemType) {
+    return vscan::SetSetType(vscan::TheSource(), cap, itemType);
 }
 
 void __cdecl VscanGetInfo(VscanInfo *out) {

@@ -12,5 +12,7 @@ bool AddTripletFault(Source &s, const TripletFault &fault);
 bool SetContainer(Source &s, TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 conType);
 bool SetItemType(Source &s, TW_UINT16 cap, TW_UINT16 itemType);
 bool SetFault(Source &s, int fault, int value);
+bool SetMalformed(Source &s, TW_UINT16 cap, TW_UINT16 msg, int kind);
+bool SetSetType(Source &s, TW_UINT16 cap, TW_UINT16 itemType);
 
 } // namespace vscan

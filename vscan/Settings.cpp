@@ -123,6 +123,12 @@ const Name kNames[] = {
     VSCAN_NAME(VSCAN_AUTO_OFF),
     VSCAN_NAME(VSCAN_AUTO_SCAN),
     VSCAN_NAME(VSCAN_AUTO_SCAN_CLOSE),
+    VSCAN_NAME(VSCAN_MALFORMED_NONE),
+    VSCAN_NAME(VSCAN_MALFORMED_NULLHANDLE),
+    VSCAN_NAME(VSCAN_MALFORMED_ITEMTYPE),
+    VSCAN_NAME(VSCAN_MALFORMED_NUMITEMS),
+    VSCAN_NAME(VSCAN_MALFORMED_CURRENTINDEX),
+    VSCAN_NAME(VSCAN_MALFORMED_SHORTBLOCK),
 };
 #undef VSCAN_NAME
 
@@ -209,6 +215,11 @@ bool ApplyKey(Source &s, const std::string &key, const std::string &value) {
                                                       static_cast<TW_UINT16>(v[2]));
     if (SameText(key, "ItemType"))
         return ParseList(value, 2, v) && SetItemType(s, static_cast<TW_UINT16>(v[0]), static_cast<TW_UINT16>(v[1]));
+    if (SameText(key, "Malformed"))
+        return ParseList(value, 3, v) &&
+               SetMalformed(s, static_cast<TW_UINT16>(v[0]), static_cast<TW_UINT16>(v[1]), static_cast<int>(v[2]));
+    if (SameText(key, "SetType"))
+        return ParseList(value, 2, v) && SetSetType(s, static_cast<TW_UINT16>(v[0]), static_cast<TW_UINT16>(v[1]));
     for (const Name &fault : kFaultKeys)
         if (SameText(key, fault.name))
             return ParseList(value, 1, v) && SetFault(s, static_cast<int>(fault.value), static_cast<int>(v[0]));

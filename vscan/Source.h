@@ -21,6 +21,8 @@ struct CapState {
 struct CapAnswer {
     TW_UINT16 container[4];
     TW_UINT16 itemType; // TWON_DONTCARE16: the capability's own
+    int malformed[4];   // VSCAN_MALFORMED_... per message, as container[]
+    TW_UINT16 setType;  // the item type MSG_SET takes; TWON_DONTCARE16: the capability's own
 };
 
 // A triplet switched to answer a fixed return code.

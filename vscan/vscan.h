@@ -32,6 +32,18 @@ extern "C" {
 #define VSCAN_FAULT_CLOSEREQUESTAFTER 7 /* MSG_CLOSEDSREQ is announced after MSG_ENDXFER of image N */
 #define VSCAN_FAULT_COUNT 8
 
+/* Spoiled capability answers (VscanSetMalformed, key Malformed): a source that answers a get with TWRC_SUCCESS and a
+   container a careful application must not trust. */
+#define VSCAN_MALFORMED_NONE 0         /* the answer as it should be */
+#define VSCAN_MALFORMED_NULLHANDLE 1   /* hContainer is NULL */
+#define VSCAN_MALFORMED_ITEMTYPE 2     /* ItemType is VSCAN_BAD_ITEMTYPE, the rest as it should be */
+#define VSCAN_MALFORMED_NUMITEMS 3     /* enumerations and arrays claim 0x10000 items more than their block holds */
+#define VSCAN_MALFORMED_CURRENTINDEX 4 /* enumerations: CurrentIndex and DefaultIndex 0x10000 past the last item */
+#define VSCAN_MALFORMED_SHORTBLOCK 5   /* the block is cut to its ItemType (2 bytes), whatever the container */
+#define VSCAN_MALFORMED_COUNT 6
+/* The item type of VSCAN_MALFORMED_ITEMTYPE answers: no TWAIN type has this code. */
+#define VSCAN_BAD_ITEMTYPE 0x00F0
+
 /* What VscanGetInfo reports. */
 typedef struct VscanInfo {
     int state;          /* VSCAN_STATE_... */
@@ -57,6 +69,8 @@ typedef int(__cdecl *VscanSetContainerProc)(TW_UINT16 cap, TW_UINT16 msg, TW_UIN
 typedef int(__cdecl *VscanSetItemTypeProc)(TW_UINT16 cap, TW_UINT16 itemType);
 typedef int(__cdecl *VscanSetFaultProc)(int fault, int value);
 typedef void(__cdecl *VscanGetInfoProc)(VscanInfo *out);
+typedef int(__cdecl *VscanSetMalformedProc)(TW_UINT16 cap, TW_UINT16 msg, int kind);
+typedef int(__cdecl *VscanSetSetTypeProc)(TW_UINT16 cap, TW_UINT16 itemType);
 
 /* Back to the just-loaded source: closed, defaults, no switches; then vscan.ini is applied again. */
 void __cdecl VscanReset(void);
@@ -83,6 +97,12 @@ int __cdecl VscanSetItemType(TW_UINT16 cap, TW_UINT16 itemType);
 int __cdecl VscanSetFault(int fault, int value);
 /* The source's state and counters. */
 void __cdecl VscanGetInfo(VscanInfo *out);
+/* Spoils the answers of a capability to MSG_GET, MSG_GETCURRENT, MSG_GETDEFAULT or MSG_RESET (VSCAN_MALFORMED_...);
+   the triplet still answers TWRC_SUCCESS. Returns 0 for an unknown capability, message or kind. */
+int __cdecl VscanSetMalformed(TW_UINT16 cap, TW_UINT16 msg, int kind);
+/* The item type that MSG_SET of a capability takes instead of its own (TWON_DONTCARE16: its own again); a set with
+   its own type is then refused with TWCC_BADVALUE. Returns 0 for an unknown capability or a non-number type. */
+int __cdecl VscanSetSetType(TW_UINT16 cap, TW_UINT16 itemType);
 
 #ifdef __cplusplus
 }
