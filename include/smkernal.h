@@ -65,6 +65,39 @@ typedef struct DisabledWindowList {
 } DisabledWindowList;
 #pragma pack(pop)
 
+/* Bit flags at this interface: TWAIN code n travels as 2 to the power n. */
+#define SM_UNIT_INCHES 0x01
+#define SM_UNIT_CENTIMETERS 0x02
+#define SM_UNIT_PICAS 0x04
+#define SM_UNIT_POINTS 0x08
+#define SM_UNIT_TWIPS 0x10
+#define SM_UNIT_PIXELS 0x20
+#define SM_PIXEL_BW 0x0001
+#define SM_PIXEL_GRAY 0x0002
+#define SM_PIXEL_RGB 0x0004
+#define SM_PIXEL_PALETTE 0x0008
+#define SM_PAPER_NONE 0x0001 /* paper size code n (1 to 8) is 2 to the power n */
+#define SM_XFER_NATIVE 1
+#define SM_XFER_FILE 2
+#define SM_XFER_MEMORY 4
+
+/* The scan-capability snapshot of smGetScanCap: 104 bytes, every field 32-bit, little-endian. */
+typedef struct ScanCapRecord {
+    LONG size;               /* offset 0: 104 */
+    LONG passThrough[13];    /* offsets 4 to 55: never written; keep what you put there */
+    LONG reserved;           /* offset 56: 0 */
+    LONG maxXResolution;     /* offset 60 */
+    LONG minXResolution;     /* offset 64 */
+    LONG xResolution;        /* offset 68: raised to 300 when below it and the maximum allows it */
+    LONG bitDepth;           /* offset 72: always 8 */
+    LONG maxWidth;           /* offset 76: largest width in 1/1200 inch */
+    LONG maxHeight;          /* offset 80: largest height in 1/1200 inch */
+    LONG unit;               /* offset 84: SM_UNIT_* */
+    LONG pixelType;          /* offset 88: SM_PIXEL_* */
+    LONG memXferSize;        /* offset 92: the source's largest memory-transfer buffer */
+    LONG passThroughTail[2]; /* offsets 96 to 103: never written */
+} ScanCapRecord;
+
 /* Ordinal 1. Returns 1 when TWAIN_32.DLL is loaded (loading it now if needed), else 0. */
 SMAPI BOOL SMCALL smIsTWAINAvailable(void);
 
@@ -102,6 +135,108 @@ SMAPI LONG SMCALL smSetDefaultDriver(HWND parent, const char *productName);
    name1, name2, ... their product names, name0 the default source, count the number of numbered
    names (count=0 when the call fails). Keys of an earlier, longer list are not removed. */
 SMAPI LONG SMCALL smGetAllDS(const char *path);
+
+/* Scanner settings. Each needs an open source (else SM_ERR_SEQUENCE, nothing sent) and returns a
+   status: SM_OK, SM_ERR_UNAVAILABLE, SM_ERR_BAD_VALUE for an answer the module cannot read, or the
+   source's condition code. Getters that fail report a fixed fall-back value. */
+
+/* Ordinal 8. Any capability operation (MSG_GET, MSG_SET, ...) on a TWAIN TW_CAPABILITY (2-byte packed)
+   that you own; returns the TWAIN return code in the low 16 bits. On a get, free the returned
+   container with GlobalFree. A successful MSG_SET of ICAP_XFERMECH is remembered by the module. */
+SMAPI WORD SMCALL smCapNegotiate(UINT message, void *capability);
+
+/* Ordinal 9. Whether the feeder is enabled (CAP_FEEDERENABLED). */
+SMAPI LONG SMCALL smIsADFAvailable(LONG *answer);
+/* Ordinal 10 (also exported as smIsPaperLoaded, ordinal 11). Whether the feeder holds paper. */
+SMAPI LONG SMCALL smIsADFPaperLoaded(LONG *answer);
+SMAPI LONG SMCALL smIsPaperLoaded(LONG *answer);
+/* Ordinal 12. Whether the feeder is enabled. */
+SMAPI LONG SMCALL smGetADFEnable(LONG *answer);
+/* Ordinal 13. Enables or disables the feeder. */
+SMAPI LONG SMCALL smSetADFEnable(LONG enable);
+
+/* Ordinals 14 to 21 and 55. Tone settings on your own scale [appMin, appMax] (16-bit values),
+   mapped linearly onto the source's range; sets snap to the source's step. appMin == appMax gives
+   SM_ERR_BAD_VALUE. */
+SMAPI LONG SMCALL smGetBrightness(short *value, LONG appMin, LONG appMax);
+SMAPI LONG SMCALL smSetBrightness(LONG value, LONG appMin, LONG appMax);
+SMAPI LONG SMCALL smGetContrast(short *value, LONG appMin, LONG appMax);
+SMAPI LONG SMCALL smSetContrast(LONG value, LONG appMin, LONG appMax);
+SMAPI LONG SMCALL smGetHighlight(short *value, LONG appMin, LONG appMax);
+SMAPI LONG SMCALL smSetHighlight(LONG value, LONG appMin, LONG appMax);
+SMAPI LONG SMCALL smGetShadow(short *value, LONG appMin, LONG appMax);
+SMAPI LONG SMCALL smSetShadow(LONG value, LONG appMin, LONG appMax);
+SMAPI LONG SMCALL smSetThreshold(LONG value, LONG appMin, LONG appMax);
+
+/* Ordinals 22 and 23. Gamma. */
+SMAPI LONG SMCALL smGetGamma(double *gamma);
+SMAPI LONG SMCALL smSetGamma(double gamma);
+/* Ordinal 24. The source's unit as an SM_UNIT_* flag (inches when it cannot be read). */
+SMAPI LONG SMCALL smGetUnit(WORD *unitFlag);
+/* Ordinal 25. The largest scan area in INCHES: the physical width and height divided by the size
+   of an inch in the source's unit (2.54 cm, 6 picas, 72 points, 1440 twips, the X resolution for pixels). */
+SMAPI LONG SMCALL smGetMaxArea(double *width, double *height);
+/* Ordinal 26. ICAP_PIXELFLAVOR. */
+SMAPI LONG SMCALL smGetPixelFlavor(LONG *flavor);
+/* Ordinals 27 and 28. The pixel type as an SM_PIXEL_* flag (gray when unknown or unreadable); a set
+   with anything but a single known flag sends gray. */
+SMAPI LONG SMCALL smGetPixelType(WORD *flag);
+SMAPI LONG SMCALL smSetPixelType(LONG flag);
+/* Ordinals 29 and 30. The pixel types the source offers, as a word of flags; a set restricts them. */
+SMAPI LONG SMCALL smGetSupportedPixelType(WORD *flags);
+SMAPI LONG SMCALL smSetSupportedPixelType(LONG flags);
+/* Ordinals 31 and 32. The paper size as a flag (SM_PAPER_NONE when unknown); a set with anything but
+   a single flag of sizes 0 to 8 sends "none". */
+SMAPI LONG SMCALL smGetPaperSize(WORD *flag);
+SMAPI LONG SMCALL smSetPaperSize(LONG flag);
+/* Ordinals 33 and 34. The paper sizes offered (sizes 0 to 6 and 8), as a word of flags; a set restricts them. */
+SMAPI LONG SMCALL smGetSupportedPaperSize(WORD *flags);
+SMAPI LONG SMCALL smSetSupportedPaperSize(LONG flags);
+/* Ordinals 35 and 36. The transfer mechanism as SM_XFER_* (memory when unreadable); a set with
+   anything but one SM_XFER_* flag gives SM_ERR_BAD_VALUE. */
+SMAPI LONG SMCALL smGetXferMech(WORD *flag);
+SMAPI LONG SMCALL smSetXferMech(LONG flag);
+/* Ordinals 37 to 40. Resolution: current, minimum and maximum as 16-bit integers, each multiplied
+   by a factor of the source's unit (1 for inches, 1/2.54 for centimetres, 1/6, 1/72, 1/1440). */
+SMAPI LONG SMCALL smGetXResolution(short *current, short *minimum, short *maximum);
+SMAPI LONG SMCALL smSetXResolution(LONG dpi);
+SMAPI LONG SMCALL smGetYResolution(short *current, short *minimum, short *maximum);
+SMAPI LONG SMCALL smSetYResolution(LONG dpi);
+/* Ordinal 41. SM_OK when the source takes both resolutions; the earlier ones are set again either way. */
+SMAPI LONG SMCALL smIsThisDPIAvailable(LONG x, LONG y);
+/* Ordinals 42 to 45. Scaling: current, minimum and maximum. */
+SMAPI LONG SMCALL smGetXScale(double *current, double *minimum, double *maximum);
+SMAPI LONG SMCALL smSetXScale(double scale);
+SMAPI LONG SMCALL smGetYScale(double *current, double *minimum, double *maximum);
+SMAPI LONG SMCALL smSetYScale(double scale);
+/* Ordinal 49. The source's memory-transfer buffer sizes; 0 sizes become 65536 and an out-of-range
+   preferred size the minimum. 65536 each when the source does not answer. */
+SMAPI LONG SMCALL smGetMemXferSize(DWORD *minimum, DWORD *maximum, DWORD *preferred);
+/* Ordinals 52 and 59. CAP_XFERCOUNT: the number of images to transfer (-1: all). */
+SMAPI LONG SMCALL smGetXferCount(short *count);
+SMAPI LONG SMCALL smSetXferCount(LONG count);
+/* Ordinal 53. Copies the open source's product name (34 bytes with the NUL at most). */
+SMAPI LONG SMCALL smGetDSProductName(char *buffer);
+/* Ordinal 54. Pending images as last seen by the memory transfer; 9999 outside its end message.
+   Needs an enabled source. */
+SMAPI LONG SMCALL smGetPendingCount(WORD *count);
+/* Ordinals 56, 60, 64, 70. Indicators, automatic feeding, light path, thumbnails. */
+SMAPI LONG SMCALL smSetIndicatorEnable(LONG enable);
+SMAPI LONG SMCALL smSetAutoFeedEnable(LONG enable);
+SMAPI LONG SMCALL smSetLightpath(LONG lightPath);
+SMAPI LONG SMCALL smSetThumbMode(LONG enable);
+/* Ordinal 67. Whether thumbnails are enabled. */
+SMAPI LONG SMCALL smGetThumbMode(LONG *answer);
+/* Ordinal 57. ICAP_BITDEPTH. */
+SMAPI LONG SMCALL smSetBitDepth(LONG depth);
+/* Ordinals 66 and 69. ICAP_IMAGEDATASET: the largest index offered; a set sends the leading nonzero
+   entries of `list` (at most `count`) as an array, or `count` alone when `list` is NULL. */
+SMAPI LONG SMCALL smGetIndex(LONG *index);
+SMAPI LONG SMCALL smSetIndex(LONG count, const DWORD *list);
+/* Ordinal 62. Fills the snapshot; always SM_OK (fields of failed queries stay 0 or their fall-back). */
+SMAPI LONG SMCALL smGetScanCap(ScanCapRecord *record);
+/* Ordinal 68. Whether the source can scan without showing its own interface (CAP_UICONTROLLABLE). */
+SMAPI LONG SMCALL smNonUIAvailable(LONG *answer);
 
 /* Ordinal 46. Asks the module to skip the image being transferred; call it from a
    notification handler. */

@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include "Negotiation.h"
 #include "Trace.h"
 #include "smkernal.h"
 #include "twain1x.h"
@@ -10,6 +11,18 @@
 static_assert(sizeof(DisabledWindowList) == 10, "DisabledWindowList is 10 bytes");
 static_assert(offsetof(DisabledWindowList, windowCount) == 4, "DisabledWindowList.windowCount");
 static_assert(offsetof(DisabledWindowList, nextSlot) == 6, "DisabledWindowList.nextSlot");
+
+static_assert(sizeof(ScanCapRecord) == 104, "ScanCapRecord is 104 bytes");
+static_assert(offsetof(ScanCapRecord, reserved) == 56, "ScanCapRecord.reserved");
+static_assert(offsetof(ScanCapRecord, maxXResolution) == 60, "ScanCapRecord.maxXResolution");
+static_assert(offsetof(ScanCapRecord, minXResolution) == 64, "ScanCapRecord.minXResolution");
+static_assert(offsetof(ScanCapRecord, xResolution) == 68, "ScanCapRecord.xResolution");
+static_assert(offsetof(ScanCapRecord, bitDepth) == 72, "ScanCapRecord.bitDepth");
+static_assert(offsetof(ScanCapRecord, maxWidth) == 76, "ScanCapRecord.maxWidth");
+static_assert(offsetof(ScanCapRecord, maxHeight) == 80, "ScanCapRecord.maxHeight");
+static_assert(offsetof(ScanCapRecord, unit) == 84, "ScanCapRecord.unit");
+static_assert(offsetof(ScanCapRecord, pixelType) == 88, "ScanCapRecord.pixelType");
+static_assert(offsetof(ScanCapRecord, memXferSize) == 92, "ScanCapRecord.memXferSize");
 
 // TWAIN states that the module keeps in sessionState (6 and 7 pass inside transfers only).
 enum SessionState : LONG {
@@ -81,8 +94,72 @@ public:
     LONG SetDefaultDriver(HWND parent, const char *productName);
     LONG SearchSourceDirectory(const char *directory, const char *productName);
 
-    // Reads the source's brightness range into the brightness cache when a source opens.
+    // Capability negotiation: one operation on the open source; remembers the mechanism set.
+    TW_UINT16 CapNegotiate(UINT message, TW_CAPABILITY *capability);
+    LONG IsNonUIAvailable(LONG *result);
+
+    // Settings on the application's scale, mapped linearly onto the source's range.
     LONG GetDSBrightnessRange();
+    LONG GetBrightness(short *value, LONG appMin, LONG appMax);
+    LONG SetBrightness(LONG value, LONG appMin, LONG appMax);
+    LONG GetContrast(short *value, LONG appMin, LONG appMax);
+    LONG SetContrast(LONG value, LONG appMin, LONG appMax);
+    LONG GetHighlight(short *value, LONG appMin, LONG appMax);
+    LONG SetHighlight(LONG value, LONG appMin, LONG appMax);
+    LONG GetShadow(short *value, LONG appMin, LONG appMax);
+    LONG SetShadow(LONG value, LONG appMin, LONG appMax);
+    LONG SetThreshold(LONG value, LONG appMin, LONG appMax);
+
+    // Feeder, indicators, thumbnails, light path, gamma and the source's name.
+    LONG IsADFAvailable(LONG *answer);
+    LONG IsADFPaperLoaded(LONG *answer);
+    LONG GetADFEnable(LONG *answer);
+    LONG SetADFEnable(LONG value);
+    LONG SetIndicatorEnable(LONG value);
+    LONG SetAutoFeedEnable(LONG value);
+    LONG GetThumbMode(LONG *answer);
+    LONG SetThumbMode(LONG value);
+    LONG SetLightpath(LONG value);
+    LONG GetGamma(double *gamma);
+    LONG SetGamma(double gamma);
+    LONG GetDSProductName(char *buffer);
+
+    // Units, area, pixel type and flavour, bit depth, image data set.
+    LONG GetUnit(WORD *flag);
+    LONG GetMaxArea(double *width, double *height);
+    LONG GetPixelFlavor(LONG *answer);
+    LONG GetPixelType(WORD *flag);
+    LONG SetPixelType(LONG flag);
+    LONG GetSupportedPixelType(WORD *flags);
+    LONG SetSupportedPixelType(LONG flags);
+    LONG Getbitdepth(LONG *depth);
+    LONG SetBitDepth(LONG depth);
+    LONG GetIndex(LONG *answer);
+    LONG SetIndex(LONG count, const DWORD *list);
+
+    // Paper size, transfer mechanism and count, resolution.
+    LONG GetPaperSize(WORD *flag);
+    LONG SetPaperSize(LONG flag);
+    LONG GetSupportedPaperSize(WORD *flags);
+    LONG SetSupportedPaperSize(LONG flags);
+    LONG GetXferMech(WORD *flag);
+    LONG SetXferMech(LONG flag);
+    LONG GetXferCount(short *count);
+    LONG SetXferCount(LONG count);
+    LONG GetXResolution(short *current, short *minimum, short *maximum);
+    LONG SetXResolution(LONG dpi);
+    LONG GetYResolution(short *current, short *minimum, short *maximum);
+    LONG SetYResolution(LONG dpi);
+    LONG IsThisDPIAvailable(LONG x, LONG y);
+
+    // Scaling, buffer sizes, pending count and the capability snapshot.
+    LONG GetXScale(double *current, double *minimum, double *maximum);
+    LONG SetXScale(double scale);
+    LONG GetYScale(double *current, double *minimum, double *maximum);
+    LONG SetYScale(double scale);
+    LONG GetMemXferSize(DWORD *minimum, DWORD *maximum, DWORD *preferred);
+    LONG GetPendingCount(WORD *count);
+    LONG GetScanCap(ScanCapRecord *record);
 
     // The availability gate that opens every session, capability and transfer method: false
     // (after the warning "TWAIN is not available in TScanModule::<method>") when the source
@@ -120,10 +197,28 @@ public:
     UINT msgScanToFileXferEnd;
     UINT msgScanToFileDSClosed;
 
+    // The get and set patterns every accessor follows. Both first apply the availability and
+    // sequence checks (results -1 and 11, nothing else done).
+    enum class Outcome { NotAsked, Failed, Read };
+    Outcome ReadCapability(const TraceCall &call, const GetSpec &spec, CapReading &reading, LONG &result);
+    LONG GetValue(const TraceCall &call, const GetSpec &spec, void *output, size_t width);
+    LONG SetCapability(const TraceCall &call, const SetSpec &spec, const void *argument);
+    // The same two patterns after the checks: the messages, or the candidate item types, in order.
+    Outcome AskCapability(const TraceCall &call, const GetSpec &spec, CapReading &reading, LONG &result);
+    LONG SendCapability(const TraceCall &call, const SetSpec &spec, const void *argument);
+    LONG SetOne(const TraceCall &call, const SetSpec &spec, TW_UINT32 word, double number = 0.0);
+    bool AccessorReady(const TraceCall &call, LONG &result);
+
 private:
     // One call into the source manager with the application as origin.
     TW_UINT16 CallDsm(pTW_IDENTITY dest, TW_UINT32 group, TW_UINT16 type, TW_UINT16 message, TW_MEMREF data);
     LONG ListSources(const TraceCall &call, const char *path, int &counter);
+    LONG GetRangeScaled(const TraceCall &call, TW_UINT16 cap, double dsMin, double dsMax, short *value, LONG appMin,
+                        LONG appMax);
+    LONG SetRangeScaled(const TraceCall &call, const SetSpec &spec, double dsMin, double dsMax, double dsStep,
+                        LONG value, LONG appMin, LONG appMax, const char *badRange);
+    LONG GetResolution(const TraceCall &call, TW_UINT16 cap, short *current, short *minimum, short *maximum);
+    LONG GetScale(const TraceCall &call, TW_UINT16 cap, double *current, double *minimum, double *maximum);
     void InitAppIdentity(HINSTANCE instance);
     void RegisterMessages(const TraceCall &call);
 };

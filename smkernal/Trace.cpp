@@ -145,6 +145,12 @@ void TraceCall::Warn(int line, const char *what) const {
     WriteIn(TraceLevel::Warning, line, what);
 }
 
+void TraceCall::WarnAs(int line, const char *what, const char *name) const {
+    char text[256];
+    std::snprintf(text, sizeof text, "%s in %s%s", what, scope_, name);
+    TraceRecord(TraceLevel::Warning, source_, line, text);
+}
+
 void TraceCall::WarnText(int line, const char *text) const {
     TraceRecord(TraceLevel::Warning, source_, line, text);
 }

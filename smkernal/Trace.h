@@ -64,6 +64,8 @@ public:
     void Leave(int line = 0);
     // "Warning " record "<what> in <scope><method>".
     void Warn(int line, const char *what) const;
+    // "Warning " record "<what> in <scope><name>", for texts that spell the method's name otherwise.
+    void WarnAs(int line, const char *what, const char *name) const;
     // "Warning " record with the text as given (for the texts that name another method).
     void WarnText(int line, const char *text) const;
     // "Fatal " record with the text as given.

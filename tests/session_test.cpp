@@ -19,6 +19,8 @@ const std::string kEnableDs = "DG_CONTROL/DAT_USERINTERFACE/MSG_ENABLEDS -> TWRC
 const std::string kDisableDs = "DG_CONTROL/DAT_USERINTERFACE/MSG_DISABLEDS -> TWRC_SUCCESS";
 const std::string kStatus = "DG_CONTROL/DAT_STATUS/MSG_GET -> TWRC_SUCCESS";
 const std::string kUserSelect = "DG_CONTROL/DAT_IDENTITY/MSG_USERSELECT -> TWRC_SUCCESS";
+// Opening a source ends with the query of its brightness range.
+const std::string kBrightnessRange = "DG_CONTROL/DAT_CAPABILITY/MSG_GET -> TWRC_SUCCESS";
 
 std::string Failed(const std::string &triplet, const char *rc = "TWRC_FAILURE") {
     return triplet.substr(0, triplet.find(" -> ")) + " -> " + rc;
@@ -70,7 +72,8 @@ protected:
 // OpenDS in state 2: source manager opened with the window handle by address, default source opened.
 TEST_F(SessionStateTest, OpenDSFromStateTwoOpensTheDefaultSource) {
     EXPECT_EQ(SM_OK, openDS(window, "My Application"));
-    EXPECT_EQ((Strings{kOpenDsm, kGetDefault, kOpenDs}), Triplets());
+    EXPECT_EQ((Strings{kOpenDsm, kGetDefault, kOpenDs, kBrightnessRange}), Triplets());
+    EXPECT_EQ(ICAP_BRIGHTNESS, CallsSinceMark()[3].capIn.cap);
     EXPECT_EQ(window, script.parentWindow()) << "MSG_OPENDSM carries the address of the window handle";
     EXPECT_EQ(TDSM_STATE_OPEN, dsm.State());
     EXPECT_EQ(1, script.openSourceCount());
@@ -80,6 +83,20 @@ TEST_F(SessionStateTest, OpenDSFromStateTwoOpensTheDefaultSource) {
     std::memcpy(&opened, calls[2].dataOut, sizeof opened);
     EXPECT_STREQ("Virtual Scanner", opened.ProductName);
     EXPECT_TRUE(Warnings().empty());
+}
+
+TEST_F(SessionStateTest, OperationErrorOfTheBrightnessQueryClosesTheSourceAgain) {
+    script.failEx(DG_CONTROL, DAT_CAPABILITY, TDSM_ANY, TWRC_FAILURE, TWCC_OPERATIONERROR, 1, 2);
+    EXPECT_EQ(TWCC_OPERATIONERROR, openDS(window, "Session test")) << TwccName(TWCC_OPERATIONERROR);
+    const std::string getCurrent = "DG_CONTROL/DAT_CAPABILITY/MSG_GETCURRENT -> TWRC_FAILURE";
+    EXPECT_EQ((Strings{kOpenDsm, kGetDefault, kOpenDs, Failed(kBrightnessRange), kStatus, getCurrent, kStatus, kCloseDs,
+                       kCloseDsm}),
+              Triplets());
+    EXPECT_EQ(0, script.openSourceCount());
+    EXPECT_EQ(TDSM_STATE_LOADED, dsm.State());
+    EXPECT_EQ((Strings{"CapNegotiate returns failure in TScanModule::GetDSBrightnessRange",
+                       "CapNegotiate returns failure in TScanModule::GetDSBrightnessRange"}),
+              Warnings());
 }
 
 TEST_F(SessionStateTest, OpenDSInStateFourSendsNothing) {
@@ -159,7 +176,7 @@ TEST_F(SessionStateTest, FailedManagerOpenReturnsItsConditionCode) {
 TEST_F(SessionStateTest, OpenDSMInStateThreeSendsNoSecondOpen) {
     LeaveManagerOpen();
     EXPECT_EQ(SM_OK, openDS(window, "Session test"));
-    EXPECT_EQ((Strings{kGetDefault, kOpenDs}), Triplets());
+    EXPECT_EQ((Strings{kGetDefault, kOpenDs, kBrightnessRange}), Triplets());
     EXPECT_EQ((Strings{"Data Source Manager is already open in TScanModule::OpenDSM"}), Warnings());
 }
 
@@ -331,7 +348,9 @@ TEST_F(SessionStateTest, SessionCanBeRepeated) {
         EXPECT_EQ(SM_OK, enableDS(FALSE, FALSE));
         EXPECT_EQ(SM_OK, disableDS());
         EXPECT_EQ(SM_OK, closeDS());
-        EXPECT_EQ((Strings{kOpenDsm, kGetDefault, kOpenDs, kEnableDs, kDisableDs, kCloseDs, kCloseDsm}), Triplets());
+        EXPECT_EQ(
+            (Strings{kOpenDsm, kGetDefault, kOpenDs, kBrightnessRange, kEnableDs, kDisableDs, kCloseDs, kCloseDsm}),
+            Triplets());
         EXPECT_TRUE(Warnings().empty());
     }
 }

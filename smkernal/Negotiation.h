@@ -1,0 +1,88 @@
+// Descriptions of the capability accessors, which the one get pattern and the one set pattern follow.
+#pragma once
+
+#include "twain1x.h"
+
+// Containers a get accepts.
+enum AcceptedContainer : unsigned {
+    kAcceptOneValue = 1u << 0,
+    kAcceptEnumeration = 1u << 1,
+    kAcceptRange = 1u << 2,
+    kAcceptAny = kAcceptOneValue | kAcceptEnumeration | kAcceptRange,
+};
+
+// Message lists of the gets: "GC, G" tries MSG_GETCURRENT then MSG_GET.
+struct MessageList {
+    TW_UINT16 messages[2];
+    int count;
+};
+constexpr MessageList kCurrentThenGet = {{MSG_GETCURRENT, MSG_GET}, 2};
+constexpr MessageList kGetThenCurrent = {{MSG_GET, MSG_GETCURRENT}, 2};
+constexpr MessageList kGetOnly = {{MSG_GET, 0}, 1};
+
+// What a get read from the container the source answered with. Enumerations are walked for their
+// smallest and largest items and the codes they list; a one-value is its own minimum and maximum.
+struct CapReading {
+    TW_UINT32 value;   // the item, the current item or the current value, as the codec delivers it
+    TW_UINT32 minimum; // smallest item or range minimum
+    TW_UINT32 maximum; // largest item or range maximum
+    TW_UINT32 step;    // range step
+    TW_UINT32 count;   // enumeration items walked
+    TW_UINT32 codes;   // bit n set when code n (below 32) is listed
+    TW_UINT16 conType;
+};
+
+// One get accessor: capability, messages, accepted containers, and how the reading becomes the
+// application's value. `fallback` is the value reported when no attempt succeeded.
+struct GetSpec {
+    TW_UINT16 cap;
+    MessageList messages;
+    unsigned accepted;
+    TW_UINT32 (*convert)(const CapReading &reading);
+    TW_UINT32 fallback;
+};
+
+// How a set builds its container for one candidate item type; returns the codec's result.
+typedef int (*ContainerBuilder)(TW_CAPABILITY &capability, TW_UINT16 itemType, const void *argument);
+
+// One set accessor: capability, candidate item types in order, the container builder, and the
+// failure texts ("BuildupOneValue returns failure"; some sets spell their name otherwise).
+struct SetSpec {
+    TW_UINT16 cap;
+    TW_UINT16 itemTypes[3];
+    int itemTypeCount;
+    ContainerBuilder build;
+    const char *buildFailure;
+    const char *failureName; // null: the method's own name
+};
+
+// The argument of a one-value set: FIX32 candidates take FloatToFIX32 of `number` (narrowed to single
+// precision), every other candidate the 32-bit `word` unchanged.
+struct OneValueArgument {
+    TW_UINT32 word;
+    double number;
+};
+int BuildOneValue(TW_CAPABILITY &capability, TW_UINT16 itemType, const void *argument);
+
+// The argument of a list set: packed items of the candidate's size.
+struct ListArgument {
+    const void *items;
+    TW_UINT32 count;
+};
+// An enumeration of the list, current and default index 0.
+int BuildEnumerationList(TW_CAPABILITY &capability, TW_UINT16 itemType, const void *argument);
+// An array of the list.
+int BuildArrayList(TW_CAPABILITY &capability, TW_UINT16 itemType, const void *argument);
+
+// A TW_FIX32 delivered by the codec in a 32-bit cell, as a number.
+double Fix32Value(TW_UINT32 bits);
+
+// The reading's value as it stands.
+TW_UINT32 AsIs(const CapReading &reading);
+// The largest item of an enumeration walked (the item itself for a one-value).
+TW_UINT32 LargestItem(const CapReading &reading);
+
+// Flag 2 to the power n for TWAIN code n, and back: the exact bit position of a single-bit flag,
+// or -1 for zero or several bits.
+TW_UINT32 CodeToFlag(TW_UINT32 code);
+int FlagToCode(TW_UINT32 flag);

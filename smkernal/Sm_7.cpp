@@ -1,0 +1,126 @@
+// Scaling, the memory-transfer buffer sizes, the pending count and the scan-capability snapshot.
+#include "ScanModule.h"
+
+namespace {
+
+const char kSource[] = SM_SOURCE("Sm_7");
+constexpr DWORD kDefaultBufferSize = 0x10000;
+constexpr short kReportedResolution = 300;
+constexpr double kSnapshotDotsPerInch = 1200.0;
+constexpr LONG kSnapshotBitDepth = 8;
+
+constexpr GetSpec kScale(TW_UINT16 cap) {
+    return {cap, kGetThenCurrent, kAcceptAny, AsIs, 0};
+}
+constexpr SetSpec kScaleSet(TW_UINT16 cap) {
+    return {cap, {TWTY_FIX32}, 1, BuildOneValue, "BuildupOneValue returns failure", nullptr};
+}
+constexpr SetSpec kXScaleSet = kScaleSet(ICAP_XSCALING);
+constexpr SetSpec kYScaleSet = kScaleSet(ICAP_YSCALING);
+
+} // namespace
+
+LONG TScanModule::GetScale(const TraceCall &call, TW_UINT16 cap, double *current, double *minimum, double *maximum) {
+    CapReading reading;
+    LONG result = 0;
+    if (ReadCapability(call, kScale(cap), reading, result) == Outcome::NotAsked)
+        return result;
+    *current = Fix32Value(reading.value);
+    *minimum = Fix32Value(reading.minimum);
+    *maximum = Fix32Value(reading.maximum);
+    return result;
+}
+
+LONG TScanModule::GetXScale(double *current, double *minimum, double *maximum) {
+    TraceCall call(kSource, "GetXScale", __LINE__, __LINE__);
+    return GetScale(call, ICAP_XSCALING, current, minimum, maximum);
+}
+
+LONG TScanModule::SetXScale(double scale) {
+    TraceCall call(kSource, "SetXScale", __LINE__, __LINE__);
+    return SetOne(call, kXScaleSet, 0, scale);
+}
+
+LONG TScanModule::GetYScale(double *current, double *minimum, double *maximum) {
+    TraceCall call(kSource, "GetYScale", __LINE__, __LINE__);
+    return GetScale(call, ICAP_YSCALING, current, minimum, maximum);
+}
+
+LONG TScanModule::SetYScale(double scale) {
+    TraceCall call(kSource, "SetYScale", __LINE__, __LINE__);
+    return SetOne(call, kYScaleSet, 0, scale);
+}
+
+// DG_CONTROL / DAT_SETUPMEMXFER / MSG_GET, with sizes the source left at 0 or out of order repaired.
+LONG TScanModule::GetMemXferSize(DWORD *minimum, DWORD *maximum, DWORD *preferred) {
+    TraceCall call(kSource, "GetMemXferSize", __LINE__, __LINE__);
+    LONG result = 0;
+    if (!AccessorReady(call, result))
+        return result;
+    TW_SETUPMEMXFER sizes = {};
+    if (CallDsm(&sourceIdentity, DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &sizes) != TWRC_SUCCESS) {
+        call.Warn(__LINE__, "DSM_Entry returns failure");
+        *minimum = *maximum = *preferred = kDefaultBufferSize;
+        return GetTWAINStatusCode();
+    }
+    *minimum = sizes.MinBufSize;
+    *maximum = sizes.MaxBufSize;
+    *preferred = sizes.Preferred;
+    if (*minimum == 0) {
+        call.Warn(__LINE__, "min == 0, Adjust it");
+        *minimum = kDefaultBufferSize;
+    }
+    if (*maximum == 0) {
+        call.Warn(__LINE__, "max == 0, Adjust it");
+        *maximum = kDefaultBufferSize;
+    }
+    if (*preferred == 0 || *preferred < *minimum || *preferred > *maximum) {
+        call.Warn(__LINE__, "illegal preferred size, Adjust it");
+        *preferred = *minimum;
+    }
+    return 0;
+}
+
+LONG TScanModule::GetPendingCount(WORD *count) {
+    TraceCall call(kSource, "GetPendingCount", __LINE__, __LINE__);
+    if (!Available(call, __LINE__))
+        return -1;
+    if (sessionState < kStateSourceEnabled) {
+        call.Warn(__LINE__, "Sequence error");
+        return TWCC_SEQERROR;
+    }
+    *count = pendingCount;
+    return 0;
+}
+
+// Fills the snapshot from the getters; their results are not checked, so a failed getter leaves
+// its field at what its failure gives (0 when it asked nothing).
+LONG TScanModule::GetScanCap(ScanCapRecord *record) {
+    TraceCall call(kSource, "GetScanCap", __LINE__, __LINE__);
+    record->size = sizeof(ScanCapRecord);
+    record->reserved = 0;
+    short current = 0, minimum = 0, maximum = 0;
+    GetXResolution(&current, &minimum, &maximum);
+    if (current < kReportedResolution && maximum >= kReportedResolution)
+        current = kReportedResolution;
+    record->maxXResolution = maximum;
+    record->minXResolution = minimum;
+    record->xResolution = current;
+    double width = 0.0, height = 0.0;
+    GetMaxArea(&width, &height);
+    record->maxWidth = static_cast<LONG>(width * kSnapshotDotsPerInch);
+    record->maxHeight = static_cast<LONG>(height * kSnapshotDotsPerInch);
+    WORD unit = 0, pixelType = 0;
+    GetUnit(&unit);
+    GetPixelType(&pixelType);
+    record->unit = static_cast<short>(unit);
+    record->pixelType = static_cast<short>(pixelType);
+    DWORD smallest = 0, largest = 0, preferred = 0;
+    GetMemXferSize(&smallest, &largest, &preferred);
+    record->memXferSize = static_cast<LONG>(largest);
+    // The snapshot always reports 8 bits, whatever the source says.
+    LONG depth = 0;
+    Getbitdepth(&depth);
+    record->bitDepth = kSnapshotBitDepth;
+    return 0;
+}
