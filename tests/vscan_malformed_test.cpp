@@ -189,3 +189,38 @@ INSTANTIATE_TEST_SUITE_P(ByControlAndByFile, VscanSetTypeBothWays, ::testing::Bo
                          });
 
 } // namespace
+
+class VscanValuesBothWays : public VscanMalformedTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(VscanValuesBothWays, ListedAndAcceptedWithoutChecks) {
+    auto setValues =
+        reinterpret_cast<VscanSetValuesProc>(reinterpret_cast<void *>(GetProcAddress(ds.Module(), "VscanSetValues")));
+    ASSERT_NE(nullptr, setValues);
+    if (GetParam()) {
+        std::ofstream(IniPath()) << "Values = ICAP_SUPPORTEDSIZES, 0, 1, 7, 8\n";
+        ds.reset();
+        ASSERT_EQ(1, ds.Info().settingsKeys);
+    } else {
+        const double sizes[] = {0, 1, 7, 8};
+        ASSERT_EQ(1, setValues(ICAP_SUPPORTEDSIZES, 4, sizes));
+    }
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    Container c;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_SUPPORTEDSIZES, MSG_GET, c));
+    EXPECT_EQ((std::vector<double>{0, 1, 7, 8}), c.items);
+    EXPECT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_SUPPORTEDSIZES, TWTY_UINT16, 8));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_SUPPORTEDSIZES, MSG_GETCURRENT, c));
+    EXPECT_EQ(8, c.Value());
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCap(ICAP_SUPPORTEDSIZES, TWTY_UINT16, 3)) << "no longer listed";
+    ASSERT_EQ(1, setValues(ICAP_SUPPORTEDSIZES, 0, nullptr));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_SUPPORTEDSIZES, MSG_GET, c));
+    EXPECT_EQ(7u, c.numItems) << "its own list again";
+    const double many[VSCAN_MAX_VALUES + 1] = {};
+    EXPECT_EQ(0, setValues(ICAP_SUPPORTEDSIZES, VSCAN_MAX_VALUES + 1, many));
+    EXPECT_EQ(0, setValues(0x7777, 1, many));
+}
+
+INSTANTIATE_TEST_SUITE_P(ByControlAndByFile, VscanValuesBothWays, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool> &info) {
+                             return std::string(info.param ? "ByFile" : "ByControl");
+                         });

@@ -189,6 +189,9 @@ Domain DomainOf(const Source &s, const CapDesc &desc) {
     default:
         break;
     }
+    auto answer = s.answers.find(desc.cap);
+    if (answer != s.answers.end() && !answer->second.values.empty())
+        domain.list = answer->second.values;
     auto state = s.caps.find(desc.cap);
     if (state != s.caps.end() && !state->second.allowed.empty())
         domain.list = state->second.allowed;
@@ -594,7 +597,8 @@ void ResetAnswers(Source &s) {
             CapAnswer{{desc.container, TWON_ONEVALUE, TWON_ONEVALUE, desc.container},
                       TWON_DONTCARE16,
                       {VSCAN_MALFORMED_NONE, VSCAN_MALFORMED_NONE, VSCAN_MALFORMED_NONE, VSCAN_MALFORMED_NONE},
-                      TWON_DONTCARE16};
+                      TWON_DONTCARE16,
+                      {}};
 }
 
 void ResetCaps(Source &s) {

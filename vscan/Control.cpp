@@ -92,6 +92,13 @@ bool SetSetType(Source &s, TW_UINT16 cap, TW_UINT16 itemType) {
     return true;
 }
 
+bool SetValues(Source &s, TW_UINT16 cap, const std::vector<double> &values) {
+    if (!IsKnownCap(cap) || values.size() > VSCAN_MAX_VALUES)
+        return false;
+    s.answers[cap].values = values;
+    return true;
+}
+
 } // namespace vscan
 
 extern "C" {
@@ -139,6 +146,12 @@ int __cdecl VscanSetMalformed(TW_UINT16 cap, TW_UINT16 msg, int kind) {
 
 int __cdecl VscanSetSetType(TW_UINT16 cap, TW_UINT16 itemType) {
     return vscan::SetSetType(vscan::TheSource(), cap, itemType);
+}
+
+int __cdecl VscanSetValues(TW_UINT16 cap, int count, const double *values) {
+    if (count < 0 || (count > 0 && !values))
+        return 0;
+    return vscan::SetValues(vscan::TheSource(), cap, std::vector<double>(values, values + count));
 }
 
 void __cdecl VscanGetInfo(VscanInfo *out) {

@@ -1,6 +1,8 @@
 // The switches behind the Vscan... exports and the settings file, on a given source.
 #pragma once
 
+#include <vector>
+
 #include "Source.h"
 
 namespace vscan {
@@ -14,5 +16,6 @@ bool SetItemType(Source &s, TW_UINT16 cap, TW_UINT16 itemType);
 bool SetFault(Source &s, int fault, int value);
 bool SetMalformed(Source &s, TW_UINT16 cap, TW_UINT16 msg, int kind);
 bool SetSetType(Source &s, TW_UINT16 cap, TW_UINT16 itemType);
+bool SetValues(Source &s, TW_UINT16 cap, const std::vector<double> &values);
 
 } // namespace vscan

@@ -1,6 +1,7 @@
 // vscan.ini: "Key = value" lines applied through the same switches as the control exports; values may be names.
 #include "Settings.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
@@ -218,6 +219,14 @@ bool ApplyKey(Source &s, const std::string &key, const std::string &value) {
     if (SameText(key, "Malformed"))
         return ParseList(value, 3, v) &&
                SetMalformed(s, static_cast<TW_UINT16>(v[0]), static_cast<TW_UINT16>(v[1]), static_cast<int>(v[2]));
+    if (SameText(key, "Values")) {
+        std::vector<long> list(VSCAN_MAX_VALUES + 1, 0);
+        if (!ParseList(value, 1, list))
+            return false;
+        const auto count = static_cast<size_t>(std::count(value.begin(), value.end(), ','));
+        return SetValues(s, static_cast<TW_UINT16>(list[0]),
+                         std::vector<double>(list.begin() + 1, list.begin() + 1 + count));
+    }
     if (SameText(key, "SetType"))
         return ParseList(value, 2, v) && SetSetType(s, static_cast<TW_UINT16>(v[0]), static_cast<TW_UINT16>(v[1]));
     for (const Name &fault : kFaultKeys)

@@ -20,9 +20,10 @@ struct CapState {
 // How a capability answers: container per message (MSG_GET, GETCURRENT, GETDEFAULT, RESET) and item type.
 struct CapAnswer {
     TW_UINT16 container[4];
-    TW_UINT16 itemType; // TWON_DONTCARE16: the capability's own
-    int malformed[4];   // VSCAN_MALFORMED_... per message, as container[]
-    TW_UINT16 setType;  // the item type MSG_SET takes; TWON_DONTCARE16: the capability's own
+    TW_UINT16 itemType;         // TWON_DONTCARE16: the capability's own
+    int malformed[4];           // VSCAN_MALFORMED_... per message, as container[]
+    TW_UINT16 setType;          // the item type MSG_SET takes; TWON_DONTCARE16: the capability's own
+    std::vector<double> values; // VscanSetValues: listed in place of the capability's own; empty: its own
 };
 
 // A triplet switched to answer a fixed return code.

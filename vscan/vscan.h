@@ -44,6 +44,9 @@ extern "C" {
 /* The item type of VSCAN_MALFORMED_ITEMTYPE answers: no TWAIN type has this code. */
 #define VSCAN_BAD_ITEMTYPE 0x00F0
 
+/* Values of VscanSetValues at most. */
+#define VSCAN_MAX_VALUES 16
+
 /* What VscanGetInfo reports. */
 typedef struct VscanInfo {
     int state;          /* VSCAN_STATE_... */
@@ -71,6 +74,7 @@ typedef int(__cdecl *VscanSetFaultProc)(int fault, int value);
 typedef void(__cdecl *VscanGetInfoProc)(VscanInfo *out);
 typedef int(__cdecl *VscanSetMalformedProc)(TW_UINT16 cap, TW_UINT16 msg, int kind);
 typedef int(__cdecl *VscanSetSetTypeProc)(TW_UINT16 cap, TW_UINT16 itemType);
+typedef int(__cdecl *VscanSetValuesProc)(TW_UINT16 cap, int count, const double *values);
 
 /* Back to the just-loaded source: closed, defaults, no switches; then vscan.ini is applied again. */
 void __cdecl VscanReset(void);
@@ -103,6 +107,10 @@ int __cdecl VscanSetMalformed(TW_UINT16 cap, TW_UINT16 msg, int kind);
 /* The item type that MSG_SET of a capability takes instead of its own (TWON_DONTCARE16: its own again); a set with
    its own type is then refused with TWCC_BADVALUE. Returns 0 for an unknown capability or a non-number type. */
 int __cdecl VscanSetSetType(TW_UINT16 cap, TW_UINT16 itemType);
+/* The values a capability lists and accepts from now on in place of its own, without any check (a source reporting
+   codes a careful application must not trust); they outlast MSG_OPENDS, a MSG_SET enumeration constrains them. At most
+   VSCAN_MAX_VALUES; count 0 gives its own back. Returns 0 for an unknown capability or a bad count. */
+int __cdecl VscanSetValues(TW_UINT16 cap, int count, const double *values);
 
 #ifdef __cplusplus
 }
