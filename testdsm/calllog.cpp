@@ -209,32 +209,7 @@ bool Readable(const void *data, size_t size) {
 }
 
 TW_UINT32 ItemSize(TW_UINT16 itemType) {
-    switch (itemType) {
-    case TWTY_INT8:
-    case TWTY_UINT8:
-        return sizeof(TW_UINT8);
-    case TWTY_INT16:
-    case TWTY_UINT16:
-    case TWTY_BOOL:
-        return sizeof(TW_UINT16);
-    case TWTY_INT32:
-    case TWTY_UINT32:
-        return sizeof(TW_UINT32);
-    case TWTY_FIX32:
-        return sizeof(TW_FIX32);
-    case TWTY_FRAME:
-        return sizeof(TW_FRAME);
-    case TWTY_STR32:
-        return sizeof(TW_STR32);
-    case TWTY_STR64:
-        return sizeof(TW_STR64);
-    case TWTY_STR128:
-        return sizeof(TW_STR128);
-    case TWTY_STR255:
-        return sizeof(TW_STR255);
-    default:
-        return 0;
-    }
+    return TW_ItemTypeSize(itemType);
 }
 
 void DecodeCapability(TW_MEMREF data, TdsmContainer *out) {

@@ -398,6 +398,36 @@ typedef TW_UINT16(WINAPI *DSENTRYPROC)(pTW_IDENTITY origin, TW_UINT32 dg, TW_UIN
 #define TWQC_GETCURRENT 0x0008
 #define TWQC_RESET 0x0010
 
+/* Bytes one item of a TWTY_ type takes in an item list, as the standard lays them out; 0 for an
+   unknown type. */
+static inline TW_UINT32 TW_ItemTypeSize(TW_UINT16 itemType) {
+    switch (itemType) {
+    case TWTY_INT8:
+    case TWTY_UINT8:
+        return 1;
+    case TWTY_INT16:
+    case TWTY_UINT16:
+    case TWTY_BOOL:
+        return 2;
+    case TWTY_INT32:
+    case TWTY_UINT32:
+    case TWTY_FIX32:
+        return 4;
+    case TWTY_FRAME:
+        return sizeof(TW_FRAME);
+    case TWTY_STR32:
+        return sizeof(TW_STR32);
+    case TWTY_STR64:
+        return sizeof(TW_STR64);
+    case TWTY_STR128:
+        return sizeof(TW_STR128);
+    case TWTY_STR255:
+        return sizeof(TW_STR255);
+    default:
+        return 0;
+    }
+}
+
 /* Layouts as 32-bit Windows packs them; anything else breaks the wire format. */
 #ifdef __cplusplus
 #define TW_LAYOUT_CHECK(cond, what) static_assert(cond, what)

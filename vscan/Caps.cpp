@@ -266,28 +266,10 @@ bool Fit(const Domain &domain, unsigned flags, double value, double &fitted) {
 
 // --- Items in containers.
 
+// The standard's size; a type the standard does not know is carried as a 32-bit word.
 TW_UINT32 ItemSize(TW_UINT16 type) {
-    switch (type) {
-    case TWTY_INT8:
-    case TWTY_UINT8:
-        return 1;
-    case TWTY_INT16:
-    case TWTY_UINT16:
-    case TWTY_BOOL:
-        return 2;
-    case TWTY_FRAME:
-        return sizeof(TW_FRAME);
-    case TWTY_STR32:
-        return sizeof(TW_STR32);
-    case TWTY_STR64:
-        return sizeof(TW_STR64);
-    case TWTY_STR128:
-        return sizeof(TW_STR128);
-    case TWTY_STR255:
-        return sizeof(TW_STR255);
-    default:
-        return 4;
-    }
+    const TW_UINT32 size = TW_ItemTypeSize(type);
+    return size ? size : sizeof(TW_UINT32);
 }
 
 void WriteItem(void *at, TW_UINT16 type, double value) {

@@ -37,18 +37,10 @@ bool IsInk(int w, int h, int page, int x, int y) {
     return (kDigits[text[cx / 6] - '0'][cy] >> (4 - cx % 6)) & 1;
 }
 
+// Items the tests read and write as numbers: 1, 2 or 4 bytes (frames and strings count as words).
 unsigned ItemBytes(TW_UINT16 type) {
-    switch (type) {
-    case TWTY_INT8:
-    case TWTY_UINT8:
-        return 1;
-    case TWTY_INT16:
-    case TWTY_UINT16:
-    case TWTY_BOOL:
-        return 2;
-    default:
-        return 4;
-    }
+    const TW_UINT32 size = TW_ItemTypeSize(type);
+    return size == 1 || size == 2 ? size : 4;
 }
 
 double ReadItem(const unsigned char *at, TW_UINT16 type) {
