@@ -1,0 +1,162 @@
+// White-box checks of the session and negotiation fields no export shows: source identity, parent window, show-UI flag,
+// transfer mechanism.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+
+#include "ScanModule.h"
+#include "SessionTest.h"
+#include "Utility.h"
+#include "vscan.h"
+
+using namespace smtest;
+
+namespace {
+
+class SessionWhiteBoxTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        InstallDsm(Dsm::Present);
+        WriteDebugIni(0, 0);
+        RemoveSourceDirectories();
+        InstallVirtualScanner("twain_32\\vscan.ds");
+        WriteProfileStringA("Twain", "Default Source", nullptr);
+        module = std::make_unique<TScanModule>(GetModuleHandleA(nullptr));
+        ASSERT_TRUE(dsm.Open());
+        script.Load();
+        window = CreateWindowA("STATIC", "application", WS_OVERLAPPEDWINDOW, 0, 0, 100, 100, nullptr, nullptr, nullptr,
+                               nullptr);
+    }
+    void TearDown() override {
+        module->DisableDS();
+        module->CloseDS();
+        module.reset();
+        traceStream = nullptr;
+        traceDepth = 0;
+        dsm.Close();
+        DestroyWindow(window);
+        RemoveSourceDirectories();
+    }
+    // Sets ICAP_XFERMECH through the negotiation call with a container of the caller's.
+    TW_UINT16 SetMechanism(TW_UINT16 conType, TW_UINT32 mechanism) {
+        TW_CAPABILITY capability = {ICAP_XFERMECH, conType, nullptr};
+        if (conType == TWON_ENUMERATION) {
+            const TW_UINT16 items[] = {TWSX_NATIVE, TWSX_FILE, TWSX_MEMORY};
+            EXPECT_EQ(0, BuildupEnumeration(&capability, TWTY_UINT16, 3, mechanism, 0, items));
+        } else {
+            EXPECT_EQ(0, BuildupOneValue(&capability, TWTY_UINT16, mechanism));
+        }
+        const TW_UINT16 rc = module->CapNegotiate(MSG_SET, &capability);
+        GlobalFree(capability.hContainer);
+        return rc;
+    }
+
+    std::unique_ptr<TScanModule> module;
+    DsmControl dsm;
+    DsmScript script;
+    HWND window = nullptr;
+};
+
+TEST_F(SessionWhiteBoxTest, CancelledSelectionLeavesTheIdentityAsTheDialogLeftIt) {
+    std::memset(&module->sourceIdentity, 0x5A, sizeof module->sourceIdentity);
+    script.selectCancel();
+    EXPECT_EQ(-6, module->SelectDS(window));
+    const std::vector<TdsmCall> calls = dsm.Calls();
+    const TdsmCall *select = nullptr;
+    for (const TdsmCall &call : calls)
+        if (call.dat == DAT_IDENTITY && call.msg == MSG_USERSELECT)
+            select = &call;
+    ASSERT_NE(nullptr, select);
+    TW_IDENTITY zeroed = {};
+    EXPECT_EQ(0, std::memcmp(&zeroed, select->dataIn, sizeof zeroed)) << "the identity is cleared before the dialog";
+    EXPECT_EQ(0, std::memcmp(select->dataOut, &module->sourceIdentity, sizeof(TW_IDENTITY)));
+    EXPECT_EQ(kStateDsmLoaded, module->sessionState);
+}
+
+TEST_F(SessionWhiteBoxTest, ClosingTheManagerResetsTheParentToTheDesktop) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    EXPECT_EQ(window, module->parentWindow);
+    EXPECT_EQ(kStateSourceOpen, module->sessionState);
+    ASSERT_EQ(0, module->CloseDS());
+    EXPECT_EQ(GetDesktopWindow(), module->parentWindow);
+    EXPECT_EQ(kStateDsmLoaded, module->sessionState);
+    TW_IDENTITY zeroed = {};
+    EXPECT_EQ(0, std::memcmp(&zeroed, &module->sourceIdentity, sizeof zeroed)) << "the identity is cleared on close";
+}
+
+TEST_F(SessionWhiteBoxTest, EnableKeepsTheWholeShowFlagAndSendsItsLowWord) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    ASSERT_EQ(0, module->EnableDS(0x00020000, FALSE));
+    EXPECT_EQ(0x00020000, module->showUI);
+    EXPECT_EQ(kStateSourceEnabled, module->sessionState);
+    const TdsmCall enable = dsm.Calls().back();
+    TW_USERINTERFACE ui;
+    std::memcpy(&ui, enable.dataIn, sizeof ui);
+    EXPECT_EQ(0, ui.ShowUI);
+}
+
+TEST_F(SessionWhiteBoxTest, ModalEnableRecordsTheDisabledParent) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    ASSERT_EQ(0, module->EnableDS(FALSE, TRUE));
+    EXPECT_EQ(TRUE, module->parentDisabled);
+    EXPECT_EQ(window, module->disabledWindows.window);
+    ASSERT_EQ(0, module->DisableDS());
+    EXPECT_EQ(FALSE, module->parentDisabled);
+    EXPECT_EQ(nullptr, module->disabledWindows.window);
+}
+
+TEST_F(SessionWhiteBoxTest, MechanismSetThroughTheNegotiationIsRemembered) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    EXPECT_EQ(kMechMemory, module->transferMechanism);
+    EXPECT_EQ(TWRC_SUCCESS, SetMechanism(TWON_ENUMERATION, TWSX_FILE));
+    EXPECT_EQ(kMechFile, module->transferMechanism) << "the enumeration's current item is the mechanism";
+    EXPECT_EQ(TWRC_SUCCESS, SetMechanism(TWON_ONEVALUE, TWSX_NATIVE));
+    EXPECT_EQ(kMechNative, module->transferMechanism);
+    EXPECT_EQ(TWRC_SUCCESS, SetMechanism(TWON_ONEVALUE, TWSX_MEMORY));
+    EXPECT_EQ(kMechMemory, module->transferMechanism);
+}
+
+TEST_F(SessionWhiteBoxTest, MechanismAnsweredWithCheckStatusIsNotRemembered) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    script.failOnce(DG_CONTROL, DAT_CAPABILITY, MSG_SET, TWRC_CHECKSTATUS, TWCC_SUCCESS);
+    EXPECT_EQ(TWRC_CHECKSTATUS, SetMechanism(TWON_ONEVALUE, TWSX_NATIVE));
+    EXPECT_EQ(kMechMemory, module->transferMechanism);
+}
+
+TEST_F(SessionWhiteBoxTest, MechanismThroughTheAccessorAndGetsLeaveItAlone) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    ASSERT_EQ(0, module->SetXferMech(kMechFile));
+    EXPECT_EQ(kMechFile, module->transferMechanism);
+    WORD flag = 0;
+    ASSERT_EQ(0, module->GetXferMech(&flag));
+    EXPECT_EQ(kMechFile, flag);
+    script.failOnce(DG_CONTROL, DAT_CAPABILITY, MSG_SET, TWRC_FAILURE, TWCC_BADVALUE);
+    EXPECT_NE(0, module->SetXferMech(kMechNative));
+    EXPECT_EQ(kMechFile, module->transferMechanism) << "a failed set changes nothing";
+    ASSERT_EQ(0, module->CloseDS());
+    EXPECT_EQ(kMechFile, module->transferMechanism) << "closing the source does not clear it";
+}
+
+TEST_F(SessionWhiteBoxTest, BrightnessRangeIsLearntWhenTheSourceOpens) {
+    // The scanner is told to list brightness as the enumeration {-50, 0, 50} before it is opened.
+    HMODULE scanner = LoadLibraryA((WindowsDir() + "\\twain_32\\vscan.ds").c_str());
+    ASSERT_NE(nullptr, scanner);
+    auto setContainer =
+        reinterpret_cast<VscanSetContainerProc>(reinterpret_cast<void *>(GetProcAddress(scanner, "VscanSetContainer")));
+    auto setValues =
+        reinterpret_cast<VscanSetValuesProc>(reinterpret_cast<void *>(GetProcAddress(scanner, "VscanSetValues")));
+    ASSERT_TRUE(setContainer && setValues);
+    const double values[] = {-50.0, 0.0, 50.0};
+    ASSERT_NE(0, setValues(ICAP_BRIGHTNESS, 3, values));
+    ASSERT_NE(0, setContainer(ICAP_BRIGHTNESS, MSG_GET, TWON_ENUMERATION));
+    module->brightnessStep = 2.0;
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    EXPECT_EQ(-50.0, module->brightnessMin);
+    EXPECT_EQ(50.0, module->brightnessMax);
+    EXPECT_EQ(2.0, module->brightnessStep) << "an enumeration leaves the step as it was";
+    module->CloseDS();
+    FreeLibrary(scanner);
+}
+
+} // namespace
