@@ -200,13 +200,13 @@ public:
     // The get and set patterns every accessor follows. Both first apply the availability and
     // sequence checks (results -1 and 11, nothing else done).
     enum class Outcome { NotAsked, Failed, Read };
-    Outcome ReadCapability(const TraceCall &call, const GetSpec &spec, CapReading &reading, LONG &result);
-    LONG GetValue(const TraceCall &call, const GetSpec &spec, void *output, size_t width);
-    LONG SetCapability(const TraceCall &call, const SetSpec &spec, const void *argument);
+    Outcome ReadCapability(const TraceCall &call, const GetSpec &accessor, CapReading &reading, LONG &result);
+    LONG GetValue(const TraceCall &call, const GetSpec &accessor, void *output, size_t width);
+    LONG SetCapability(const TraceCall &call, const SetSpec &accessor, const void *argument);
     // The same two patterns after the checks: the messages, or the candidate item types, in order.
-    Outcome AskCapability(const TraceCall &call, const GetSpec &spec, CapReading &reading, LONG &result);
-    LONG SendCapability(const TraceCall &call, const SetSpec &spec, const void *argument);
-    LONG SetOne(const TraceCall &call, const SetSpec &spec, TW_UINT32 word, double number = 0.0);
+    Outcome AskCapability(const TraceCall &call, const GetSpec &accessor, CapReading &reading, LONG &result);
+    LONG SendCapability(const TraceCall &call, const SetSpec &accessor, const void *argument);
+    LONG SetOne(const TraceCall &call, const SetSpec &accessor, TW_UINT32 word, double number = 0.0);
     bool AccessorReady(const TraceCall &call, LONG &result);
 
 private:
@@ -215,7 +215,7 @@ private:
     LONG ListSources(const TraceCall &call, const char *path, int &counter);
     LONG GetRangeScaled(const TraceCall &call, TW_UINT16 cap, double dsMin, double dsMax, short *value, LONG appMin,
                         LONG appMax);
-    LONG SetRangeScaled(const TraceCall &call, const SetSpec &spec, double dsMin, double dsMax, double dsStep,
+    LONG SetRangeScaled(const TraceCall &call, const SetSpec &accessor, double dsMin, double dsMax, double dsStep,
                         LONG value, LONG appMin, LONG appMax, const char *badRange);
     LONG GetResolution(const TraceCall &call, TW_UINT16 cap, short *current, short *minimum, short *maximum);
     LONG GetScale(const TraceCall &call, TW_UINT16 cap, double *current, double *minimum, double *maximum);

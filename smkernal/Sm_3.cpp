@@ -89,8 +89,8 @@ LONG TScanModule::GetRangeScaled(const TraceCall &call, TW_UINT16 cap, double ds
 }
 
 // Maps the application's value onto the source's range, snapped to the source's step from its minimum.
-LONG TScanModule::SetRangeScaled(const TraceCall &call, const SetSpec &spec, double dsMin, double dsMax, double dsStep,
-                                 LONG value, LONG appMin, LONG appMax, const char *badRange) {
+LONG TScanModule::SetRangeScaled(const TraceCall &call, const SetSpec &accessor, double dsMin, double dsMax,
+                                 double dsStep, LONG value, LONG appMin, LONG appMax, const char *badRange) {
     LONG result = 0;
     if (!AccessorReady(call, result))
         return result;
@@ -103,7 +103,7 @@ LONG TScanModule::SetRangeScaled(const TraceCall &call, const SetSpec &spec, dou
     const double position = static_cast<double>(Low16(value) - low) / (high - low) * (dsMax - dsMin) + dsMin;
     const short steps = static_cast<short>(static_cast<int>((position - dsMin) / dsStep + 0.5));
     const OneValueArgument argument = {0, static_cast<float>(steps * dsStep + dsMin)};
-    return SendCapability(call, spec, &argument);
+    return SendCapability(call, accessor, &argument);
 }
 
 LONG TScanModule::GetBrightness(short *value, LONG appMin, LONG appMax) {

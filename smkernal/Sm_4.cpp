@@ -82,14 +82,14 @@ int Read(TW_CAPABILITY &capability, CapReading &reading) {
     return result;
 }
 
-bool Accepts(const GetSpec &spec, TW_UINT16 conType) {
+bool Accepts(const GetSpec &accessor, TW_UINT16 conType) {
     switch (conType) {
     case TWON_ONEVALUE:
-        return spec.accepted & kAcceptOneValue;
+        return accessor.accepted & kAcceptOneValue;
     case TWON_ENUMERATION:
-        return spec.accepted & kAcceptEnumeration;
+        return accessor.accepted & kAcceptEnumeration;
     case TWON_RANGE:
-        return spec.accepted & kAcceptRange;
+        return accessor.accepted & kAcceptRange;
     default:
         return false;
     }
@@ -180,23 +180,23 @@ bool TScanModule::AccessorReady(const TraceCall &call, LONG &result) {
 }
 
 // The get pattern: each message of the list until a container is accepted and read.
-TScanModule::Outcome TScanModule::ReadCapability(const TraceCall &call, const GetSpec &spec, CapReading &reading,
+TScanModule::Outcome TScanModule::ReadCapability(const TraceCall &call, const GetSpec &accessor, CapReading &reading,
                                                  LONG &result) {
     if (!AccessorReady(call, result))
         return Outcome::NotAsked;
-    return AskCapability(call, spec, reading, result);
+    return AskCapability(call, accessor, reading, result);
 }
 
-TScanModule::Outcome TScanModule::AskCapability(const TraceCall &call, const GetSpec &spec, CapReading &reading,
+TScanModule::Outcome TScanModule::AskCapability(const TraceCall &call, const GetSpec &accessor, CapReading &reading,
                                                 LONG &result) {
-    for (int i = 0; i < spec.messages.count; ++i) {
-        TW_CAPABILITY capability = {spec.cap, TWON_DONTCARE16, nullptr};
-        if (CapNegotiate(spec.messages.messages[i], &capability) != TWRC_SUCCESS) {
+    for (int i = 0; i < accessor.messages.count; ++i) {
+        TW_CAPABILITY capability = {accessor.cap, TWON_DONTCARE16, nullptr};
+        if (CapNegotiate(accessor.messages.messages[i], &capability) != TWRC_SUCCESS) {
             call.Warn(__LINE__, "CapNegotiate returns failure");
             result = GetTWAINStatusCode();
             continue;
         }
-        if (!Accepts(spec, capability.ConType)) {
+        if (!Accepts(accessor, capability.ConType)) {
             call.Warn(__LINE__, "Invalid container type");
             GlobalFree(capability.hContainer);
             result = TWCC_BADVALUE;
@@ -213,13 +213,13 @@ TScanModule::Outcome TScanModule::AskCapability(const TraceCall &call, const Get
     return Outcome::Failed;
 }
 
-LONG TScanModule::GetValue(const TraceCall &call, const GetSpec &spec, void *output, size_t width) {
+LONG TScanModule::GetValue(const TraceCall &call, const GetSpec &accessor, void *output, size_t width) {
     CapReading reading;
     LONG result = 0;
-    const Outcome outcome = ReadCapability(call, spec, reading, result);
+    const Outcome outcome = ReadCapability(call, accessor, reading, result);
     if (outcome == Outcome::NotAsked)
         return result;
-    const TW_UINT32 value = outcome == Outcome::Read ? spec.convert(reading) : spec.fallback;
+    const TW_UINT32 value = outcome == Outcome::Read ? accessor.convert(reading) : accessor.fallback;
     if (width == sizeof(WORD))
         *static_cast<WORD *>(output) = static_cast<WORD>(value);
     else
@@ -228,22 +228,22 @@ LONG TScanModule::GetValue(const TraceCall &call, const GetSpec &spec, void *out
 }
 
 // The set pattern: each candidate item type until the source takes one.
-LONG TScanModule::SetCapability(const TraceCall &call, const SetSpec &spec, const void *argument) {
+LONG TScanModule::SetCapability(const TraceCall &call, const SetSpec &accessor, const void *argument) {
     LONG result = 0;
     if (!AccessorReady(call, result))
         return result;
-    return SendCapability(call, spec, argument);
+    return SendCapability(call, accessor, argument);
 }
 
-LONG TScanModule::SendCapability(const TraceCall &call, const SetSpec &spec, const void *argument) {
+LONG TScanModule::SendCapability(const TraceCall &call, const SetSpec &accessor, const void *argument) {
     LONG result = 0;
-    const char *name = spec.failureName ? spec.failureName : call.Method();
-    for (int i = 0; i < spec.itemTypeCount; ++i) {
-        TW_CAPABILITY capability = {spec.cap, TWON_ONEVALUE, nullptr};
-        const int built = spec.build(capability, spec.itemTypes[i], argument);
+    const char *name = accessor.failureName ? accessor.failureName : call.Method();
+    for (int i = 0; i < accessor.itemTypeCount; ++i) {
+        TW_CAPABILITY capability = {accessor.cap, TWON_ONEVALUE, nullptr};
+        const int built = accessor.build(capability, accessor.itemTypes[i], argument);
         if (built != 0) {
             // The codec has already released whatever it allocated.
-            call.WarnAs(__LINE__, spec.buildFailure, name);
+            call.WarnAs(__LINE__, accessor.buildFailure, name);
             return built;
         }
         if (CapNegotiate(MSG_SET, &capability) != TWRC_SUCCESS) {
@@ -259,9 +259,9 @@ LONG TScanModule::SendCapability(const TraceCall &call, const SetSpec &spec, con
     return result;
 }
 
-LONG TScanModule::SetOne(const TraceCall &call, const SetSpec &spec, TW_UINT32 word, double number) {
+LONG TScanModule::SetOne(const TraceCall &call, const SetSpec &accessor, TW_UINT32 word, double number) {
     const OneValueArgument argument = {word, number};
-    return SetCapability(call, spec, &argument);
+    return SetCapability(call, accessor, &argument);
 }
 
 LONG TScanModule::IsNonUIAvailable(LONG *result) {

@@ -38,21 +38,7 @@ TW_UINT32 ReadWord32(const BYTE *at) {
 // Bytes copied into the caller's cell for an item type; 0 for the types the codec cannot carry. Unlike
 // ItemSize there is no fall-back: a FRAME or string item is refused, not read as a 32-bit word.
 TW_UINT32 CellWidth(TW_UINT16 itemType) {
-    switch (itemType) {
-    case TWTY_INT8:
-    case TWTY_UINT8:
-        return 1;
-    case TWTY_INT16:
-    case TWTY_UINT16:
-    case TWTY_BOOL:
-        return 2;
-    case TWTY_INT32:
-    case TWTY_UINT32:
-    case TWTY_FIX32:
-        return 4;
-    default:
-        return 0;
-    }
+    return itemType <= TWTY_FIX32 ? TW_ItemTypeSize(itemType) : 0;
 }
 
 // The one bounds check of every extraction: do `length` bytes at `offset` lie inside a block of `blockSize`
@@ -206,20 +192,10 @@ TW_UINT16 TruncatedLowWord(double value) {
 
 } // namespace
 
+// The codec carries scalars only, so a frame, a string or an unknown item is sized as one 32-bit word.
 TW_UINT32 ItemSize(TW_UINT16 itemType) {
-    switch (itemType) {
-    case TWTY_INT8:
-    case TWTY_UINT8:
-        return 1;
-    case TWTY_INT16:
-    case TWTY_UINT16:
-    case TWTY_BOOL:
-        return 2;
-    default:
-        // INT32, UINT32, FIX32, and every type above 7: the codec carries scalars only, so a frame or a
-        // string item is sized as one 32-bit word.
-        return 4;
-    }
+    const TW_UINT32 width = CellWidth(itemType);
+    return width ? width : sizeof(TW_UINT32);
 }
 
 int ExtractOneValue(TW_CAPABILITY *capability, TW_UINT32 *value) {
