@@ -1,0 +1,80 @@
+// Fixture of the capability suites.
+#include "CapabilityTest.h"
+
+#include <cstdio>
+
+namespace smtest {
+
+std::string CapLine(TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 rc) {
+    char line[96];
+    std::snprintf(line, sizeof line, "cap 0x%04X msg %u -> %s", cap, msg, TwrcName(rc));
+    return line;
+}
+
+std::string StatusLine() {
+    return "DAT_STATUS";
+}
+
+void CapabilityTest::SetUp() {
+    SessionTest::SetUp();
+    if (HasFatalFailure())
+        return;
+    sm.Resolve(library);
+    ASSERT_EQ(std::vector<std::string>{}, sm.Missing()) << "exports missing";
+    ASSERT_EQ(SM_OK, openDS(window, "Capability test"));
+    ASSERT_TRUE(scanner.Load(TwainSourceDir() + "\\vscan.ds")) << "the source the manager loaded";
+    auto resolve = [this](const char *name) {
+        return reinterpret_cast<void *>(GetProcAddress(scanner.Module(), name));
+    };
+    setMalformed = reinterpret_cast<VscanSetMalformedProc>(resolve("VscanSetMalformed"));
+    setSetType = reinterpret_cast<VscanSetSetTypeProc>(resolve("VscanSetSetType"));
+    setValues = reinterpret_cast<VscanSetValuesProc>(resolve("VscanSetValues"));
+    ASSERT_TRUE(setMalformed && setSetType && setValues);
+    ASSERT_GE(tracker.Attach(library.Module()), 2) << "smkernal.dll imports GlobalAlloc and GlobalFree";
+    ASSERT_GE(tracker.Attach(scanner.Module()), 2) << "vscan.ds imports GlobalAlloc and GlobalFree";
+    Reset();
+}
+
+void CapabilityTest::TearDown() {
+    tracker.Detach();
+    SessionTest::TearDown();
+    scanner.Free();
+}
+
+void CapabilityTest::Reset() {
+    viewer.Clear();
+    Mark();
+    tracker.Begin();
+}
+
+std::vector<TdsmCall> CapabilityTest::CapCalls(TW_UINT16 cap) const {
+    std::vector<TdsmCall> out;
+    for (const TdsmCall &call : CallsSinceMark())
+        if (call.dg == DG_CONTROL && call.dat == DAT_CAPABILITY && call.capIn.valid && call.capIn.cap == cap)
+            out.push_back(call);
+    return out;
+}
+
+std::vector<std::string> CapabilityTest::CapTriplets(TW_UINT16 cap) const {
+    std::vector<std::string> out;
+    for (const TdsmCall &call : CallsSinceMark()) {
+        if (call.dg == DG_CONTROL && call.dat == DAT_CAPABILITY && call.capIn.valid && call.capIn.cap == cap)
+            out.push_back(CapLine(cap, call.msg, call.rc));
+        else if (call.dg == DG_CONTROL && call.dat == DAT_STATUS)
+            out.push_back(StatusLine());
+    }
+    return out;
+}
+
+::testing::AssertionResult CapabilityTest::NoContainerLeft() const {
+    if (tracker.Live().empty() && tracker.DoubleFrees() == 0)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "global memory: " << tracker.Describe();
+}
+
+void CapabilityTest::CloseSource() {
+    ASSERT_EQ(SM_OK, closeDS());
+    Reset();
+}
+
+} // namespace smtest

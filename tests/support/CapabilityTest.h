@@ -1,0 +1,42 @@
+// Fixture of the capability suites: the virtual scanner open under the stand-in source manager, its controls, the
+// scanner-setting exports, and the global-memory tracker over the library and the source.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "CapabilityExports.h"
+#include "GlobalMemoryTracker.h"
+#include "SessionTest.h"
+#include "VscanSupport.h"
+
+namespace smtest {
+
+class CapabilityTest : public SessionTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Clears the records, the call log mark and the tracker's count.
+    void Reset();
+    // The DAT_CAPABILITY calls of one capability since the mark, and "cap/msg -> rc" lines for them and for every
+    // DAT_STATUS call, in order.
+    std::vector<TdsmCall> CapCalls(TW_UINT16 cap) const;
+    std::vector<std::string> CapTriplets(TW_UINT16 cap) const;
+    // No container allocated since Reset() is still allocated, and none was freed twice.
+    ::testing::AssertionResult NoContainerLeft() const;
+    // Closes the source and the source manager: state 2.
+    void CloseSource();
+
+    CapabilityExports sm;
+    VscanLibrary scanner;
+    VscanSetMalformedProc setMalformed = nullptr;
+    VscanSetSetTypeProc setSetType = nullptr;
+    VscanSetValuesProc setValues = nullptr;
+    GlobalMemoryTracker tracker;
+};
+
+std::string CapLine(TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 rc);
+std::string StatusLine();
+
+} // namespace smtest

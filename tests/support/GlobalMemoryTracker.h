@@ -1,0 +1,50 @@
+// Counts the global-memory blocks that chosen modules allocate and free, by redirecting their imports of
+// GlobalAlloc, GlobalReAlloc and GlobalFree. Tests use it to show that a call leaves no container behind.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+namespace smtest {
+
+// One tracker at a time: the redirected imports share the process-wide record of blocks.
+class GlobalMemoryTracker {
+public:
+    GlobalMemoryTracker() = default;
+    GlobalMemoryTracker(const GlobalMemoryTracker &) = delete;
+    GlobalMemoryTracker &operator=(const GlobalMemoryTracker &) = delete;
+    ~GlobalMemoryTracker() { Detach(); }
+
+    // Redirects the module's imported GlobalAlloc, GlobalReAlloc and GlobalFree; returns the number of import
+    // slots redirected (0 when the module imports none of them or is null).
+    int Attach(HMODULE module);
+    // Puts every redirected slot back, skipping modules that were unloaded meanwhile.
+    void Detach();
+
+    // Starts a count: blocks allocated before are no longer followed, and no failure is pending.
+    void Begin();
+    // The next `count` GlobalAlloc calls of the attached modules fail (return NULL) without allocating.
+    void FailNextAllocations(int count);
+    // Blocks allocated since Begin and not freed.
+    std::vector<HGLOBAL> Live() const;
+    int Allocations() const;
+    // Blocks freed that were allocated since Begin.
+    int Frees() const;
+    // GlobalFree of a block that was already freed since Begin.
+    int DoubleFrees() const;
+    // "2 live: 0x1234 (6 bytes), ..." for failure messages.
+    std::string Describe() const;
+
+private:
+    struct Slot {
+        HMODULE module;
+        std::string path;
+        void **address;
+        void *original;
+    };
+    std::vector<Slot> slots_;
+};
+
+} // namespace smtest
