@@ -31,7 +31,7 @@ constexpr SetSpec kLightPathSet = {ICAP_LIGHTPATH, {TWTY_UINT16}, 1, BuildOneVal
                                    nullptr};
 constexpr SetSpec kGammaSet = {ICAP_GAMMA, {TWTY_FIX32}, 1, BuildOneValue, "BuildupOneValue returns failure", nullptr};
 
-TW_UINT32 ReadItem(TW_CAPABILITY &capability, TW_UINT32 index, TW_UINT32 &item) {
+int ReadItem(TW_CAPABILITY &capability, TW_UINT32 index, TW_UINT32 &item) {
     return ExtractEnumerationValue(&capability, &item, static_cast<TW_INT32>(index));
 }
 
