@@ -1,0 +1,318 @@
+// The session's own records, scenario by scenario: every level, line and text that its source file writes, in order.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "SessionTest.h"
+
+using namespace smtest;
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+const char kSm2[] = "F:\\smkernal\\Sm_2.cpp";
+
+// A starting state, an action, and the records of the session's source file it must write.
+struct RecordScenario {
+    const char *name;
+    std::function<void(class SessionRecordsTest &)> arrange;
+    std::function<void(class SessionRecordsTest &)> act;
+    Strings records; // "Level line text"
+};
+
+void PrintTo(const RecordScenario &scenario, std::ostream *out) {
+    *out << scenario.name;
+}
+
+class SessionRecordsTest : public SessionTest, public ::testing::WithParamInterface<RecordScenario> {
+public:
+    // The scenarios drive the fixture from outside.
+    using SessionTest::closeDS;
+    using SessionTest::disableDS;
+    using SessionTest::enableDS;
+    using SessionTest::getAllDS;
+    using SessionTest::library;
+    using SessionTest::openDS;
+    using SessionTest::script;
+    using SessionTest::selectDS;
+    using SessionTest::window;
+
+    void Open() { ASSERT_EQ(SM_OK, openDS(window, "Records")); }
+    void Enable() {
+        Open();
+        ASSERT_EQ(SM_OK, enableDS(FALSE, FALSE));
+    }
+    // State 3: the source failed to open and the source manager failed to close.
+    void LeaveManagerOpen() {
+        script.failOnce(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, TWRC_FAILURE, TWCC_NODS);
+        script.failOnce(DG_CONTROL, DAT_PARENT, MSG_CLOSEDSM, TWRC_FAILURE, TWCC_SEQERROR);
+        openDS(window, "Records");
+    }
+    void WithoutSourceManager() {
+        library.Free();
+        dsm.Close();
+        InstallDsm(Dsm::Absent);
+        library.Load();
+        selectDS = library.Get<decltype(selectDS)>("smSelectDS");
+        openDS = library.Get<decltype(openDS)>("smOpenDS");
+        enableDS = library.Get<decltype(enableDS)>("smEnableDS");
+        getAllDS = library.Get<decltype(getAllDS)>("smGetAllDS");
+        // Nothing to close afterwards.
+        disableDS = nullptr;
+        closeDS = library.Get<decltype(closeDS)>("smCloseDS");
+    }
+    void FailOnce(TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 rc = TWRC_FAILURE) {
+        script.failOnce(DG_CONTROL, dat, msg, rc, TWCC_BUMMER);
+    }
+    std::string List() const { return BinDir() + "\\records.ini"; }
+
+    Strings Sm2Records() const {
+        Strings out;
+        for (const TraceLine &record : viewer.Records())
+            if (record.source == kSm2)
+                out.push_back(record.level + " " + std::to_string(record.line) + " " + record.text);
+        return out;
+    }
+};
+
+TEST_P(SessionRecordsTest, WritesItsRecordsWithTheirLines) {
+    const RecordScenario &scenario = GetParam();
+    if (scenario.arrange)
+        scenario.arrange(*this);
+    viewer.Clear();
+    scenario.act(*this);
+    EXPECT_EQ(scenario.records, Sm2Records());
+}
+
+// Records of the inner calls that most scenarios share.
+const Strings kOpenDsm = {"Trace 111 Coming TScanModule::OpenDSM", "Trace 159 Leaving TScanModule::OpenDSM"};
+const Strings kCloseDsm = {"Trace 703 Coming TScanModule::CloseDSM", "Trace 750 Leaving TScanModule::CloseDSM"};
+const Strings kStatus = {"Trace 764 Coming TScanModule::GetTWAINStatusCode",
+                         "Trace 788 Leaving TScanModule::GetTWAINStatusCode"};
+
+Strings Join(std::initializer_list<Strings> parts) {
+    Strings out;
+    for (const Strings &part : parts)
+        out.insert(out.end(), part.begin(), part.end());
+    return out;
+}
+
+const RecordScenario kScenarios[] = {
+    {"OpenDSInStateTwo", nullptr, [](SessionRecordsTest &t) { t.openDS(t.window, "Records"); },
+     Join({{"Trace 345 Coming TScanModule::OpenDS"}, kOpenDsm, {"Trace 448 Leaving TScanModule::OpenDS"}})},
+    {"OpenDSWithoutWindow", nullptr, [](SessionRecordsTest &t) { t.openDS(nullptr, "Records"); },
+     Join({{"Trace 345 Coming TScanModule::OpenDS", "Warning 363 Invalid parent window handle in TScanModule::OpenDS"},
+           kOpenDsm,
+           {"Trace 448 Leaving TScanModule::OpenDS"}})},
+    {"OpenDSInStateFour",
+     [](SessionRecordsTest &t) { t.Open(); },
+     [](SessionRecordsTest &t) { t.openDS(t.window, "Records"); },
+     {"Trace 345 Coming TScanModule::OpenDS", "Warning 372 DS is already open in TScanModule::OpenDS",
+      "Trace 448 Leaving TScanModule::OpenDS"}},
+    {"OpenDSInStateFive",
+     [](SessionRecordsTest &t) { t.Enable(); },
+     [](SessionRecordsTest &t) { t.openDS(t.window, "Records"); },
+     {"Trace 345 Coming TScanModule::OpenDS", "Trace 111 Coming TScanModule::OpenDSM",
+      "Warning 137 Sequence error in TScanModule::OpenDSM", "Trace 159 Leaving TScanModule::OpenDSM",
+      "Warning 402 OpenDSM returns failure in TScanModule::OpenDS", "Trace 448 Leaving TScanModule::OpenDS"}},
+    {"OpenDSWhenTheManagerFailsToOpen", [](SessionRecordsTest &t) { t.FailOnce(DAT_PARENT, MSG_OPENDSM); },
+     [](SessionRecordsTest &t) { t.openDS(t.window, "Records"); },
+     Join({{"Trace 345 Coming TScanModule::OpenDS", "Trace 111 Coming TScanModule::OpenDSM",
+            "Warning 153 DSM_Entry returns failure in TScanModule::OpenDSM"},
+           kStatus,
+           {"Trace 159 Leaving TScanModule::OpenDSM", "Warning 402 OpenDSM returns failure in TScanModule::OpenDS",
+            "Trace 448 Leaving TScanModule::OpenDS"}})},
+    {"OpenDSWhenTheSourceFailsToOpen", [](SessionRecordsTest &t) { t.FailOnce(DAT_IDENTITY, MSG_OPENDS); },
+     [](SessionRecordsTest &t) { t.openDS(t.window, "Records"); },
+     Join({{"Trace 345 Coming TScanModule::OpenDS"},
+           kOpenDsm,
+           {"Warning 419 DSM_Entry returns failure in TScanModule::OpenDS"},
+           kStatus,
+           kCloseDsm,
+           {"Trace 448 Leaving TScanModule::OpenDS"}})},
+    {"OpenDSMInStateThree",
+     [](SessionRecordsTest &t) { t.LeaveManagerOpen(); },
+     [](SessionRecordsTest &t) { t.openDS(t.window, "Records"); },
+     {"Trace 345 Coming TScanModule::OpenDS", "Trace 111 Coming TScanModule::OpenDSM",
+      "Warning 125 Data Source Manager is already open in TScanModule::OpenDSM",
+      "Trace 159 Leaving TScanModule::OpenDSM", "Trace 448 Leaving TScanModule::OpenDS"}},
+    {"CloseDSMFailing",
+     [](SessionRecordsTest &t) {
+         t.Open();
+         t.FailOnce(DAT_PARENT, MSG_CLOSEDSM);
+     },
+     // The status query still addresses the source just closed, which the manager no longer knows.
+     [](SessionRecordsTest &t) { t.closeDS(); },
+     {"Trace 633 Coming TScanModule::CloseDS", "Trace 703 Coming TScanModule::CloseDSM",
+      "Warning 744 DSM_Entry returns failure in TScanModule::CloseDSM",
+      "Trace 764 Coming TScanModule::GetTWAINStatusCode",
+      "Warning 782 DSM_Entry returns failure in TScanModule::GetTWAINStatusCode",
+      "Trace 788 Leaving TScanModule::GetTWAINStatusCode", "Trace 750 Leaving TScanModule::CloseDSM",
+      "Trace 690 Leaving TScanModule::CloseDS"}},
+    {"EnableDSModal",
+     [](SessionRecordsTest &t) { t.Open(); },
+     [](SessionRecordsTest &t) { t.enableDS(FALSE, TRUE); },
+     {"Trace 463 Coming TScanModule::EnableDS", "Trace 501 To disable parent window in TScanModule::EnableDS",
+      "Trace 505 Disable parent window OK in TScanModule::EnableDS", "Trace 547 Leaving TScanModule::EnableDS"}},
+    {"EnableDSInStateFive",
+     [](SessionRecordsTest &t) { t.Enable(); },
+     [](SessionRecordsTest &t) { t.enableDS(FALSE, FALSE); },
+     {"Trace 463 Coming TScanModule::EnableDS", "Warning 477 DS is already enabled in TScanModule::EnableDS",
+      "Trace 547 Leaving TScanModule::EnableDS"}},
+    {"EnableDSInStateTwo",
+     nullptr,
+     [](SessionRecordsTest &t) { t.enableDS(FALSE, FALSE); },
+     {"Trace 463 Coming TScanModule::EnableDS", "Warning 485 Sequence error in TScanModule::EnableDS",
+      "Trace 547 Leaving TScanModule::EnableDS"}},
+    {"EnableDSCheckStatus",
+     [](SessionRecordsTest &t) {
+         t.Open();
+         t.script.failOnce(DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, TWRC_CHECKSTATUS, TWCC_SUCCESS);
+     },
+     [](SessionRecordsTest &t) { t.enableDS(FALSE, FALSE); },
+     {"Trace 463 Coming TScanModule::EnableDS",
+      "Warning 527 DSM_Entry returns check condition in TScanModule::EnableDS",
+      "Trace 547 Leaving TScanModule::EnableDS"}},
+    {"EnableDSFailing",
+     [](SessionRecordsTest &t) {
+         t.Open();
+         t.FailOnce(DAT_USERINTERFACE, MSG_ENABLEDS);
+     },
+     [](SessionRecordsTest &t) { t.enableDS(FALSE, FALSE); },
+     Join({{"Trace 463 Coming TScanModule::EnableDS", "Warning 536 DSM_Entry returns failure in TScanModule::EnableDS"},
+           kStatus,
+           {"Trace 547 Leaving TScanModule::EnableDS"}})},
+    {"DisableDSInStateFive",
+     [](SessionRecordsTest &t) { t.Enable(); },
+     [](SessionRecordsTest &t) { t.disableDS(); },
+     {"Trace 620 Leaving TScanModule::DisableDS"}},
+    {"DisableDSInStateFour",
+     [](SessionRecordsTest &t) { t.Open(); },
+     [](SessionRecordsTest &t) { t.disableDS(); },
+     {"Warning 573 DS is already disabled in TScanModule::DisableDS", "Trace 620 Leaving TScanModule::DisableDS"}},
+    {"DisableDSInStateTwo",
+     nullptr,
+     [](SessionRecordsTest &t) { t.disableDS(); },
+     {"Warning 581 Sequence error in TScanModule::DisableDS", "Trace 620 Leaving TScanModule::DisableDS"}},
+    {"DisableDSFailing",
+     [](SessionRecordsTest &t) {
+         t.Enable();
+         t.FailOnce(DAT_USERINTERFACE, MSG_DISABLEDS);
+     },
+     [](SessionRecordsTest &t) { t.disableDS(); },
+     Join({{"Warning 603 DSM_Entry returns failure in TScanModule::DisableDS"},
+           kStatus,
+           {"Trace 620 Leaving TScanModule::DisableDS"}})},
+    {"CloseDSInStateFour", [](SessionRecordsTest &t) { t.Open(); }, [](SessionRecordsTest &t) { t.closeDS(); },
+     Join({{"Trace 633 Coming TScanModule::CloseDS"}, kCloseDsm, {"Trace 690 Leaving TScanModule::CloseDS"}})},
+    {"CloseDSInStateThree", [](SessionRecordsTest &t) { t.LeaveManagerOpen(); },
+     [](SessionRecordsTest &t) { t.closeDS(); },
+     Join({{"Trace 633 Coming TScanModule::CloseDS", "Warning 647 DS is already closed in TScanModule::CloseDS"},
+           kCloseDsm,
+           {"Trace 690 Leaving TScanModule::CloseDS"}})},
+    {"CloseDSInStateTwo",
+     nullptr,
+     [](SessionRecordsTest &t) { t.closeDS(); },
+     {"Trace 633 Coming TScanModule::CloseDS", "Warning 662 Sequence error in TScanModule::CloseDS",
+      "Trace 690 Leaving TScanModule::CloseDS"}},
+    {"CloseDSFailing",
+     [](SessionRecordsTest &t) {
+         t.Open();
+         t.FailOnce(DAT_IDENTITY, MSG_CLOSEDS);
+     },
+     [](SessionRecordsTest &t) { t.closeDS(); },
+     Join({{"Trace 633 Coming TScanModule::CloseDS", "Warning 684 DSM_Entry returns failure in TScanModule::CloseDS"},
+           kStatus,
+           {"Trace 690 Leaving TScanModule::CloseDS"}})},
+    {"StatusQueryFailing",
+     [](SessionRecordsTest &t) {
+         t.Open();
+         t.FailOnce(DAT_IDENTITY, MSG_CLOSEDS);
+         t.FailOnce(DAT_STATUS, MSG_GET);
+     },
+     [](SessionRecordsTest &t) { t.closeDS(); },
+     {"Trace 633 Coming TScanModule::CloseDS", "Warning 684 DSM_Entry returns failure in TScanModule::CloseDS",
+      "Trace 764 Coming TScanModule::GetTWAINStatusCode",
+      "Warning 782 DSM_Entry returns failure in TScanModule::GetTWAINStatusCode",
+      "Trace 788 Leaving TScanModule::GetTWAINStatusCode", "Trace 690 Leaving TScanModule::CloseDS"}},
+    {"SelectDSWithoutWindow", nullptr, [](SessionRecordsTest &t) { t.selectDS(nullptr); },
+     Join({{"Trace 173 Coming TScanModule::SelectDS",
+            "Warning 188 Invalid parent window handle in TScanModule::SelectDS"},
+           kOpenDsm,
+           kCloseDsm,
+           {"Trace 232 Leaving TScanModule::SelectDS"}})},
+    {"SelectDSInStateFour",
+     [](SessionRecordsTest &t) { t.Open(); },
+     [](SessionRecordsTest &t) { t.selectDS(t.window); },
+     {"Trace 173 Coming TScanModule::SelectDS", "Trace 111 Coming TScanModule::OpenDSM",
+      "Warning 137 Sequence error in TScanModule::OpenDSM", "Trace 159 Leaving TScanModule::OpenDSM",
+      "Warning 198 OpenDSM returns failure in TScanModule::SelectDS", "Trace 232 Leaving TScanModule::SelectDS"}},
+    {"SelectDSFailing", [](SessionRecordsTest &t) { t.FailOnce(DAT_IDENTITY, MSG_USERSELECT); },
+     [](SessionRecordsTest &t) { t.selectDS(t.window); },
+     Join({{"Trace 173 Coming TScanModule::SelectDS"},
+           kOpenDsm,
+           {"Warning 224 DSM_Entry returns failure in TScanModule::SelectDS"},
+           kStatus,
+           kCloseDsm,
+           {"Trace 232 Leaving TScanModule::SelectDS"}})},
+    {"GetAllDSWithTheManagerRefusingToOpen",
+     [](SessionRecordsTest &t) { t.Open(); },
+     [](SessionRecordsTest &t) { t.getAllDS(t.List().c_str()); },
+     {"Trace 251 Coming TScanModule::GetAllDS", "Trace 111 Coming TScanModule::OpenDSM",
+      "Warning 137 Sequence error in TScanModule::OpenDSM", "Trace 159 Leaving TScanModule::OpenDSM",
+      "Warning 269 OpenDSM returns failure in TScanModule::SelectDS", "Trace 703 Coming TScanModule::CloseDSM",
+      "Warning 725 Sequence error in TScanModule::CloseDSM", "Trace 750 Leaving TScanModule::CloseDSM",
+      "Trace 323 Leaving TScanModule::GetAllDS"}},
+    {"GetAllDSWithoutFirstSource", [](SessionRecordsTest &t) { t.FailOnce(DAT_IDENTITY, MSG_GETFIRST); },
+     [](SessionRecordsTest &t) { t.getAllDS(t.List().c_str()); },
+     Join({{"Trace 251 Coming TScanModule::GetAllDS"},
+           kOpenDsm,
+           {"Warning 281 OpenDSM returns failure in TScanModule::SelectDS"},
+           kCloseDsm,
+           {"Trace 323 Leaving TScanModule::GetAllDS"}})},
+    {"GetAllDSWithTheManagerFailingToOpen", [](SessionRecordsTest &t) { t.FailOnce(DAT_PARENT, MSG_OPENDSM); },
+     [](SessionRecordsTest &t) { t.getAllDS(t.List().c_str()); },
+     Join({{"Trace 251 Coming TScanModule::GetAllDS", "Trace 111 Coming TScanModule::OpenDSM",
+            "Warning 153 DSM_Entry returns failure in TScanModule::OpenDSM"},
+           kStatus,
+           {"Trace 159 Leaving TScanModule::OpenDSM", "Warning 269 OpenDSM returns failure in TScanModule::SelectDS",
+            "Trace 703 Coming TScanModule::CloseDSM",
+            "Warning 717 Data Source Manager is already closed in TScanModule::CloseDSM",
+            "Trace 750 Leaving TScanModule::CloseDSM", "Trace 323 Leaving TScanModule::GetAllDS"}})},
+    {"OpenDSWithoutSourceManager",
+     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.openDS(t.window, "Records"); },
+     {"Trace 345 Coming TScanModule::OpenDS", "Warning 351 TWAIN is not available in TScanModule::OpenDS",
+      "Trace 448 Leaving TScanModule::OpenDS"}},
+    {"EnableDSWithoutSourceManager",
+     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.enableDS(FALSE, FALSE); },
+     {"Trace 463 Coming TScanModule::EnableDS", "Warning 469 TWAIN is not available in TScanModule::EnableDS",
+      "Trace 547 Leaving TScanModule::EnableDS"}},
+    {"CloseDSWithoutSourceManager",
+     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.closeDS(); },
+     {"Trace 633 Coming TScanModule::CloseDS", "Warning 639 TWAIN is not available in TScanModule::CloseDS",
+      "Trace 690 Leaving TScanModule::CloseDS"}},
+    {"SelectDSWithoutSourceManager",
+     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.selectDS(t.window); },
+     {"Trace 173 Coming TScanModule::SelectDS", "Warning 177 TWAIN is not available in TScanModule::SelectDS",
+      "Trace 232 Leaving TScanModule::SelectDS"}},
+    {"DisableDSWithoutSourceManager",
+     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.library.Get<LONG(WINAPI *)()>("smDisableDS")(); },
+     {"Warning 565 TWAIN is not available in TScanModule::DisableDS", "Trace 620 Leaving TScanModule::DisableDS"}},
+    {"GetAllDSWithoutSourceManager",
+     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.getAllDS(t.List().c_str()); },
+     {"Trace 251 Coming TScanModule::GetAllDS", "Warning 255 TWAIN is not available in TScanModule::GetAllDS",
+      "Trace 703 Coming TScanModule::CloseDSM", "Warning 709 TWAIN is not available in TScanModule::CloseDSM",
+      "Trace 750 Leaving TScanModule::CloseDSM", "Trace 323 Leaving TScanModule::GetAllDS"}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, SessionRecordsTest, ::testing::ValuesIn(kScenarios),
+                         [](const ::testing::TestParamInfo<RecordScenario> &info) { return info.param.name; });
+
+} // namespace
