@@ -10,6 +10,12 @@ _Static_assert(sizeof(DisabledWindowList) == 10, "DisabledWindowList is 10 bytes
 _Static_assert(offsetof(DisabledWindowList, windowCount) == 4, "windowCount at 4");
 _Static_assert(offsetof(DisabledWindowList, nextSlot) == 6, "nextSlot at 6");
 
+_Static_assert(sizeof(ScanCapRecord) == 104, "ScanCapRecord is 104 bytes");
+_Static_assert(offsetof(ScanCapRecord, reserved) == 56, "reserved at 56");
+_Static_assert(offsetof(ScanCapRecord, maxXResolution) == 60, "maxXResolution at 60");
+_Static_assert(offsetof(ScanCapRecord, bitDepth) == 72, "bitDepth at 72");
+_Static_assert(offsetof(ScanCapRecord, memXferSize) == 92, "memXferSize at 92");
+
 static int passed, failed;
 
 static void Check(int ok, const char *what) {
@@ -44,6 +50,20 @@ int main(void) {
     Check(slot == window && list.nextSlot == &slot + 1, "DisableWnds records the window");
     Check(!IsWindowEnabled(window), "DisableWnds disables the window");
     DestroyWindow(window);
+
+    /* No source is open: the settings calls refuse (or find no source manager at all), the
+       snapshot is still filled with its constants and keeps the caller's words. */
+    WORD unit = 0xBEEF;
+    LONG status = smGetUnit(&unit);
+    Check(status == SM_ERR_SEQUENCE || status == SM_ERR_UNAVAILABLE, "smGetUnit without a source");
+    Check(unit == 0xBEEF, "a refused get leaves its output alone");
+    ScanCapRecord record;
+    memset(&record, 0x11, sizeof record);
+    Check(smGetScanCap(&record) == SM_OK, "smGetScanCap answers SM_OK");
+    Check(record.size == 104 && record.reserved == 0 && record.bitDepth == 8, "snapshot constants");
+    Check(record.passThrough[0] == 0x11111111 && record.passThroughTail[1] == 0x11111111, "untouched words");
+    double scale = 0.0;
+    Check(smSetXScale(1.5) != SM_OK && smGetXScale(&scale, &scale, &scale) != SM_OK, "scaling needs a source");
 
     Check(SM_OK == 0 && SM_ERR_UNAVAILABLE == -1 && SM_ERR_SEQUENCE == 11 && SM_ERR_BAD_VALUE == 10, "result codes");
     Check(strcmp(SM_MSG_XFERSTART, "ScanModule_XferStart") == 0, "message names");
