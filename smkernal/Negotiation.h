@@ -33,13 +33,15 @@ struct CapReading {
 };
 
 // One get accessor: capability, messages, accepted containers, and how the reading becomes the
-// application's value. `fallback` is the value reported when no attempt succeeded.
+// application's value. `fallback` is the value reported when no attempt succeeded; `preset` the
+// container type asked for.
 struct GetSpec {
     TW_UINT16 cap;
     MessageList messages;
     unsigned accepted;
     TW_UINT32 (*convert)(const CapReading &reading);
     TW_UINT32 fallback;
+    TW_UINT16 preset = TWON_DONTCARE16;
 };
 
 // How a set builds its container for one candidate item type; returns the codec's result.

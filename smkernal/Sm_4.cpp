@@ -18,7 +18,8 @@ constexpr SetSpec kOnOffSet(TW_UINT16 cap) {
     return {cap, {TWTY_BOOL, TWTY_UINT16, TWTY_INT16}, 3, BuildOneValue, "BuildupOneValue returns failure", nullptr};
 }
 
-constexpr GetSpec kUIControllable = {CAP_UICONTROLLABLE, {{MSG_GET, 0}, 2}, kAcceptOneValue, AsIs, 0};
+// Asked for a one-value, and a second time with message code 0 when the first ask fails.
+constexpr GetSpec kUIControllable = {CAP_UICONTROLLABLE, {{MSG_GET, 0}, 2}, kAcceptOneValue, AsIs, 0, TWON_ONEVALUE};
 constexpr GetSpec kFeederEnabled = kOnOff(CAP_FEEDERENABLED);
 constexpr GetSpec kFeederLoaded = kOnOff(CAP_FEEDERLOADED);
 constexpr GetSpec kThumbnails = kOnOff(CAP_THUMBNAILSENABLED);
@@ -190,7 +191,7 @@ TScanModule::Outcome TScanModule::ReadCapability(const TraceCall &call, const Ge
 TScanModule::Outcome TScanModule::AskCapability(const TraceCall &call, const GetSpec &accessor, CapReading &reading,
                                                 LONG &result) {
     for (int i = 0; i < accessor.messages.count; ++i) {
-        TW_CAPABILITY capability = {accessor.cap, TWON_DONTCARE16, nullptr};
+        TW_CAPABILITY capability = {accessor.cap, accessor.preset, nullptr};
         if (CapNegotiate(accessor.messages.messages[i], &capability) != TWRC_SUCCESS) {
             call.Warn(__LINE__, "CapNegotiate returns failure");
             result = GetTWAINStatusCode();
