@@ -495,7 +495,7 @@ const Malformed kMalformed[] = {
      }},
 };
 
-INSTANTIATE_TEST_SUITE_P(Answers, MalformedAnswerTest, ::testing::ValuesIn(kMalformed),
+INSTANTIATE_TEST_SUITE_P(CapabilityAnswers, MalformedAnswerTest, ::testing::ValuesIn(kMalformed),
                          [](const ::testing::TestParamInfo<Malformed> &info) { return std::string(info.param.name); });
 
 TEST_F(CapabilityEdgeTest, UnknownItemTypeReadsNothing) {

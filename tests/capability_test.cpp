@@ -479,7 +479,7 @@ TEST_P(GetAccessorTest, EntryAndExitRecords) {
     EXPECT_EQ(1, viewer.CountText("Leaving TScanModule::" + method));
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, GetAccessorTest, ::testing::ValuesIn(GetRows()),
+INSTANTIATE_TEST_SUITE_P(CapabilityRows, GetAccessorTest, ::testing::ValuesIn(GetRows()),
                          [](const ::testing::TestParamInfo<GetRow> &info) { return std::string(info.param.name); });
 
 // --- Set accessors.
@@ -808,7 +808,7 @@ TEST_P(SetAccessorTest, WithoutAnOpenSourceSendsNothing) {
     EXPECT_EQ(0, tracker.Allocations());
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, SetAccessorTest, ::testing::ValuesIn(SetRows()),
+INSTANTIATE_TEST_SUITE_P(CapabilityRows, SetAccessorTest, ::testing::ValuesIn(SetRows()),
                          [](const ::testing::TestParamInfo<SetRow> &info) { return std::string(info.param.name); });
 
 class SetRetryTest : public SetAccessorTest {};
@@ -830,7 +830,7 @@ TEST_P(SetRetryTest, SecondItemTypeIsTriedAfterARefusal) {
     EXPECT_TRUE(NoContainerLeft());
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, SetRetryTest, ::testing::ValuesIn(MultiTypeSetRows()),
+INSTANTIATE_TEST_SUITE_P(CapabilityRows, SetRetryTest, ::testing::ValuesIn(MultiTypeSetRows()),
                          [](const ::testing::TestParamInfo<SetRow> &info) { return std::string(info.param.name); });
 
 // --- The whole family against a source that takes every value.
