@@ -51,9 +51,13 @@ bool WithinBlock(SIZE_T blockSize, long long offset, ULONGLONG length) {
 // negative or past the block, which the caller checks.
 using ItemLocator = long long (*)(const BYTE *block, TW_UINT32 width, TW_INT32 argument);
 
+// Bytes the whole container claims, item list included, by the count it stores.
+using ClaimedLength = ULONGLONG (*)(const BYTE *block, TW_UINT32 width);
+
 struct ContainerShape {
     SIZE_T fixedBytes; // bytes the container takes before (or without) its item list
     ItemLocator locate;
+    ClaimedLength claimed; // null when the container has no item list
 };
 
 long long OneValueItem(const BYTE *, TW_UINT32, TW_INT32) {
@@ -75,6 +79,12 @@ long long EnumerationItem(const BYTE *block, TW_UINT32 width, TW_INT32 index) {
     return static_cast<long long>(kEnumerationHeader) + position * width;
 }
 
+// The stored NumItems counts in full here, even where the count itself is delivered cut to the item's
+// width: a list that claims more items than its block holds is refused whole.
+ULONGLONG EnumerationLength(const BYTE *block, TW_UINT32 width) {
+    return kEnumerationHeader + static_cast<ULONGLONG>(ReadWord32(block + offsetof(TW_ENUMERATION, NumItems))) * width;
+}
+
 long long RangeField(const BYTE *, TW_UINT32, TW_INT32 selector) {
     switch (selector) {
     case -1:
@@ -91,10 +101,10 @@ long long RangeField(const BYTE *, TW_UINT32, TW_INT32 selector) {
     }
 }
 
-const ContainerShape kOneValue = {kOneValueBytes, OneValueItem};
-const ContainerShape kEnumerationCount = {kEnumerationHeader, EnumerationCount};
-const ContainerShape kEnumerationItem = {kEnumerationHeader, EnumerationItem};
-const ContainerShape kRange = {kRangeBytes, RangeField};
+const ContainerShape kOneValue = {kOneValueBytes, OneValueItem, nullptr};
+const ContainerShape kEnumerationCount = {kEnumerationHeader, EnumerationCount, EnumerationLength};
+const ContainerShape kEnumerationItem = {kEnumerationHeader, EnumerationItem, EnumerationLength};
+const ContainerShape kRange = {kRangeBytes, RangeField, nullptr};
 
 // The frame every extraction shares: zero the cell, refuse a missing container, lock it, copy the item
 // with its type's width, unlock. `lockFailure` is what a failed lock returns (2, but 10 for a one-value).
@@ -122,7 +132,8 @@ int ExtractItem(const TraceCall &call, const TW_CAPABILITY *capability, TW_UINT3
         const TW_UINT32 width = CellWidth(itemType);
         if (width != 0) {
             const long long offset = shape.locate(block, width, argument);
-            if (WithinBlock(blockSize, offset, width)) {
+            const bool listFits = !shape.claimed || WithinBlock(blockSize, 0, shape.claimed(block, width));
+            if (listFits && WithinBlock(blockSize, offset, width)) {
                 std::memcpy(value, block + offset, width);
                 result = TWCC_SUCCESS;
             } else {

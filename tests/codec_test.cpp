@@ -381,8 +381,9 @@ class CodecEnumerationCountByType : public Codec, public ::testing::WithParamInt
 
 TEST_P(CodecEnumerationCountByType, DeliversTheCountWithTheItemTypesWidth) {
     const TypeCase &type = GetParam();
-    // The count is taken as it stands; the list behind it is not looked at.
-    GlobalBlock block(Enumeration(type.type, 0x00012345, 0, 0, Bytes(4)));
+    // A block that holds the whole list, so that only the width of the delivered count is at stake.
+    const TW_UINT32 listBytes = type.cellWidth ? type.cellWidth * 0x00012345 : 4;
+    GlobalBlock block(Enumeration(type.type, 0x00012345, 0, 0, Bytes(listBytes)));
     TW_CAPABILITY capability = block.Capability(TWON_ENUMERATION);
     TW_UINT32 cell = kDirtyCell;
 
@@ -544,6 +545,23 @@ TEST_F(Codec, EnumerationItemEndingExactlyAtTheBlocksEndIsRead) {
     EXPECT_EQ(3u, cell);
 }
 
+TEST_F(Codec, EnumerationWhoseCountRunsPastTheBlockIsRefusedWhole) {
+    // Three UINT16 items, but a count of 0x10003: cut to 16 bits the count would look right.
+    GlobalBlock block(Enumeration(TWTY_UINT16, 0x10003, 0, 0, PackItems({1, 2, 3}, 2)));
+    TW_CAPABILITY capability = block.Capability(TWON_ENUMERATION);
+    TW_UINT32 cell = kDirtyCell;
+    EXPECT_EQ(TWCC_BADVALUE, ExtractEnumerationNumItems(&capability, &cell));
+    EXPECT_EQ(0u, cell);
+    EXPECT_EQ(Traced("ExtractEnumerationNumItems", "Invalid memory"), Records());
+    for (TW_INT32 index : {0, 2, -1, -2}) {
+        viewer_.Clear();
+        cell = kDirtyCell;
+        EXPECT_EQ(TWCC_BADVALUE, ExtractEnumerationValue(&capability, &cell, index)) << index;
+        EXPECT_EQ(0u, cell) << index;
+    }
+    EXPECT_EQ(0u, LockCount(block.Handle()));
+}
+
 TEST_F(Codec, EnumerationIndexPastTheBlockIsRefusedWithBadValue) {
     GlobalBlock block(Enumeration(TWTY_UINT32, 3, 0, 0, PackItems({1, 2, 3}, 4)));
     ASSERT_EQ(26u, GlobalSize(block.Handle()));
@@ -558,16 +576,16 @@ TEST_F(Codec, EnumerationIndexPastTheBlockIsRefusedWithBadValue) {
     EXPECT_EQ(0u, LockCount(block.Handle()));
 }
 
-TEST_F(Codec, EnumerationItemOverlappingTheBlocksEndIsRefused) {
-    // A UINT32 list whose last item has only two of its four bytes in the block.
+TEST_F(Codec, EnumerationWhoseLastItemOverlapsTheBlocksEndIsRefusedWhole) {
+    // A UINT32 list whose last item has only two of its four bytes in the block: the list does not
+    // fit, so not even its first item is read.
     GlobalBlock block(Enumeration(TWTY_UINT32, 2, 1, 0, PackItems({1, 2}, 4)), 14 + 6);
     TW_CAPABILITY capability = block.Capability(TWON_ENUMERATION);
-    TW_UINT32 cell = kDirtyCell;
-    EXPECT_EQ(TWCC_BADVALUE, ExtractEnumerationValue(&capability, &cell, 1));
-    EXPECT_EQ(0u, cell);
-    cell = kDirtyCell;
-    EXPECT_EQ(TWCC_SUCCESS, ExtractEnumerationValue(&capability, &cell, 0));
-    EXPECT_EQ(1u, cell);
+    for (TW_INT32 index : {1, 0}) {
+        TW_UINT32 cell = kDirtyCell;
+        EXPECT_EQ(TWCC_BADVALUE, ExtractEnumerationValue(&capability, &cell, index)) << index;
+        EXPECT_EQ(0u, cell) << index;
+    }
 }
 
 TEST_F(Codec, CurrentOrDefaultIndexPastTheBlockIsRefusedWithBadValue) {
