@@ -233,6 +233,14 @@ SMAPI LONG SMCALL smSetBitDepth(LONG depth);
    entries of `list` (at most `count`) as an array, or `count` alone when `list` is NULL. */
 SMAPI LONG SMCALL smGetIndex(LONG *index);
 SMAPI LONG SMCALL smSetIndex(LONG count, const DWORD *list);
+/* Ordinal 61. Reads one block of the pending image (TWAIN state 6 or 7, after the transfer-ready
+   event) into `buffer`, at most `size` bytes, rows packed without padding. Returns 0 while bytes
+   were delivered (*count says how many) and 1 once *count is 0xFFFFFFFF: the image ended, was
+   cancelled or failed; the next call starts the next pending image. The call that reports the end
+   of an image also delivers its last block: those bytes are in `buffer`, and their number is what
+   the image size leaves after the blocks counted before. A failed block leaves *count as it was. */
+SMAPI BOOL SMCALL smReadBlock(BYTE *buffer, DWORD size, DWORD *count);
+
 /* Ordinal 62. Fills the snapshot; always SM_OK (fields of failed queries stay 0 or their fall-back). */
 SMAPI LONG SMCALL smGetScanCap(ScanCapRecord *record);
 /* Ordinal 68. Whether the source can scan without showing its own interface (CAP_UICONTROLLABLE). */

@@ -267,6 +267,12 @@ LONG WINAPI smSetThumbMode(LONG enable) {
     return theScanModule->SetThumbMode(enable);
 }
 
+// The transfer's own result is not passed on: the count tells whether the image is over.
+BOOL WINAPI smReadBlock(BYTE *buffer, DWORD size, DWORD *count) {
+    theScanModule->ReadBlock(buffer, size, count);
+    return *count == 0xFFFFFFFF;
+}
+
 void WINAPI smCancelThisXfer() {
     theScanModule->CancelThisXfer();
 }

@@ -158,6 +158,12 @@ public:
     LONG GetYScale(double *current, double *minimum, double *maximum);
     LONG SetYScale(double scale);
     LONG GetMemXferSize(DWORD *minimum, DWORD *maximum, DWORD *preferred);
+    LONG EndThisXfer(WORD *count);
+    LONG EndAllXfer();
+
+    // The block reader: one block of the pending image per call into the caller's memory; *count
+    // receives the bytes delivered, or 0xFFFFFFFF once the image ended, was cancelled or failed.
+    LONG ReadBlock(BYTE *destination, DWORD destinationSize, DWORD *count);
     LONG GetPendingCount(WORD *count);
     LONG GetScanCap(ScanCapRecord *record);
 
@@ -219,6 +225,10 @@ private:
                         LONG value, LONG appMin, LONG appMax, const char *badRange);
     LONG GetResolution(const TraceCall &call, TW_UINT16 cap, short *current, short *minimum, short *maximum);
     LONG GetScale(const TraceCall &call, TW_UINT16 cap, double *current, double *minimum, double *maximum);
+    // Allocates the transfer buffer: the preferred size, then the minimum, then the maximum.
+    bool ChooseBuffer(const TraceCall &call, TGlobalBuffer &buffer, DWORD preferred, DWORD minimum, DWORD maximum);
+    void CopyBlock(const TW_IMAGEMEMXFER &block, const TGlobalBuffer &buffer, BYTE *destination, DWORD destinationSize,
+                   DWORD *count);
     void InitAppIdentity(HINSTANCE instance);
     void RegisterMessages(const TraceCall &call);
 };

@@ -1,4 +1,4 @@
-// Scaling, the memory-transfer buffer sizes, the pending count and the scan-capability snapshot.
+// Scaling, the end of transfers, the memory-transfer buffer sizes, the pending count and the scan-capability snapshot.
 #include "ScanModule.h"
 
 namespace {
@@ -77,6 +77,35 @@ LONG TScanModule::GetMemXferSize(DWORD *minimum, DWORD *maximum, DWORD *preferre
     if (*preferred == 0 || *preferred < *minimum || *preferred > *maximum) {
         call.Warn(__LINE__, "illegal preferred size, Adjust it");
         *preferred = *minimum;
+    }
+    return 0;
+}
+
+// DG_CONTROL / DAT_PENDINGXFERS / MSG_ENDXFER: ends the image; `count` receives the images still pending (0
+// when the call fails, which stops a transfer loop).
+LONG TScanModule::EndThisXfer(WORD *count) {
+    TraceCall call(kSource, "EndThisXfer", __LINE__, __LINE__);
+    *count = 0;
+    if (!Available(call, __LINE__))
+        return -1;
+    TW_PENDINGXFERS pending = {};
+    if (CallDsm(&sourceIdentity, DG_CONTROL, DAT_PENDINGXFERS, MSG_ENDXFER, &pending) != TWRC_SUCCESS) {
+        call.Warn(__LINE__, "DSM_Entry returns failure");
+        return GetTWAINStatusCode();
+    }
+    *count = pending.Count;
+    return 0;
+}
+
+// DG_CONTROL / DAT_PENDINGXFERS / MSG_RESET: drops every pending image.
+LONG TScanModule::EndAllXfer() {
+    TraceCall call(kSource, "EndAllXfer", __LINE__, __LINE__);
+    if (!Available(call, __LINE__))
+        return -1;
+    TW_PENDINGXFERS pending = {};
+    if (CallDsm(&sourceIdentity, DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending) != TWRC_SUCCESS) {
+        call.Warn(__LINE__, "DSM_Entry returns failure");
+        return GetTWAINStatusCode();
     }
     return 0;
 }

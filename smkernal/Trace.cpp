@@ -146,9 +146,17 @@ void TraceCall::Warn(int line, const char *what) const {
 }
 
 void TraceCall::WarnAs(int line, const char *what, const char *name) const {
+    WriteAs(TraceLevel::Warning, line, what, name);
+}
+
+void TraceCall::NoteAs(int line, const char *what, const char *name) const {
+    WriteAs(TraceLevel::Trace, line, what, name);
+}
+
+void TraceCall::WriteAs(TraceLevel level, int line, const char *what, const char *name) const {
     char text[256];
     std::snprintf(text, sizeof text, "%s in %s%s", what, scope_, name);
-    TraceRecord(TraceLevel::Warning, source_, line, text);
+    TraceRecord(level, source_, line, text);
 }
 
 void TraceCall::WarnText(int line, const char *text) const {
@@ -168,9 +176,7 @@ void TraceCall::NoteIn(int line, const char *what) const {
 }
 
 void TraceCall::WriteIn(TraceLevel level, int line, const char *what) const {
-    char text[256];
-    std::snprintf(text, sizeof text, "%s in %s%s", what, scope_, method_);
-    TraceRecord(level, source_, line, text);
+    WriteAs(level, line, what, method_);
 }
 
 void TraceCall::WriteNamed(int line, const char *prefix) const {

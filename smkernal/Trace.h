@@ -66,6 +66,8 @@ public:
     void Warn(int line, const char *what) const;
     // "Warning " record "<what> in <scope><name>", for texts that spell the method's name otherwise.
     void WarnAs(int line, const char *what, const char *name) const;
+    // "Trace " record "<what> in <scope><name>", for texts that name another method.
+    void NoteAs(int line, const char *what, const char *name) const;
     // "Warning " record with the text as given (for the texts that name another method).
     void WarnText(int line, const char *text) const;
     // "Fatal " record with the text as given.
@@ -80,6 +82,7 @@ public:
 
 private:
     void WriteIn(TraceLevel level, int line, const char *what) const;
+    void WriteAs(TraceLevel level, int line, const char *what, const char *name) const;
     void WriteNamed(int line, const char *prefix) const;
 
     const char *source_;

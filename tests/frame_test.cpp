@@ -88,8 +88,8 @@ const std::map<int, const char *> kExportTable = {
     {100, "DisableWnds"},
 };
 
-// Exports the public header declares; these must exist.
-const char *const kDeclared[] = {"smIsTWAINAvailable", "smCancelThisXfer", "smCancelAllXfer", "DisableWnds"};
+// The entries of the event filter, the remaining transfers and the scan to file, not built yet.
+const std::set<int> kNotYetBuilt = {2, 48, 50, 51, 63};
 
 FARPROC ByOrdinal(HMODULE module, int ordinal) {
     return GetProcAddress(module, reinterpret_cast<LPCSTR>(static_cast<ULONG_PTR>(ordinal)));
@@ -136,9 +136,9 @@ TEST_F(FrameTest, EveryNamedOrdinalIsTheEntryOfItsName) {
     }
 }
 
-TEST_F(FrameTest, EveryDeclaredExportResolves) {
-    for (const char *name : kDeclared)
-        EXPECT_NE(nullptr, library.Proc(name)) << name;
+TEST_F(FrameTest, EveryBuiltEntryOfTheTableResolves) {
+    for (const auto &[ordinal, name] : kExportTable)
+        EXPECT_EQ(!kNotYetBuilt.count(ordinal), library.Proc(name) != nullptr) << "ordinal " << ordinal << " " << name;
 }
 
 TEST_F(FrameTest, OrdinalsSeventyOneToNinetyNineAreEmpty) {
@@ -153,8 +153,7 @@ TEST_F(FrameTest, OrdinalOneHundredIsDisableWnds) {
 }
 
 TEST_F(FrameTest, OrdinalsTenAndElevenAreOneEntry) {
-    if (!library.Proc("smIsADFPaperLoaded"))
-        GTEST_SKIP() << "the paper-loaded query is not exported yet";
+    ASSERT_NE(nullptr, ByOrdinal(library.Module(), 10));
     EXPECT_EQ(ByOrdinal(library.Module(), 10), ByOrdinal(library.Module(), 11));
     EXPECT_EQ(library.Proc("smIsADFPaperLoaded"), library.Proc("smIsPaperLoaded"));
 }

@@ -1,0 +1,225 @@
+// Pulling an image block by block with smReadBlock: the bytes delivered, the end of the image, cancels and failures.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "SessionTest.h"
+#include "VscanSupport.h"
+#include "vscan.h"
+
+using namespace smtest;
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+// 8.5 x 14 inches at 50 dpi scaled by a quarter: a small RGB page.
+constexpr int kWidth = 106;
+constexpr int kHeight = 175;
+constexpr DWORD kImageBytes = kWidth * kHeight * 3;
+constexpr DWORD kEnded = 0xFFFFFFFF;
+
+class ReadBlockTest : public SessionTest {
+protected:
+    void SetUp() override {
+        SessionTest::SetUp();
+        scanner = LoadLibraryA((WindowsDir() + "\\twain_32\\vscan.ds").c_str());
+        ASSERT_NE(nullptr, scanner);
+        readBlock = library.Get<decltype(readBlock)>("smReadBlock");
+        ASSERT_NE(nullptr, readBlock);
+    }
+    void TearDown() override {
+        SessionTest::TearDown();
+        if (scanner)
+            FreeLibrary(scanner);
+    }
+    template <typename T> T Scanner(const char *name) {
+        return reinterpret_cast<T>(reinterpret_cast<void *>(GetProcAddress(scanner, name)));
+    }
+    // Opens the scanner for memory transfers of a small page and enables it without its interface.
+    void StartScan() {
+        ASSERT_EQ(SM_OK, openDS(window, "Block reader"));
+        auto call = [this](const char *name, LONG value) { return library.Get<LONG(WINAPI *)(LONG)>(name)(value); };
+        ASSERT_EQ(SM_OK, call("smSetXferMech", SM_XFER_MEMORY));
+        ASSERT_EQ(SM_OK, call("smSetXResolution", 50));
+        ASSERT_EQ(SM_OK, call("smSetYResolution", 50));
+        ASSERT_EQ(SM_OK, library.Get<LONG(WINAPI *)(double)>("smSetXScale")(0.25));
+        ASSERT_EQ(SM_OK, library.Get<LONG(WINAPI *)(double)>("smSetYScale")(0.25));
+        ASSERT_EQ(SM_OK, enableDS(FALSE, FALSE));
+        DeliverTransferReady();
+        Mark();
+    }
+    // What an application's message loop does: the source's notice goes back to it through the
+    // source manager until it answers MSG_XFERREADY (the module's own event filter is not used here).
+    void DeliverTransferReady() {
+        TW_IDENTITY app = {}, source = {};
+        for (const TdsmCall &call : dsm.Calls())
+            if (call.dat == DAT_USERINTERFACE && call.msg == MSG_ENABLEDS) {
+                app.Id = call.originId;
+                source.Id = call.destId;
+            }
+        ASSERT_NE(0u, source.Id);
+        auto entry = reinterpret_cast<DSMENTRYPROC>(
+            reinterpret_cast<void *>(GetProcAddress(GetModuleHandleA(TwainPath().c_str()), "DSM_Entry")));
+        MSG msg;
+        for (int tries = 0; tries < 100; ++tries) {
+            if (!PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE)) {
+                Sleep(1);
+                continue;
+            }
+            TW_EVENT event = {&msg, MSG_NULL};
+            entry(&app, &source, DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event);
+            if (event.TWMessage == MSG_XFERREADY)
+                return;
+        }
+        FAIL() << "the source never announced its transfer";
+    }
+    // Pulls blocks until smReadBlock answers 1; the bytes delivered, and the calls that answered 0.
+    std::vector<unsigned char> ReadAll(DWORD size, int *blocks) {
+        std::vector<unsigned char> image, buffer(size);
+        *blocks = 0;
+        for (int call = 0; call < 10000; ++call) {
+            DWORD count = 0;
+            if (readBlock(buffer.data(), size, &count)) {
+                // The last block comes with the call that reports the end: its bytes are in the
+                // buffer, and only the image size tells how many.
+                EXPECT_EQ(kEnded, count);
+                const DWORD rest = kImageBytes - static_cast<DWORD>(image.size());
+                EXPECT_LE(rest, size);
+                image.insert(image.end(), buffer.begin(), buffer.begin() + std::min(rest, size));
+                return image;
+            }
+            EXPECT_GT(count, 0u);
+            EXPECT_LE(count, size);
+            image.insert(image.end(), buffer.begin(), buffer.begin() + count);
+            ++*blocks;
+        }
+        ADD_FAILURE() << "the image never ended";
+        return image;
+    }
+    Strings TransferEnds() const {
+        Strings out;
+        for (const TdsmCall &call : CallsSinceMark())
+            if (call.dat == DAT_PENDINGXFERS)
+                out.push_back(Describe(call));
+        return out;
+    }
+
+    HMODULE scanner = nullptr;
+    BOOL(WINAPI *readBlock)(BYTE *, DWORD, DWORD *) = nullptr;
+};
+
+TEST_F(ReadBlockTest, WholeImageArrivesBlockByBlockInRgbOrder) {
+    StartScan();
+    int blocks = 0;
+    const std::vector<unsigned char> image = ReadAll(4096, &blocks);
+    ASSERT_EQ(kImageBytes, image.size());
+    EXPECT_GT(blocks, 1) << "a 4096-byte buffer cannot take the page at once";
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            const std::vector<unsigned> expected = ExpectedSamples(Format{}, kWidth, kHeight, 1, x, y);
+            const unsigned char *pixel = &image[(y * kWidth + x) * 3];
+            ASSERT_EQ(expected, (std::vector<unsigned>{pixel[0], pixel[1], pixel[2]})) << "pixel " << x << ", " << y;
+        }
+    EXPECT_EQ((Strings{"DG_CONTROL/DAT_PENDINGXFERS/MSG_ENDXFER -> TWRC_SUCCESS"}), TransferEnds());
+}
+
+TEST_F(ReadBlockTest, FailedBlockLeavesTheCountAsItWas) {
+    StartScan();
+    Scanner<VscanFailTripletProc>("VscanFailTriplet")(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, 0, TWRC_FAILURE, TWCC_BUMMER,
+                                                      1, 2);
+    std::vector<BYTE> buffer(4096);
+    DWORD count = 0x12345678;
+    EXPECT_EQ(0, readBlock(buffer.data(), 4096, &count)) << "the transfer failed, but the count says nothing ended";
+    EXPECT_EQ(0x12345678u, count);
+    count = kEnded;
+    EXPECT_EQ(1, readBlock(buffer.data(), 4096, &count)) << "the count alone decides";
+    EXPECT_TRUE(TransferEnds().empty());
+}
+
+TEST_F(ReadBlockTest, SourceCancelEndsTheImageAndDropsThePending) {
+    StartScan();
+    Scanner<VscanSetFaultProc>("VscanSetFault")(VSCAN_FAULT_CANCELBLOCK, 2);
+    std::vector<BYTE> buffer(4096);
+    DWORD count = 0;
+    EXPECT_EQ(0, readBlock(buffer.data(), 4096, &count));
+    EXPECT_EQ(4096u / (kWidth * 3) * (kWidth * 3), count) << "the scanner delivers whole rows";
+    EXPECT_EQ(1, readBlock(buffer.data(), 4096, &count));
+    EXPECT_EQ(kEnded, count);
+    // The source, back in state 5 after the end of the image, may refuse the reset; it is sent anyway.
+    const Strings ends = TransferEnds();
+    ASSERT_EQ(2u, ends.size());
+    EXPECT_EQ("DG_CONTROL/DAT_PENDINGXFERS/MSG_ENDXFER -> TWRC_SUCCESS", ends[0]);
+    EXPECT_EQ("DG_CONTROL/DAT_PENDINGXFERS/MSG_RESET", ends[1].substr(0, ends[1].find(" -> ")));
+}
+
+TEST_F(ReadBlockTest, OperationErrorEndsEverything) {
+    StartScan();
+    Scanner<VscanFailTripletProc>("VscanFailTriplet")(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, 0, TWRC_FAILURE,
+                                                      TWCC_OPERATIONERROR, 1, 1);
+    std::vector<BYTE> buffer(4096);
+    DWORD count = 0;
+    EXPECT_EQ(1, readBlock(buffer.data(), 4096, &count));
+    EXPECT_EQ(kEnded, count);
+    // The pending images are dropped twice: once for the error, once more because it is an operation
+    // error (the source, back in state 5 by then, may refuse the second).
+    const Strings ends = TransferEnds();
+    ASSERT_EQ(2u, ends.size());
+    EXPECT_EQ("DG_CONTROL/DAT_PENDINGXFERS/MSG_RESET -> TWRC_SUCCESS", ends[0]);
+    EXPECT_EQ("DG_CONTROL/DAT_PENDINGXFERS/MSG_RESET", ends[1].substr(0, ends[1].find(" -> ")));
+}
+
+TEST_F(ReadBlockTest, BlocksAreCutToTheCallersSize) {
+    StartScan();
+    DWORD minimum = 0, maximum = 0, preferred = 0;
+    ASSERT_EQ(SM_OK, library.Get<LONG(WINAPI *)(DWORD *, DWORD *, DWORD *)>("smGetMemXferSize")(&minimum, &maximum,
+                                                                                                &preferred));
+    ASSERT_GT(preferred, 1000u);
+    Mark();
+    std::vector<BYTE> buffer(1000);
+    DWORD count = 0;
+    EXPECT_EQ(0, readBlock(buffer.data(), 1000, &count));
+    EXPECT_LE(count, 1000u);
+    TW_IMAGEMEMXFER block;
+    for (const TdsmCall &call : CallsSinceMark())
+        if (call.dat == DAT_IMAGEMEMXFER)
+            std::memcpy(&block, call.dataIn, sizeof block);
+    EXPECT_EQ(1000u, block.Memory.Length) << "the preferred size is cut to the caller's";
+    EXPECT_EQ(static_cast<TW_UINT32>(TWMF_APPOWNS | TWMF_POINTER), block.Memory.Flags);
+}
+
+TEST_F(ReadBlockTest, OneMakersSourcesGetBlocksOfTheCallersSize) {
+    Scanner<VscanSetIdentityProc>("VscanSetIdentity")("EPSON", nullptr, nullptr);
+    StartScan();
+    DWORD minimum = 0, maximum = 0, preferred = 0;
+    library.Get<LONG(WINAPI *)(DWORD *, DWORD *, DWORD *)>("smGetMemXferSize")(&minimum, &maximum, &preferred);
+    const DWORD size = preferred + 5000;
+    std::vector<BYTE> buffer(size);
+    Mark();
+    DWORD count = 0;
+    readBlock(buffer.data(), size, &count);
+    TW_IMAGEMEMXFER block = {};
+    for (const TdsmCall &call : CallsSinceMark())
+        if (call.dat == DAT_IMAGEMEMXFER)
+            std::memcpy(&block, call.dataIn, sizeof block);
+    EXPECT_EQ(size, block.Memory.Length) << "this maker's source gets the caller's size, not its own preferred one";
+}
+
+TEST_F(ReadBlockTest, OtherSourcesGetTheirPreferredSize) {
+    StartScan();
+    DWORD minimum = 0, maximum = 0, preferred = 0;
+    library.Get<LONG(WINAPI *)(DWORD *, DWORD *, DWORD *)>("smGetMemXferSize")(&minimum, &maximum, &preferred);
+    const DWORD size = preferred + 5000;
+    std::vector<BYTE> buffer(size);
+    Mark();
+    DWORD count = 0;
+    readBlock(buffer.data(), size, &count);
+    TW_IMAGEMEMXFER block = {};
+    for (const TdsmCall &call : CallsSinceMark())
+        if (call.dat == DAT_IMAGEMEMXFER)
+            std::memcpy(&block, call.dataIn, sizeof block);
+    EXPECT_EQ(preferred, block.Memory.Length);
+}
+
+} // namespace
