@@ -406,9 +406,11 @@ TEST_P(GetAccessorTest, RefusedContainersAreReleasedAndGiveTheFallBack) {
     EXPECT_EQ(expected, rc) << TwccName(rc);
     EXPECT_DOUBLE_EQ(row.fallback, value);
     EXPECT_EQ(triplets, CapTriplets(row.cap));
-    for (const TdsmCall &call : CapCalls(row.cap))
-        if (call.rc == TWRC_SUCCESS)
+    for (const TdsmCall &call : CapCalls(row.cap)) {
+        if (call.rc == TWRC_SUCCESS) {
             EXPECT_EQ(row.refused, call.capOut.conType);
+        }
+    }
     EXPECT_EQ(warnings, Warnings());
     EXPECT_TRUE(NoContainerLeft()) << "refused containers are released too";
     EXPECT_GE(tracker.Frees(), 1);

@@ -38,8 +38,9 @@ void ScaledRoundTrip(const char *name, Set set, Get get, int value, int appMin, 
                  std::to_string(appMax));
     const double dsValue = ScaledSet(value, appMin, appMax, dsMin, dsMax, 1.0);
     const LONG rc = set(value, appMin, appMax);
-    if (dsValue >= 0)
+    if (dsValue >= 0) {
         EXPECT_EQ(SM_OK, rc) << TwccName(rc);
+    }
     short read = -1;
     EXPECT_EQ(SM_OK, get(&read, appMin, appMax));
     EXPECT_EQ(ScaledGet(dsValue, appMin, appMax, dsMin, dsMax), read);
