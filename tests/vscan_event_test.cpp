@@ -334,6 +334,33 @@ TEST_P(VscanFaultTest, ZeroBufferSizes) {
     EXPECT_EQ(0u, setup.Preferred);
 }
 
+TEST_P(VscanFaultTest, BufferSizesChosenByTheTest) {
+    Switch("MinBufSize = 1000\nMaxBufSize = 500000\nPreferredBufSize = 2000000", [&] {
+        ds.setFault(VSCAN_FAULT_MINBUFSIZE, 1000);
+        ds.setFault(VSCAN_FAULT_MAXBUFSIZE, 500000);
+        ds.setFault(VSCAN_FAULT_PREFERREDBUFSIZE, 2000000);
+    });
+    MemoryGray();
+    TW_SETUPMEMXFER setup{1, 1, 1};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup));
+    EXPECT_EQ(1000u, setup.MinBufSize);
+    EXPECT_EQ(500000u, setup.MaxBufSize);
+    EXPECT_EQ(2000000u, setup.Preferred) << "unchecked: above the maximum";
+}
+
+TEST_P(VscanFaultTest, RangesWithAZeroStep) {
+    Switch("ZeroRangeStep = 1", [&] { ds.setFault(VSCAN_FAULT_ZERORANGESTEP, 1); });
+    OpenSmall();
+    TW_CAPABILITY cap = {ICAP_BRIGHTNESS, TWON_DONTCARE16, nullptr};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_CAPABILITY, MSG_GET, &cap));
+    const Container range = TakeContainer(cap);
+    ASSERT_EQ(TWON_RANGE, range.conType);
+    ASSERT_EQ(5u, range.items.size());
+    EXPECT_EQ(-1000.0, range.items[0]);
+    EXPECT_EQ(1000.0, range.items[1]);
+    EXPECT_EQ(0.0, range.items[2]) << "the step";
+}
+
 TEST_P(VscanFaultTest, PaletteOfMoreThan256Colours) {
     Switch("PaletteColors = 300", [&] { ds.setFault(VSCAN_FAULT_PALETTECOLORS, 300); });
     OpenSmall();

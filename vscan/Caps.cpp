@@ -406,10 +406,12 @@ HGLOBAL BuildArray(TW_UINT16 type, const std::vector<double> &items) {
     return handle;
 }
 
-HGLOBAL BuildRange(TW_UINT16 type, const Domain &domain, double current, double def) {
+HGLOBAL BuildRange(TW_UINT16 type, const Domain &domain, double current, double def, bool zeroStep) {
     double min = domain.min, max = domain.max, step = domain.step;
     if (!domain.IsRange())
         RangeOfList(domain.list, min, max, step);
+    if (zeroStep)
+        step = 0;
     HGLOBAL handle = Allocate(sizeof(TW_RANGE));
     auto *range = static_cast<TW_RANGE *>(GlobalLock(handle));
     range->ItemType = type;
@@ -441,7 +443,7 @@ HGLOBAL BuildAnswer(const Source &s, const CapDesc &desc, TW_UINT16 msg, TW_UINT
     case TWON_ARRAY:
         return BuildArray(type, (desc.flags & kList) ? shown : Listing(domain, First(current), First(def), desc.flags));
     case TWON_RANGE:
-        return BuildRange(type, domain, First(shown), First(def));
+        return BuildRange(type, domain, First(shown), First(def), s.faults[VSCAN_FAULT_ZERORANGESTEP] != 0);
     default:
         return BuildOneValue(type, First(shown));
     }

@@ -142,6 +142,10 @@ const Name kFaultKeys[] = {
     {"ZeroBufferSizes", VSCAN_FAULT_ZEROBUFFERSIZES},
     {"PaletteColors", VSCAN_FAULT_PALETTECOLORS},
     {"CloseRequestAfter", VSCAN_FAULT_CLOSEREQUESTAFTER},
+    {"MinBufSize", VSCAN_FAULT_MINBUFSIZE},
+    {"MaxBufSize", VSCAN_FAULT_MAXBUFSIZE},
+    {"PreferredBufSize", VSCAN_FAULT_PREFERREDBUFSIZE},
+    {"ZeroRangeStep", VSCAN_FAULT_ZERORANGESTEP},
 };
 
 std::string Trim(const std::string &text) {

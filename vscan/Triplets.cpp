@@ -206,10 +206,18 @@ TW_UINT16 GetSetupMem(Call &call) {
     auto *setup = static_cast<TW_SETUPMEMXFER *>(call.data);
     const PageFormat f = NegotiatedFormat(call.source);
     const TW_UINT32 row = MemoryBytesPerRow(f);
-    const bool zero = call.source.faults[VSCAN_FAULT_ZEROBUFFERSIZES] != 0;
+    const int *faults = call.source.faults;
+    const bool zero = faults[VSCAN_FAULT_ZEROBUFFERSIZES] != 0;
     setup->MinBufSize = zero ? 0 : row;
     setup->Preferred = zero ? 0 : std::max(row, kPreferredBytes / row * row);
     setup->MaxBufSize = zero ? 0 : std::max(setup->Preferred, row * f.height);
+    // Sizes chosen by a test, each on its own, as careless sources report them.
+    if (faults[VSCAN_FAULT_MINBUFSIZE])
+        setup->MinBufSize = static_cast<TW_UINT32>(faults[VSCAN_FAULT_MINBUFSIZE]);
+    if (faults[VSCAN_FAULT_MAXBUFSIZE])
+        setup->MaxBufSize = static_cast<TW_UINT32>(faults[VSCAN_FAULT_MAXBUFSIZE]);
+    if (faults[VSCAN_FAULT_PREFERREDBUFSIZE])
+        setup->Preferred = static_cast<TW_UINT32>(faults[VSCAN_FAULT_PREFERREDBUFSIZE]);
     return TWRC_SUCCESS;
 }
 

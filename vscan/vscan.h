@@ -30,7 +30,11 @@ extern "C" {
 #define VSCAN_FAULT_ZEROBUFFERSIZES 5   /* DAT_SETUPMEMXFER answers 0 for all three sizes */
 #define VSCAN_FAULT_PALETTECOLORS 6     /* DAT_PALETTE8 answers NumColors = N (e.g. 300) */
 #define VSCAN_FAULT_CLOSEREQUESTAFTER 7 /* MSG_CLOSEDSREQ is announced after MSG_ENDXFER of image N */
-#define VSCAN_FAULT_COUNT 8
+#define VSCAN_FAULT_MINBUFSIZE 8        /* DAT_SETUPMEMXFER answers MinBufSize N */
+#define VSCAN_FAULT_MAXBUFSIZE 9        /* DAT_SETUPMEMXFER answers MaxBufSize N */
+#define VSCAN_FAULT_PREFERREDBUFSIZE 10 /* DAT_SETUPMEMXFER answers Preferred N */
+#define VSCAN_FAULT_ZERORANGESTEP 11    /* every range answered has StepSize 0 */
+#define VSCAN_FAULT_COUNT 12
 
 /* Spoiled capability answers (VscanSetMalformed, key Malformed): a source that answers a get with TWRC_SUCCESS and a
    container a careful application must not trust. */
