@@ -179,6 +179,18 @@ TEST_F(CapabilityEdgeTest, BrightnessRangeWithoutWidthFallsBack) {
     EXPECT_EQ((std::vector<TW_UINT32>{ModuleFix32(0.0)}), SentItems(ICAP_BRIGHTNESS)) << "-1000..1000 again";
 }
 
+TEST_F(CapabilityEdgeTest, BrightnessRangeWithoutStepGetsAStepOfOne) {
+    ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_ZERORANGESTEP, 1));
+    ASSERT_EQ(SM_OK, closeDS());
+    viewer.Clear();
+    ASSERT_EQ(SM_OK, openDS(window, "Capability test")) << "the repair does not change the result";
+    EXPECT_EQ(1, viewer.CountText("BrightnessStepSize == 0 in TScanModule::GetDSBrightnessRange"));
+    Reset();
+    // With a step of 1 on -1000..1000, 51 of 0..100 is 1020 steps from the minimum: 20.
+    EXPECT_NE(SM_ERR_BAD_VALUE, sm.setBrightness(51, 0, 100));
+    EXPECT_EQ((std::vector<TW_UINT32>{ModuleFix32(20.0)}), SentItems(ICAP_BRIGHTNESS));
+}
+
 TEST_F(CapabilityEdgeTest, EqualApplicationBoundsAreRefusedWithoutContactingTheSource) {
     short value = 77;
     EXPECT_EQ(SM_ERR_BAD_VALUE, sm.getBrightness(&value, 10, 10));
@@ -400,6 +412,27 @@ TEST_F(CapabilityEdgeTest, ZeroBufferSizesAreAdjusted) {
               Warnings());
 }
 
+TEST_F(CapabilityEdgeTest, PreferredSizeAboveTheMaximumBecomesTheMinimum) {
+    ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_MINBUFSIZE, 1000));
+    ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_MAXBUFSIZE, 500000));
+    ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_PREFERREDBUFSIZE, 2000000));
+    DWORD minimum = 0, maximum = 0, preferred = 0;
+    EXPECT_EQ(SM_OK, sm.getMemXferSize(&minimum, &maximum, &preferred));
+    EXPECT_EQ(1000u, minimum);
+    EXPECT_EQ(500000u, maximum);
+    EXPECT_EQ(1000u, preferred);
+    EXPECT_EQ((Strings{"illegal preferred size, Adjust it in TScanModule::GetMemXferSize"}), Warnings());
+}
+
+TEST_F(CapabilityEdgeTest, PreferredSizeBelowTheMinimumBecomesTheMinimum) {
+    ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_MINBUFSIZE, 4000));
+    ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_PREFERREDBUFSIZE, 3000));
+    DWORD minimum = 0, maximum = 0, preferred = 0;
+    EXPECT_EQ(SM_OK, sm.getMemXferSize(&minimum, &maximum, &preferred));
+    EXPECT_EQ(4000u, preferred);
+    EXPECT_EQ((Strings{"illegal preferred size, Adjust it in TScanModule::GetMemXferSize"}), Warnings());
+}
+
 TEST_F(CapabilityEdgeTest, BufferSizesOfTheSource) {
     DWORD minimum = 0, maximum = 0, preferred = 0;
     EXPECT_EQ(SM_OK, sm.getMemXferSize(&minimum, &maximum, &preferred));
@@ -505,6 +538,72 @@ TEST_F(CapabilityEdgeTest, UnknownItemTypeReadsNothing) {
     EXPECT_TRUE(rc == SM_OK || rc == SM_ERR_BAD_VALUE) << TwccName(rc);
     EXPECT_EQ(0, answer) << "the codec copies nothing for an unknown item type";
     EXPECT_TRUE(NoContainerLeft());
+}
+
+} // namespace
+
+// --- Without a source manager.
+
+namespace {
+
+// An accessor resolved by name and called with an output that must stay untouched: gets receive a
+// filled buffer, sets a value.
+struct Unavailable {
+    const char *exportName;
+    const char *method;
+    enum { GetLong, GetWord, GetThree16, SetLong, SetDouble } shape;
+};
+
+const Unavailable kUnavailable[] = {
+    {"smIsADFAvailable", "IsADFAvailable", Unavailable::GetLong},
+    {"smGetThumbMode", "GetThumbMode", Unavailable::GetLong},
+    {"smNonUIAvailable", "IsNonUIAvailable", Unavailable::GetLong},
+    {"smGetUnit", "GetUnit", Unavailable::GetWord},
+    {"smGetPixelType", "GetPixelType", Unavailable::GetWord},
+    {"smGetPaperSize", "GetPaperSize", Unavailable::GetWord},
+    {"smGetXferMech", "GetXferMech", Unavailable::GetWord},
+    {"smGetXResolution", "GetXResolution", Unavailable::GetThree16},
+    {"smSetADFEnable", "SetADFEnable", Unavailable::SetLong},
+    {"smSetPixelType", "SetPixelType", Unavailable::SetLong},
+    {"smSetBitDepth", "SetBitDepth", Unavailable::SetLong},
+    {"smSetXResolution", "SetXResolution", Unavailable::SetLong},
+    {"smSetGamma", "SetGamma", Unavailable::SetDouble},
+};
+
+class CapabilityUnavailableTest : public ModuleTest {};
+
+TEST_F(CapabilityUnavailableTest, EveryAccessorAnswersMinusOneAndTouchesNothing) {
+    InstallDsm(Dsm::Absent);
+    library.Load();
+    for (const Unavailable &row : kUnavailable) {
+        SCOPED_TRACE(row.exportName);
+        viewer.Clear();
+        LONG result = 0;
+        DWORD word = 0xA5A5A5A5;
+        short three[3] = {7, 7, 7};
+        switch (row.shape) {
+        case Unavailable::GetLong:
+        case Unavailable::GetWord:
+            result = library.Get<LONG(WINAPI *)(void *)>(row.exportName)(&word);
+            EXPECT_EQ(0xA5A5A5A5u, word);
+            break;
+        case Unavailable::GetThree16:
+            result =
+                library.Get<LONG(WINAPI *)(short *, short *, short *)>(row.exportName)(three, three + 1, three + 2);
+            EXPECT_EQ(7, three[0]);
+            break;
+        case Unavailable::SetLong:
+            result = library.Get<LONG(WINAPI *)(LONG)>(row.exportName)(1);
+            break;
+        case Unavailable::SetDouble:
+            result = library.Get<LONG(WINAPI *)(double)>(row.exportName)(1.0);
+            break;
+        }
+        EXPECT_EQ(SM_ERR_UNAVAILABLE, result);
+        const std::vector<std::string> warnings = viewer.Texts("Warning");
+        ASSERT_FALSE(warnings.empty());
+        EXPECT_EQ(std::string("TWAIN is not available in TScanModule::") + row.method, warnings.back());
+    }
 }
 
 } // namespace
