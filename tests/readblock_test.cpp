@@ -62,18 +62,29 @@ protected:
         ASSERT_NE(0u, source.Id);
         auto entry = reinterpret_cast<DSMENTRYPROC>(
             reinterpret_cast<void *>(GetProcAddress(GetModuleHandleA(TwainPath().c_str()), "DSM_Entry")));
-        MSG msg;
-        for (int tries = 0; tries < 100; ++tries) {
-            if (!PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE)) {
-                Sleep(1);
-                continue;
-            }
-            TW_EVENT event = {&msg, MSG_NULL};
-            entry(&app, &source, DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event);
-            if (event.TWMessage == MSG_XFERREADY)
-                return;
-        }
-        FAIL() << "the source never announced its transfer";
+        const TW_UINT16 message = WaitForSourceMessage(
+            [&](TW_EVENT &event) { return entry(&app, &source, DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event); },
+            3000);
+        ASSERT_EQ(MSG_XFERREADY, message) << "the source never announced its transfer";
+    }
+    // The buffer length the module offers the source for the next block, when the caller has `size` bytes.
+    TW_UINT32 OfferedLength(DWORD size) {
+        std::vector<BYTE> buffer(size);
+        Mark();
+        DWORD count = 0;
+        readBlock(buffer.data(), size, &count);
+        TW_IMAGEMEMXFER block = {};
+        for (const TdsmCall &call : CallsSinceMark())
+            if (call.dat == DAT_IMAGEMEMXFER)
+                std::memcpy(&block, call.dataIn, sizeof block);
+        EXPECT_EQ(static_cast<TW_UINT32>(TWMF_APPOWNS | TWMF_POINTER), block.Memory.Flags);
+        return block.Memory.Length;
+    }
+    DWORD PreferredSize() {
+        DWORD minimum = 0, maximum = 0, preferred = 0;
+        EXPECT_EQ(SM_OK, library.Get<LONG(WINAPI *)(DWORD *, DWORD *, DWORD *)>("smGetMemXferSize")(&minimum, &maximum,
+                                                                                                    &preferred));
+        return preferred;
     }
     // Pulls blocks until smReadBlock answers 1; the bytes delivered, and the calls that answered 0.
     std::vector<unsigned char> ReadAll(DWORD size, int *blocks) {
@@ -172,54 +183,21 @@ TEST_F(ReadBlockTest, OperationErrorEndsEverything) {
 
 TEST_F(ReadBlockTest, BlocksAreCutToTheCallersSize) {
     StartScan();
-    DWORD minimum = 0, maximum = 0, preferred = 0;
-    ASSERT_EQ(SM_OK, library.Get<LONG(WINAPI *)(DWORD *, DWORD *, DWORD *)>("smGetMemXferSize")(&minimum, &maximum,
-                                                                                                &preferred));
-    ASSERT_GT(preferred, 1000u);
-    Mark();
-    std::vector<BYTE> buffer(1000);
-    DWORD count = 0;
-    EXPECT_EQ(0, readBlock(buffer.data(), 1000, &count));
-    EXPECT_LE(count, 1000u);
-    TW_IMAGEMEMXFER block;
-    for (const TdsmCall &call : CallsSinceMark())
-        if (call.dat == DAT_IMAGEMEMXFER)
-            std::memcpy(&block, call.dataIn, sizeof block);
-    EXPECT_EQ(1000u, block.Memory.Length) << "the preferred size is cut to the caller's";
-    EXPECT_EQ(static_cast<TW_UINT32>(TWMF_APPOWNS | TWMF_POINTER), block.Memory.Flags);
+    ASSERT_GT(PreferredSize(), 1000u);
+    EXPECT_EQ(1000u, OfferedLength(1000)) << "the preferred size is cut to the caller's";
 }
 
 TEST_F(ReadBlockTest, OneMakersSourcesGetBlocksOfTheCallersSize) {
     Scanner<VscanSetIdentityProc>("VscanSetIdentity")("EPSON", nullptr, nullptr);
     StartScan();
-    DWORD minimum = 0, maximum = 0, preferred = 0;
-    library.Get<LONG(WINAPI *)(DWORD *, DWORD *, DWORD *)>("smGetMemXferSize")(&minimum, &maximum, &preferred);
-    const DWORD size = preferred + 5000;
-    std::vector<BYTE> buffer(size);
-    Mark();
-    DWORD count = 0;
-    readBlock(buffer.data(), size, &count);
-    TW_IMAGEMEMXFER block = {};
-    for (const TdsmCall &call : CallsSinceMark())
-        if (call.dat == DAT_IMAGEMEMXFER)
-            std::memcpy(&block, call.dataIn, sizeof block);
-    EXPECT_EQ(size, block.Memory.Length) << "this maker's source gets the caller's size, not its own preferred one";
+    const DWORD size = PreferredSize() + 5000;
+    EXPECT_EQ(size, OfferedLength(size)) << "this maker's source gets the caller's size, not its own preferred one";
 }
 
 TEST_F(ReadBlockTest, OtherSourcesGetTheirPreferredSize) {
     StartScan();
-    DWORD minimum = 0, maximum = 0, preferred = 0;
-    library.Get<LONG(WINAPI *)(DWORD *, DWORD *, DWORD *)>("smGetMemXferSize")(&minimum, &maximum, &preferred);
-    const DWORD size = preferred + 5000;
-    std::vector<BYTE> buffer(size);
-    Mark();
-    DWORD count = 0;
-    readBlock(buffer.data(), size, &count);
-    TW_IMAGEMEMXFER block = {};
-    for (const TdsmCall &call : CallsSinceMark())
-        if (call.dat == DAT_IMAGEMEMXFER)
-            std::memcpy(&block, call.dataIn, sizeof block);
-    EXPECT_EQ(preferred, block.Memory.Length);
+    const DWORD preferred = PreferredSize();
+    EXPECT_EQ(preferred, OfferedLength(preferred + 5000));
 }
 
 } // namespace

@@ -85,23 +85,8 @@ protected:
     TW_UINT16 EnableAndWait(HWND parent) {
         TW_USERINTERFACE ui{0, 0, parent};
         EXPECT_EQ(TWRC_SUCCESS, Ds(DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, &ui));
-        const DWORD start = GetTickCount();
-        while (GetTickCount() - start < 3000) {
-            MSG msg;
-            if (!PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE)) {
-                Sleep(10);
-                continue;
-            }
-            TW_EVENT event{&msg, MSG_NULL};
-            const TW_UINT16 rc = Ds(DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event);
-            if (rc == TWRC_DSEVENT && event.TWMessage != MSG_NULL)
-                return event.TWMessage;
-            if (rc == TWRC_NOTDSEVENT) {
-                TranslateMessage(&msg);
-                DispatchMessageA(&msg);
-            }
-        }
-        return MSG_NULL;
+        return WaitForSourceMessage(
+            [this](TW_EVENT &event) { return Ds(DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event); }, 3000);
     }
     void EndAndDisable() {
         TW_PENDINGXFERS pending{};

@@ -369,7 +369,7 @@ TW_UINT16 VscanLibrary::SetFrame(double left, double top, double right, double b
     return Call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, &layout);
 }
 
-TW_UINT16 VscanLibrary::WaitEvent(DWORD ms) {
+TW_UINT16 WaitForSourceMessage(const std::function<TW_UINT16(TW_EVENT &)> &processEvent, DWORD ms) {
     const DWORD start = GetTickCount();
     while (GetTickCount() - start < ms) {
         MSG msg;
@@ -378,7 +378,7 @@ TW_UINT16 VscanLibrary::WaitEvent(DWORD ms) {
             continue;
         }
         TW_EVENT event{&msg, MSG_NULL};
-        const TW_UINT16 rc = Call(DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event);
+        const TW_UINT16 rc = processEvent(event);
         if (rc == TWRC_DSEVENT && event.TWMessage != MSG_NULL)
             return event.TWMessage;
         if (rc == TWRC_NOTDSEVENT) {
@@ -387,6 +387,11 @@ TW_UINT16 VscanLibrary::WaitEvent(DWORD ms) {
         }
     }
     return MSG_NULL;
+}
+
+TW_UINT16 VscanLibrary::WaitEvent(DWORD ms) {
+    return WaitForSourceMessage(
+        [this](TW_EVENT &event) { return Call(DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event); }, ms);
 }
 
 VscanInfo VscanLibrary::Info() const {

@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,11 @@ HGLOBAL MakeRange(TW_UINT16 itemType, double min, double max, double step, doubl
 double Fix32ToDouble(TW_FIX32 value);
 TW_FIX32 DoubleToFix32(double value);
 const char *ConName(unsigned conType);
+
+// What an application's message loop does for a source: every message goes to `processEvent` (a
+// DG_CONTROL / DAT_EVENT / MSG_PROCESSEVENT call), those not for the source are dispatched, until the
+// source answers with a message (MSG_XFERREADY, MSG_CLOSEDSREQ...) or `ms` milliseconds pass (MSG_NULL).
+TW_UINT16 WaitForSourceMessage(const std::function<TW_UINT16(TW_EVENT &)> &processEvent, DWORD ms);
 
 // --- The source, loaded from the bin directory and driven through DS_Entry.
 
