@@ -1,5 +1,6 @@
 /* smprobe: loads smkernal.dll as an application would and prints its version, whether the
-   TWAIN source manager is available, and the exports it offers (ordinal and name). */
+   TWAIN source manager is available, the exports it offers (ordinal and name), the installed
+   sources, and what the default source can do. */
 #include <stdio.h>
 #include <string.h>
 #include <windows.h>
@@ -7,6 +8,67 @@
 #include "smkernal.h"
 
 typedef BOOL(SMCALL *IsTWAINAvailableProc)(void);
+typedef LONG(SMCALL *GetAllDSProc)(const char *path);
+typedef LONG(SMCALL *OpenDSProc)(HWND parent, const char *title);
+typedef LONG(SMCALL *CloseDSProc)(void);
+typedef LONG(SMCALL *GetDSProductNameProc)(char *buffer);
+typedef LONG(SMCALL *GetScanCapProc)(ScanCapRecord *record);
+
+/* The installed sources as smGetAllDS lists them; returns their number. */
+static int PrintSources(HMODULE module) {
+    GetAllDSProc getAllDS = (GetAllDSProc)GetProcAddress(module, "smGetAllDS");
+    char path[MAX_PATH];
+    GetTempPathA(sizeof path, path);
+    lstrcatA(path, "smprobe-sources.ini");
+    DeleteFileA(path);
+    if (!getAllDS || getAllDS(path) != SM_OK) {
+        printf("sources: (cannot be listed)\n");
+        return 0;
+    }
+    const int count = (int)GetPrivateProfileIntA("DS", "count", 0, path);
+    printf("sources: %d\n", count);
+    for (int i = 1; i <= count; ++i) {
+        char key[16], name[64];
+        wsprintfA(key, "name%d", i);
+        GetPrivateProfileStringA("DS", key, "", name, sizeof name, path);
+        printf("  %s\n", name);
+    }
+    char name[64];
+    GetPrivateProfileStringA("DS", "name0", "(none)", name, sizeof name, path);
+    printf("default source: %s\n", name);
+    WritePrivateProfileStringA(NULL, NULL, NULL, path);
+    DeleteFileA(path);
+    return count;
+}
+
+/* Opens the default source and prints its capability snapshot. */
+static void PrintDefaultSource(HMODULE module) {
+    OpenDSProc openDS = (OpenDSProc)GetProcAddress(module, "smOpenDS");
+    CloseDSProc closeDS = (CloseDSProc)GetProcAddress(module, "smCloseDS");
+    GetDSProductNameProc productName = (GetDSProductNameProc)GetProcAddress(module, "smGetDSProductName");
+    GetScanCapProc scanCap = (GetScanCapProc)GetProcAddress(module, "smGetScanCap");
+    if (!openDS || !closeDS || !productName || !scanCap)
+        return;
+    HWND window = CreateWindowA("STATIC", "smprobe", WS_OVERLAPPEDWINDOW, 0, 0, 10, 10, NULL, NULL, NULL, NULL);
+    const LONG opened = openDS(window, "smprobe");
+    if (opened != SM_OK) {
+        printf("default source: cannot be opened (status %ld)\n", opened);
+    } else {
+        char name[64] = "";
+        ScanCapRecord record;
+        memset(&record, 0, sizeof record);
+        productName(name);
+        scanCap(&record);
+        printf("opened: %s\n", name);
+        printf("  x resolution: %ld (from %ld to %ld)\n", record.xResolution, record.minXResolution,
+               record.maxXResolution);
+        printf("  largest area: %.2f x %.2f inches\n", record.maxWidth / 1200.0, record.maxHeight / 1200.0);
+        printf("  unit flag: %ld, pixel type flag: %ld, memory buffer: %ld bytes\n", record.unit, record.pixelType,
+               record.memXferSize);
+        closeDS();
+    }
+    DestroyWindow(window);
+}
 
 static int PrintVersion(const char *path) {
     DWORD ignored = 0;
@@ -84,6 +146,8 @@ int main(int argc, char **argv) {
         ++count;
     }
     printf("%d exports\n", count);
+    if (available && available() && PrintSources(module) > 0)
+        PrintDefaultSource(module);
     FreeLibrary(module);
     return 0;
 }
