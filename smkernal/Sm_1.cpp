@@ -51,7 +51,7 @@ TScanModule::TScanModule(HINSTANCE instance) {
     TraceRecord(TraceLevel::Trace, kSource, 79, "         <<<<< Start Scan Module Diagnostic >>>>>      ");
     TraceRecord(TraceLevel::Trace, kSource, 80, "               ~~~~~~~~~~~~~~~~~~~~~~~~~~~~            ");
     TraceRecord(TraceLevel::Trace, kSource, 81, "                                                       ");
-    TraceCall call(kSource, "TScanModule", 82);
+    TraceCall call(kSource, "TScanModule", 82, __LINE__);
 
     InitAppIdentity(instance);
     std::memset(&sourceIdentity, 0, sizeof sourceIdentity);
@@ -85,7 +85,7 @@ TScanModule::TScanModule(HINSTANCE instance) {
 
 TScanModule::~TScanModule() {
     {
-        TraceCall call(kSource, "~TScanModule", __LINE__);
+        TraceCall call(kSource, "~TScanModule", __LINE__, __LINE__);
         if (IsTWAINLoaded())
             UnloadTWAIN();
         call.Leave(__LINE__);

@@ -297,7 +297,7 @@ LONG TScanModule::CloseDS() {
 
 // Makes the source named `productName` the source manager's default through win.ini.
 LONG TScanModule::SetDefaultDriver(HWND parent, const char *productName) {
-    TraceCall call(kSource, "SetDefaultDriver", __LINE__);
+    TraceCall call(kSource, "SetDefaultDriver", __LINE__, __LINE__);
     if (!Available(call, __LINE__))
         return -1;
     if (!parent) {
@@ -336,7 +336,7 @@ LONG TScanModule::SetDefaultDriver(HWND parent, const char *productName) {
 // Points win.ini's default source at each source file below `directory` until the source
 // manager's default has the wanted product name: 0 when found, 12 when not, else a condition code.
 LONG TScanModule::SearchSourceDirectory(const char *directory, const char *productName) {
-    TraceCall call(kSource, "SearchSourceDirectory", __LINE__);
+    TraceCall call(kSource, "SearchSourceDirectory", __LINE__, __LINE__);
     char path[kPathSize];
     std::snprintf(path, sizeof path, "%s\\*.*", directory);
     WIN32_FIND_DATAA entry;

@@ -50,11 +50,11 @@ constexpr const char kFreeScope[] = "";
 
 // The entry and exit records of one function, and its failure records. The entry record is
 // written at construction (unless its line is 0), the exit record by Leave() or at the end of
-// the scope. Texts read "Coming <scope><name>", "Leaving <scope><name>" and
+// the scope, with the exit line given here unless Leave() names another. Texts read "Coming <scope><name>", "Leaving <scope><name>" and
 // "<what> in <scope><name>"; the scope is "TScanModule::" unless given.
 class TraceCall {
 public:
-    TraceCall(const char *source, const char *method, int entryLine, int exitLine = 0,
+    TraceCall(const char *source, const char *method, int entryLine, int exitLine,
               const char *scope = kModuleScope);
     ~TraceCall();
     TraceCall(const TraceCall &) = delete;
