@@ -233,9 +233,11 @@ SMAPI LONG SMCALL smSetBitDepth(LONG depth);
    entries of `list` (at most `count`) as an array, or `count` alone when `list` is NULL. */
 SMAPI LONG SMCALL smGetIndex(LONG *index);
 SMAPI LONG SMCALL smSetIndex(LONG count, const DWORD *list);
+/* What smReadBlock leaves in *count once the image is over. */
+#define SM_IMAGE_ENDED 0xFFFFFFFFu
 /* Ordinal 61. Reads one block of the pending image (TWAIN state 6 or 7, after the transfer-ready
    event) into `buffer`, at most `size` bytes, rows packed without padding. Returns 0 while bytes
-   were delivered (*count says how many) and 1 once *count is 0xFFFFFFFF: the image ended, was
+   were delivered (*count says how many) and 1 once *count is SM_IMAGE_ENDED: the image ended, was
    cancelled or failed; the next call starts the next pending image. The call that reports the end
    of an image also delivers its last block: those bytes are in `buffer`, and their number is what
    the image size leaves after the blocks counted before. A failed block leaves *count as it was. */

@@ -270,7 +270,7 @@ LONG WINAPI smSetThumbMode(LONG enable) {
 // The transfer's own result is not passed on: the count tells whether the image is over.
 BOOL WINAPI smReadBlock(BYTE *buffer, DWORD size, DWORD *count) {
     theScanModule->ReadBlock(buffer, size, count);
-    return *count == 0xFFFFFFFF;
+    return *count == SM_IMAGE_ENDED;
 }
 
 void WINAPI smCancelThisXfer() {

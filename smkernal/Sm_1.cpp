@@ -9,6 +9,8 @@ namespace {
 const char kSource[] = SM_SOURCE("Sm_1");
 const char kDefaultTitle[] = "Calvex Scan Module";
 const char kTwainLibrary[] = "TWAIN_32.DLL";
+// The string resources are loaded into buffers of this many characters.
+constexpr int kResourceTextSize = 256;
 
 } // namespace
 
@@ -97,8 +99,8 @@ TScanModule::~TScanModule() {
 }
 
 void TScanModule::InitAppIdentity(HINSTANCE instance) {
-    char text[256];
-    char format[256];
+    char text[kResourceTextSize];
+    char format[kResourceTextSize];
     std::memset(&appIdentity, 0, sizeof appIdentity);
     appIdentity.Id = 0;
     appIdentity.Version.MajorNum = 2;
@@ -137,8 +139,8 @@ void TScanModule::LoadTWAIN() {
     if (IsTWAINLoaded())
         return;
     // Only the Windows directory is tried: not the system directory, not the search path.
-    char directory[256];
-    char path[256 + sizeof kTwainLibrary + 1];
+    char directory[kWindowsDirectorySize];
+    char path[kWindowsDirectorySize + sizeof kTwainLibrary + 1];
     GetWindowsDirectoryA(directory, sizeof directory);
     wsprintfA(path, "%s\\%s", directory, kTwainLibrary);
     dsmLibrary = LoadLibraryA(path);

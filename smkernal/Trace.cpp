@@ -48,8 +48,8 @@ void Send() {
 // A fresh Windows directory gets DEBUGSM.INI with both switches on; an existing file with a
 // Trace key is left as the user wrote it.
 void EnsureSettingsFile() {
-    char path[256 + sizeof(kSettingsFile) + 1];
-    GetWindowsDirectoryA(path, 256);
+    char path[kWindowsDirectorySize + sizeof(kSettingsFile) + 1];
+    GetWindowsDirectoryA(path, kWindowsDirectorySize);
     lstrcatA(path, "\\");
     lstrcatA(path, kSettingsFile);
     OFSTRUCT of;

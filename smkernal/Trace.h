@@ -12,6 +12,8 @@ enum class TraceLevel { Trace, Warning, Fatal };
 constexpr UINT TRACE_TEXT_MESSAGE = 0x1634;
 // Capacity of the record composer, NUL included.
 constexpr int kTraceRecordCapacity = 1024;
+// Characters asked of GetWindowsDirectoryA, where DEBUGSM.INI and TWAIN_32.DLL are looked for.
+constexpr UINT kWindowsDirectorySize = 256;
 
 // Formats one record at a time into the first bytes of the shared view.
 class TraceComposer {
@@ -50,12 +52,12 @@ constexpr const char kFreeScope[] = "";
 
 // The entry and exit records of one function, and its failure records. The entry record is
 // written at construction (unless its line is 0), the exit record by Leave() or at the end of
-// the scope, with the exit line given here unless Leave() names another. Texts read "Coming <scope><name>", "Leaving <scope><name>" and
-// "<what> in <scope><name>"; the scope is "TScanModule::" unless given.
+// the scope, with the exit line given here unless Leave() names another. Texts read
+// "Coming <scope><name>", "Leaving <scope><name>" and "<what> in <scope><name>"; the scope is
+// "TScanModule::" unless given.
 class TraceCall {
 public:
-    TraceCall(const char *source, const char *method, int entryLine, int exitLine,
-              const char *scope = kModuleScope);
+    TraceCall(const char *source, const char *method, int entryLine, int exitLine, const char *scope = kModuleScope);
     ~TraceCall();
     TraceCall(const TraceCall &) = delete;
     TraceCall &operator=(const TraceCall &) = delete;
