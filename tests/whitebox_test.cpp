@@ -26,6 +26,7 @@ protected:
         // library, but this program builds several objects.
         traceStream = nullptr;
         traceDepth = 0;
+        theScanModule = nullptr;
     }
     void Construct() { module = std::make_unique<TScanModule>(GetModuleHandleA(nullptr)); }
 
@@ -125,6 +126,21 @@ TEST_F(WhiteBoxTest, CancelThisClearsCancelAll) {
     EXPECT_EQ(FALSE, module->cancelAllXfer);
 }
 
+// The exported functions themselves, forwarding to the object in theScanModule.
+TEST_F(WhiteBoxTest, CancelExportsSetTheFlags) {
+    Construct();
+    theScanModule = module.get();
+    smCancelThisXfer();
+    EXPECT_EQ(TRUE, module->cancelThisXfer);
+    EXPECT_EQ(FALSE, module->cancelAllXfer);
+    smCancelAllXfer();
+    EXPECT_EQ(TRUE, module->cancelThisXfer);
+    EXPECT_EQ(TRUE, module->cancelAllXfer);
+    smCancelThisXfer();
+    EXPECT_EQ(TRUE, module->cancelThisXfer);
+    EXPECT_EQ(FALSE, module->cancelAllXfer);
+}
+
 TEST_F(WhiteBoxTest, UnloadingWithTheSourceManagerOpenKeepsTheLibrary) {
     Construct();
     module->sessionState = kStateDsmOpen;
@@ -178,15 +194,47 @@ TEST_F(WhiteBoxTest, TraceDepthReturnsToZeroAfterBalancedCalls) {
     EXPECT_EQ(0, traceDepth);
 }
 
-TEST_F(WhiteBoxTest, ComingAnywhereInTheTextCountsAsEntry) {
+TEST_F(WhiteBoxTest, UnbalancedRecordsLeaveTheDepthWhenTraceIsOff) {
+    WriteDebugIni(0, 1);
     Construct();
     viewer.Clear();
-    TraceRecord(TraceLevel::Trace, SM_SOURCE("Sm_1"), 10, "Coming TScanModule::IsDSEvent capturing MSG_XFERREADY");
-    EXPECT_EQ(1, traceDepth);
-    ASSERT_EQ(4u, viewer.Records().size());
-    EXPECT_TRUE(viewer.Records()[2].IsSeparator());
-    TraceRecord(TraceLevel::Trace, SM_SOURCE("Sm_1"), 11, "Leaving TScanModule::IsDSEvent capturing MSG_XFERREADY");
+    { TraceCall exitOnly(SM_SOURCE("Sm_2"), "DisableDS", 0, 620); }
     EXPECT_EQ(0, traceDepth);
+    TraceRecord(TraceLevel::Trace, SM_SOURCE("Sm_8"), 30, "Coming TScanModule::DoMemXfer");
+    EXPECT_EQ(0, traceDepth);
+    EXPECT_TRUE(viewer.Records().empty());
+}
+
+// Texts that open or close a traced call wherever the word stands in them.
+struct MarkedText {
+    const char *text;
+    int depthChange;
+};
+const MarkedText kMarkedTexts[] = {
+    {"Coming TScanModule::IsDSEvent capturing MSG_XFERREADY", +1},
+    {"x Coming y", +1},
+    {"TScanModule::IsDSEvent Coming", +1},
+    {"Leaving TScanModule::IsDSEvent capturing MSG_XFERREADY", -1},
+    {"x Leaving y", -1},
+    {"TScanModule::IsDSEvent Leaving", -1},
+};
+
+TEST_F(WhiteBoxTest, ComingOrLeavingAnywhereInTheTextMovesTheDepth) {
+    Construct();
+    for (const MarkedText &marked : kMarkedTexts) {
+        SCOPED_TRACE(marked.text);
+        traceDepth = 0;
+        viewer.Clear();
+        TraceRecord(TraceLevel::Trace, SM_SOURCE("Sm_1"), 10, marked.text);
+        EXPECT_EQ(marked.depthChange, traceDepth);
+        const std::vector<TraceLine> &records = viewer.Records();
+        // At depth 0 an entry gets the three separators first; an exit gets none.
+        const size_t separators = marked.depthChange > 0 ? 3 : 0;
+        ASSERT_EQ(separators + 1, records.size());
+        for (size_t i = 0; i < separators; ++i)
+            EXPECT_TRUE(records[i].IsSeparator()) << "record " << i;
+        EXPECT_EQ(std::string("Trace F:\\smkernal\\Sm_1.cpp 10: [SM] ") + marked.text, records.back().raw);
+    }
 }
 
 TEST_F(WhiteBoxTest, ExitWithoutEntryLowersTheDepth) {
@@ -205,10 +253,53 @@ TEST_F(WhiteBoxTest, ExitWithoutEntryLowersTheDepth) {
     EXPECT_EQ(-1, traceDepth);
 }
 
-TEST_F(WhiteBoxTest, WarningsNeverTouchTheDepth) {
+// "Warning " and "Fatal " records: sent as they are, never separators, never a depth change.
+struct LevelRecord {
+    TraceLevel level;
+    const char *text;
+    const char *raw;
+};
+const LevelRecord kLevelRecords[] = {
+    {TraceLevel::Fatal, "RegisterWindowMessage fails, Scan Module may not work properly",
+     "Fatal F:\\smkernal\\Sm_1.cpp 120: [SM] RegisterWindowMessage fails, Scan Module may not work properly"},
+    {TraceLevel::Fatal, "Coming TScanModule::X fatal",
+     "Fatal F:\\smkernal\\Sm_1.cpp 120: [SM] Coming TScanModule::X fatal"},
+    {TraceLevel::Fatal, "Leaving TScanModule::X fatal",
+     "Fatal F:\\smkernal\\Sm_1.cpp 120: [SM] Leaving TScanModule::X fatal"},
+    {TraceLevel::Warning, "Coming TScanModule::X warning",
+     "Warning F:\\smkernal\\Sm_1.cpp 120: [SM] Coming TScanModule::X warning"},
+    {TraceLevel::Warning, "Leaving TScanModule::X warning",
+     "Warning F:\\smkernal\\Sm_1.cpp 120: [SM] Leaving TScanModule::X warning"},
+};
+
+TEST_F(WhiteBoxTest, WarningAndFatalRecordsAreSentRawAndNeverTouchTheDepth) {
     Construct();
-    TraceRecord(TraceLevel::Warning, SM_SOURCE("Sm_1"), 1, "Coming TScanModule::X warning");
-    TraceRecord(TraceLevel::Fatal, SM_SOURCE("Sm_1"), 2, "Leaving TScanModule::X fatal");
+    for (const LevelRecord &record : kLevelRecords) {
+        SCOPED_TRACE(record.text);
+        viewer.Clear();
+        TraceRecord(record.level, SM_SOURCE("Sm_1"), 120, record.text);
+        ASSERT_EQ(1u, viewer.Records().size());
+        EXPECT_EQ(record.raw, viewer.Records()[0].raw);
+        EXPECT_EQ(0, traceDepth);
+    }
+}
+
+TEST_F(WhiteBoxTest, FatalRecordIsSentWithWarningOnEvenWhenTraceIsOff) {
+    WriteDebugIni(0, 1);
+    Construct();
+    viewer.Clear();
+    TraceRecord(TraceLevel::Fatal, SM_SOURCE("Sm_1"), 120, kLevelRecords[0].text);
+    ASSERT_EQ(1u, viewer.Records().size());
+    EXPECT_EQ(kLevelRecords[0].raw, viewer.Records()[0].raw);
+    EXPECT_EQ(0, traceDepth);
+}
+
+TEST_F(WhiteBoxTest, FatalRecordIsDroppedWithWarningOff) {
+    WriteDebugIni(1, 0);
+    Construct();
+    viewer.Clear();
+    TraceRecord(TraceLevel::Fatal, SM_SOURCE("Sm_1"), 120, kLevelRecords[0].text);
+    EXPECT_TRUE(viewer.Records().empty());
     EXPECT_EQ(0, traceDepth);
 }
 
