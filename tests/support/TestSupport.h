@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "testdsm.h"
@@ -70,6 +71,8 @@ private:
 
 TraceLine ParseTraceLine(const std::string &raw);
 
+typedef BOOL(WINAPI *IsTWAINAvailableProc)();
+
 // smkernal.dll, loaded as an application loads it; each load constructs a fresh scan module.
 class ScanLibrary {
 public:
@@ -81,6 +84,8 @@ public:
     template <typename T> T Get(const char *name) const {
         return reinterpret_cast<T>(reinterpret_cast<void *>(Proc(name)));
     }
+    // smIsTWAINAvailable of the loaded library.
+    BOOL Available() const { return Get<IsTWAINAvailableProc>("smIsTWAINAvailable")(); }
 
 private:
     HMODULE module_ = nullptr;
@@ -135,5 +140,17 @@ std::string Describe(const TdsmCall &call);
 
 // True when the module at `path` is loaded in this process.
 bool IsLoaded(const std::string &path);
+
+// Runs `undo` when the scope ends, also when a failed assertion returns early.
+template <typename Undo> class ScopeExit {
+public:
+    explicit ScopeExit(Undo undo) : undo_(std::move(undo)) {}
+    ~ScopeExit() { undo_(); }
+    ScopeExit(const ScopeExit &) = delete;
+    ScopeExit &operator=(const ScopeExit &) = delete;
+
+private:
+    Undo undo_;
+};
 
 } // namespace smtest
