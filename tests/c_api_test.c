@@ -1,5 +1,4 @@
-/* The public header compiled as C and linked through the MinGW import library: the declarations,
-   the record layout and the calls work from a C application. */
+/* The public header compiled as C and linked through the MinGW import library: declarations, layouts and calls. */
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>

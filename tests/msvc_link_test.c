@@ -1,12 +1,102 @@
-/* Linked by an MSVC-compatible linker against smkernal.lib, with no C runtime: the import library
-   resolves the decorated standard-call names to the DLL's plain exports. Exit code 0 on success. */
-__declspec(dllimport) int __stdcall smIsTWAINAvailable(void);
-__declspec(dllimport) void __stdcall smCancelThisXfer(void);
-__declspec(dllimport) void __stdcall smCancelAllXfer(void);
+/* The public header compiled in MSVC mode and linked by lld-link against smkernal.lib, without C runtime. */
+/* Each call shape goes through the import library: no arguments, pointers, doubles, the snapshot record and
+   DisableWnds. A wrong argument size in a decorated name would leave the stack unbalanced. Exit code 0 on success. */
+#ifndef _MSC_VER
+#error "this test checks the header as an MSVC compiler sees it"
+#endif
 
-int __stdcall start(void) {
-    int available = smIsTWAINAvailable();
+#include <windows.h>
+
+#include "smkernal.h"
+
+/* MSVC compilers mark a program that uses floating point with this symbol, which the C runtime defines. */
+int _fltused;
+
+static int failed;
+
+static void Say(const char *text) {
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text, (DWORD)lstrlenA(text), &written, NULL);
+}
+
+static void Check(int ok, const char *what) {
+    if (ok)
+        return;
+    ++failed;
+    Say("FAILED: ");
+    Say(what);
+    Say("\n");
+}
+
+static BOOL CALLBACK Forward(HWND window, LPARAM list) {
+    return DisableWnds(window, (DisabledWindowList *)list);
+}
+
+static void NoArguments(void) {
+    BOOL available = smIsTWAINAvailable();
+    Check(available == 0 || available == 1, "smIsTWAINAvailable answers 0 or 1");
     smCancelThisXfer();
     smCancelAllXfer();
-    return available == 0 || available == 1 ? 0 : 3;
+    /* No source is open: a sequence error, or no source manager at all. */
+    LONG status = smDisableDS();
+    Check(status == SM_ERR_SEQUENCE || status == SM_ERR_UNAVAILABLE, "smDisableDS without a source");
+}
+
+static void Pointers(void) {
+    WORD unit = 0xBEEF;
+    LONG status = smGetUnit(&unit);
+    Check(status == SM_ERR_SEQUENCE || status == SM_ERR_UNAVAILABLE, "smGetUnit without a source");
+    Check(unit == 0xBEEF, "a refused get leaves its output alone");
+    short value = 77;
+    status = smGetBrightness(&value, 0, 100);
+    Check(status == SM_ERR_SEQUENCE || status == SM_ERR_UNAVAILABLE, "smGetBrightness without a source");
+    Check(value == 77, "a refused range-scaled get leaves its output alone");
+}
+
+static void Doubles(void) {
+    double current = 9.0, minimum = 9.0, maximum = 9.0;
+    LONG status = smSetXScale(1.5);
+    Check(status == SM_ERR_SEQUENCE || status == SM_ERR_UNAVAILABLE, "smSetXScale without a source");
+    status = smGetXScale(&current, &minimum, &maximum);
+    Check(status == SM_ERR_SEQUENCE || status == SM_ERR_UNAVAILABLE, "smGetXScale without a source");
+    Check(current == 9.0 && minimum == 9.0 && maximum == 9.0, "a refused scaling get leaves its outputs alone");
+    status = smSetGamma(2.2);
+    Check(status == SM_ERR_SEQUENCE || status == SM_ERR_UNAVAILABLE, "smSetGamma without a source");
+}
+
+static void Snapshot(void) {
+    ScanCapRecord record;
+    BYTE *bytes = (BYTE *)&record;
+    for (int i = 0; i < (int)sizeof record; ++i)
+        bytes[i] = 0x11;
+    Check(smGetScanCap(&record) == SM_OK, "smGetScanCap answers SM_OK");
+    Check(record.size == 104 && record.reserved == 0 && record.bitDepth == 8, "snapshot constants");
+    Check(record.passThrough[0] == 0x11111111 && record.passThroughTail[1] == 0x11111111, "untouched words");
+}
+
+static void DisableWindows(void) {
+    HWND window = CreateWindowA("STATIC", "msvc", WS_OVERLAPPED, 0, 0, 10, 10, NULL, NULL, NULL, NULL);
+    Check(window != NULL, "a window to count");
+    DisabledWindowList list = {NULL, 0, NULL};
+    EnumThreadWindows(GetCurrentThreadId(), Forward, (LPARAM)&list);
+    Check(list.windowCount == 1, "DisableWnds counts the one enabled top-level window");
+    HWND slot = NULL;
+    list.nextSlot = &slot;
+    EnumThreadWindows(GetCurrentThreadId(), Forward, (LPARAM)&list);
+    Check(slot == window && list.nextSlot == &slot + 1, "DisableWnds records the window");
+    Check(!IsWindowEnabled(window), "DisableWnds disables the window");
+    DestroyWindow(window);
+}
+
+int __stdcall start(void) {
+    NoArguments();
+    Pointers();
+    Doubles();
+    Snapshot();
+    DisableWindows();
+    Check(sizeof(DisabledWindowList) == 10 && sizeof(ScanCapRecord) == 104, "record sizes");
+    Check(SM_IMAGE_ENDED == 0xFFFFFFFFu, "the end-of-image count");
+    Say(failed ? "msvc_link: failed\n" : "msvc_link: passed\n");
+    ExitProcess(failed != 0);
+    return failed != 0;
 }
