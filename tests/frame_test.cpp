@@ -183,6 +183,8 @@ TEST_F(FrameTest, ImportsOnlySystemDlls) {
 }
 
 TEST_F(FrameTest, StringResourcesAreTheWindows1252Texts) {
+    // LoadStringA converts to the ANSI code page, which the test bench pins through the locale.
+    ASSERT_EQ(1252u, GetACP()) << "wine-run must start Wine in the C locale";
     const std::map<UINT, std::string> expected = {
         {20000, "Scan Module written by the Calvex imaging team"},
         {20001, "Version %d.%02d"},
