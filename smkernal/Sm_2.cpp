@@ -12,6 +12,8 @@ const char kSourceListSection[] = "DS";
 const char kTwainSection[] = "Twain";
 const char kDefaultSourceKey[] = "Default Source";
 constexpr int kPathSize = 260;
+// Room for a decimal counter and a key built from one ("name" plus digits).
+constexpr int kNumberTextSize = 16;
 constexpr LONG kUserCancelled = -6;
 constexpr LONG kNoMatchingSource = TWCC_BADDEST;
 
@@ -130,7 +132,7 @@ LONG TScanModule::GetAllDS(const char *path) {
     CloseDSM(GetDesktopWindow());
     call.Leave();
     // The count is written on every path, so a failed call leaves "0".
-    char count[16];
+    char count[kNumberTextSize];
     std::snprintf(count, sizeof count, "%d", counter == 0 ? 0 : counter - 1);
     WritePrivateProfileStringA(kSourceListSection, "count", count, path);
     return result;
@@ -153,7 +155,7 @@ LONG TScanModule::ListSources(const TraceCall &call, const char *path, int &coun
     counter = 2;
     // Only the end of the list stops the walk; a failed step still writes what it left.
     while (CallDsm(nullptr, DG_CONTROL, DAT_IDENTITY, MSG_GETNEXT, &identity) != TWRC_ENDOFLIST) {
-        char key[16];
+        char key[kNumberTextSize];
         std::snprintf(key, sizeof key, "name%d", counter);
         WritePrivateProfileStringA(kSourceListSection, key, identity.ProductName, path);
         ++counter;
@@ -309,10 +311,10 @@ LONG TScanModule::SetDefaultDriver(HWND parent, const char *productName) {
         call.Warn(__LINE__, "OpenDSM returns failure");
         return opened;
     }
-    const char *wanted = productName ? productName : "";
+    // A null name is compared as it is: lstrcmpiA orders it before every string, so it matches no source.
     LONG result = 0;
     if (CallDsm(nullptr, DG_CONTROL, DAT_IDENTITY, MSG_GETDEFAULT, &sourceIdentity) != TWRC_SUCCESS ||
-        lstrcmpiA(wanted, sourceIdentity.ProductName) != 0) {
+        lstrcmpiA(productName, sourceIdentity.ProductName) != 0) {
         std::memset(&sourceIdentity, 0, sizeof sourceIdentity);
         char saved[kPathSize];
         GetProfileStringA(kTwainSection, kDefaultSourceKey, "", saved, sizeof saved);
@@ -320,10 +322,10 @@ LONG TScanModule::SetDefaultDriver(HWND parent, const char *productName) {
         char directory[kPathSize];
         GetWindowsDirectoryA(windows, sizeof windows);
         std::snprintf(directory, sizeof directory, "%s\\twain_32", windows);
-        result = SearchSourceDirectory(directory, wanted);
+        result = SearchSourceDirectory(directory, productName);
         if (result != 0) {
             std::snprintf(directory, sizeof directory, "%s\\twain", windows);
-            result = SearchSourceDirectory(directory, wanted);
+            result = SearchSourceDirectory(directory, productName);
             if (result != 0)
                 WriteProfileStringA(kTwainSection, kDefaultSourceKey, saved);
         }
@@ -343,6 +345,8 @@ LONG TScanModule::SearchSourceDirectory(const char *directory, const char *produ
     HANDLE listing = FindFirstFileA(path, &entry);
     LONG result = kNoMatchingSource;
     if (listing == INVALID_HANDLE_VALUE) {
+        // The failed listing is closed all the same, as it always was.
+        FindClose(listing);
         call.Leave(__LINE__);
         return result;
     }
