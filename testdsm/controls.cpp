@@ -96,6 +96,10 @@ void __cdecl TdsmSelectCancel(void) {
     ScriptSelection(Selection::Cancel, 0, "");
 }
 
+void __cdecl TdsmSelectCancelLeaving(const char *productName) {
+    ScriptSelection(Selection::Cancel, 0, productName ? productName : "");
+}
+
 int __cdecl TdsmUserSelectCount(void) {
     return UserSelectCount();
 }

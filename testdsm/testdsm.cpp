@@ -183,8 +183,12 @@ TW_UINT16 UserSelect(Call &call) {
     const std::vector<SourceEntry> list = ListSources();
     if (list.empty())
         return Fail(call, TWCC_NODS);
-    if (selection == Selection::Cancel)
+    if (selection == Selection::Cancel) {
+        // A cancelled dialog may leave the name it showed last in the identity.
+        if (!selectName.empty())
+            lstrcpynA(identity->ProductName, selectName.c_str(), sizeof identity->ProductName);
         return TWRC_CANCEL;
+    }
     const int index = ScriptedChoice(list);
     if (index < 0)
         return Fail(call, TWCC_NODS);

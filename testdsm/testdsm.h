@@ -92,6 +92,7 @@ typedef int(__cdecl *TdsmGetSourceProc)(int index, TW_IDENTITY *identity, char *
 typedef void(__cdecl *TdsmSelectByNameProc)(const char *productName);
 typedef void(__cdecl *TdsmSelectByIndexProc)(int index);
 typedef void(__cdecl *TdsmSelectCancelProc)(void);
+typedef void(__cdecl *TdsmSelectCancelLeavingProc)(const char *productName);
 typedef int(__cdecl *TdsmUserSelectCountProc)(void);
 typedef int(__cdecl *TdsmOpenSourceCountProc)(void);
 typedef HWND(__cdecl *TdsmParentWindowProc)(void);
@@ -134,6 +135,8 @@ void __cdecl TdsmSelectByName(const char *productName);
 void __cdecl TdsmSelectByIndex(int index);
 /* The user-select dialog is cancelled from now on (TWRC_CANCEL). Without any choice it accepts the default. */
 void __cdecl TdsmSelectCancel(void);
+/* Like TdsmSelectCancel, but the dialog first writes productName into the identity's ProductName. */
+void __cdecl TdsmSelectCancelLeaving(const char *productName);
 /* Number of times the user-select dialog was shown. */
 int __cdecl TdsmUserSelectCount(void);
 /* Number of sources open now. */
