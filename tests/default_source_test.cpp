@@ -12,9 +12,6 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-const std::string kOpenDsm = "DG_CONTROL/DAT_PARENT/MSG_OPENDSM -> TWRC_SUCCESS";
-const std::string kCloseDsm = "DG_CONTROL/DAT_PARENT/MSG_CLOSEDSM -> TWRC_SUCCESS";
-const std::string kGetDefault = "DG_CONTROL/DAT_IDENTITY/MSG_GETDEFAULT -> TWRC_SUCCESS";
 constexpr LONG kNotFound = 12;
 
 std::string DefaultSource() {
@@ -155,16 +152,11 @@ TEST_F(DefaultSourceTest, RefusedManagerOpenReturnsItsCodeWithoutClosing) {
 }
 
 TEST_F(DefaultSourceTest, WithoutSourceManagerTheResultIsMinusOne) {
-    library.Free();
-    dsm.Close();
-    InstallDsm(Dsm::Absent);
-    library.Load();
-    auto setDefault = library.Get<LONG(WINAPI *)(HWND, const char *)>("smSetDefaultDriver");
-    EXPECT_EQ(SM_ERR_UNAVAILABLE, setDefault(window, "Alpha"));
-    const Strings warnings = viewer.Texts("Warning");
+    ReloadWithoutSourceManager();
+    EXPECT_EQ(SM_ERR_UNAVAILABLE, setDefaultDriver(window, "Alpha"));
+    const Strings warnings = Warnings();
     ASSERT_FALSE(warnings.empty());
     EXPECT_EQ("TWAIN is not available in TScanModule::SetDefaultDriver", warnings.back());
-    disableDS = nullptr;
 }
 
 } // namespace

@@ -32,36 +32,16 @@ public:
     using SessionTest::disableDS;
     using SessionTest::enableDS;
     using SessionTest::getAllDS;
-    using SessionTest::library;
     using SessionTest::openDS;
     using SessionTest::script;
     using SessionTest::selectDS;
     using SessionTest::window;
 
-    void Open() { ASSERT_EQ(SM_OK, openDS(window, "Records")); }
-    void Enable() {
-        Open();
-        ASSERT_EQ(SM_OK, enableDS(FALSE, FALSE));
-    }
-    // State 3: the source failed to open and the source manager failed to close.
-    void LeaveManagerOpen() {
-        script.failOnce(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, TWRC_FAILURE, TWCC_NODS);
-        script.failOnce(DG_CONTROL, DAT_PARENT, MSG_CLOSEDSM, TWRC_FAILURE, TWCC_SEQERROR);
-        openDS(window, "Records");
-    }
-    void WithoutSourceManager() {
-        library.Free();
-        dsm.Close();
-        InstallDsm(Dsm::Absent);
-        library.Load();
-        selectDS = library.Get<decltype(selectDS)>("smSelectDS");
-        openDS = library.Get<decltype(openDS)>("smOpenDS");
-        enableDS = library.Get<decltype(enableDS)>("smEnableDS");
-        getAllDS = library.Get<decltype(getAllDS)>("smGetAllDS");
-        // Nothing to close afterwards.
-        disableDS = nullptr;
-        closeDS = library.Get<decltype(closeDS)>("smCloseDS");
-    }
+    using SessionTest::Enable;
+    using SessionTest::LeaveManagerOpen;
+    using SessionTest::Open;
+    using SessionTest::ReloadWithoutSourceManager;
+
     void FailOnce(TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 rc = TWRC_FAILURE) {
         script.failOnce(DG_CONTROL, dat, msg, rc, TWCC_BUMMER);
     }
@@ -86,10 +66,10 @@ TEST_P(SessionRecordsTest, WritesItsRecordsWithTheirLines) {
 }
 
 // Records of the inner calls that most scenarios share.
-const Strings kOpenDsm = {"Trace 111 Coming TScanModule::OpenDSM", "Trace 159 Leaving TScanModule::OpenDSM"};
-const Strings kCloseDsm = {"Trace 703 Coming TScanModule::CloseDSM", "Trace 750 Leaving TScanModule::CloseDSM"};
-const Strings kStatus = {"Trace 764 Coming TScanModule::GetTWAINStatusCode",
-                         "Trace 788 Leaving TScanModule::GetTWAINStatusCode"};
+const Strings kOpenDsmPair = {"Trace 111 Coming TScanModule::OpenDSM", "Trace 159 Leaving TScanModule::OpenDSM"};
+const Strings kCloseDsmPair = {"Trace 703 Coming TScanModule::CloseDSM", "Trace 750 Leaving TScanModule::CloseDSM"};
+const Strings kStatusPair = {"Trace 764 Coming TScanModule::GetTWAINStatusCode",
+                             "Trace 788 Leaving TScanModule::GetTWAINStatusCode"};
 
 Strings Join(std::initializer_list<Strings> parts) {
     Strings out;
@@ -100,10 +80,10 @@ Strings Join(std::initializer_list<Strings> parts) {
 
 const RecordScenario kScenarios[] = {
     {"OpenDSInStateTwo", nullptr, [](SessionRecordsTest &t) { t.openDS(t.window, "Records"); },
-     Join({{"Trace 345 Coming TScanModule::OpenDS"}, kOpenDsm, {"Trace 448 Leaving TScanModule::OpenDS"}})},
+     Join({{"Trace 345 Coming TScanModule::OpenDS"}, kOpenDsmPair, {"Trace 448 Leaving TScanModule::OpenDS"}})},
     {"OpenDSWithoutWindow", nullptr, [](SessionRecordsTest &t) { t.openDS(nullptr, "Records"); },
      Join({{"Trace 345 Coming TScanModule::OpenDS", "Warning 363 Invalid parent window handle in TScanModule::OpenDS"},
-           kOpenDsm,
+           kOpenDsmPair,
            {"Trace 448 Leaving TScanModule::OpenDS"}})},
     {"OpenDSInStateFour",
      [](SessionRecordsTest &t) { t.Open(); },
@@ -120,16 +100,16 @@ const RecordScenario kScenarios[] = {
      [](SessionRecordsTest &t) { t.openDS(t.window, "Records"); },
      Join({{"Trace 345 Coming TScanModule::OpenDS", "Trace 111 Coming TScanModule::OpenDSM",
             "Warning 153 DSM_Entry returns failure in TScanModule::OpenDSM"},
-           kStatus,
+           kStatusPair,
            {"Trace 159 Leaving TScanModule::OpenDSM", "Warning 402 OpenDSM returns failure in TScanModule::OpenDS",
             "Trace 448 Leaving TScanModule::OpenDS"}})},
     {"OpenDSWhenTheSourceFailsToOpen", [](SessionRecordsTest &t) { t.FailOnce(DAT_IDENTITY, MSG_OPENDS); },
      [](SessionRecordsTest &t) { t.openDS(t.window, "Records"); },
      Join({{"Trace 345 Coming TScanModule::OpenDS"},
-           kOpenDsm,
+           kOpenDsmPair,
            {"Warning 419 DSM_Entry returns failure in TScanModule::OpenDS"},
-           kStatus,
-           kCloseDsm,
+           kStatusPair,
+           kCloseDsmPair,
            {"Trace 448 Leaving TScanModule::OpenDS"}})},
     {"OpenDSMInStateThree",
      [](SessionRecordsTest &t) { t.LeaveManagerOpen(); },
@@ -181,7 +161,7 @@ const RecordScenario kScenarios[] = {
      },
      [](SessionRecordsTest &t) { t.enableDS(FALSE, FALSE); },
      Join({{"Trace 463 Coming TScanModule::EnableDS", "Warning 536 DSM_Entry returns failure in TScanModule::EnableDS"},
-           kStatus,
+           kStatusPair,
            {"Trace 547 Leaving TScanModule::EnableDS"}})},
     {"DisableDSInStateFive",
      [](SessionRecordsTest &t) { t.Enable(); },
@@ -202,14 +182,14 @@ const RecordScenario kScenarios[] = {
      },
      [](SessionRecordsTest &t) { t.disableDS(); },
      Join({{"Warning 603 DSM_Entry returns failure in TScanModule::DisableDS"},
-           kStatus,
+           kStatusPair,
            {"Trace 620 Leaving TScanModule::DisableDS"}})},
     {"CloseDSInStateFour", [](SessionRecordsTest &t) { t.Open(); }, [](SessionRecordsTest &t) { t.closeDS(); },
-     Join({{"Trace 633 Coming TScanModule::CloseDS"}, kCloseDsm, {"Trace 690 Leaving TScanModule::CloseDS"}})},
+     Join({{"Trace 633 Coming TScanModule::CloseDS"}, kCloseDsmPair, {"Trace 690 Leaving TScanModule::CloseDS"}})},
     {"CloseDSInStateThree", [](SessionRecordsTest &t) { t.LeaveManagerOpen(); },
      [](SessionRecordsTest &t) { t.closeDS(); },
      Join({{"Trace 633 Coming TScanModule::CloseDS", "Warning 647 DS is already closed in TScanModule::CloseDS"},
-           kCloseDsm,
+           kCloseDsmPair,
            {"Trace 690 Leaving TScanModule::CloseDS"}})},
     {"CloseDSInStateTwo",
      nullptr,
@@ -223,7 +203,7 @@ const RecordScenario kScenarios[] = {
      },
      [](SessionRecordsTest &t) { t.closeDS(); },
      Join({{"Trace 633 Coming TScanModule::CloseDS", "Warning 684 DSM_Entry returns failure in TScanModule::CloseDS"},
-           kStatus,
+           kStatusPair,
            {"Trace 690 Leaving TScanModule::CloseDS"}})},
     {"StatusQueryFailing",
      [](SessionRecordsTest &t) {
@@ -239,8 +219,8 @@ const RecordScenario kScenarios[] = {
     {"SelectDSWithoutWindow", nullptr, [](SessionRecordsTest &t) { t.selectDS(nullptr); },
      Join({{"Trace 173 Coming TScanModule::SelectDS",
             "Warning 188 Invalid parent window handle in TScanModule::SelectDS"},
-           kOpenDsm,
-           kCloseDsm,
+           kOpenDsmPair,
+           kCloseDsmPair,
            {"Trace 232 Leaving TScanModule::SelectDS"}})},
     {"SelectDSInStateFour",
      [](SessionRecordsTest &t) { t.Open(); },
@@ -251,10 +231,10 @@ const RecordScenario kScenarios[] = {
     {"SelectDSFailing", [](SessionRecordsTest &t) { t.FailOnce(DAT_IDENTITY, MSG_USERSELECT); },
      [](SessionRecordsTest &t) { t.selectDS(t.window); },
      Join({{"Trace 173 Coming TScanModule::SelectDS"},
-           kOpenDsm,
+           kOpenDsmPair,
            {"Warning 224 DSM_Entry returns failure in TScanModule::SelectDS"},
-           kStatus,
-           kCloseDsm,
+           kStatusPair,
+           kCloseDsmPair,
            {"Trace 232 Leaving TScanModule::SelectDS"}})},
     {"GetAllDSWithTheManagerRefusingToOpen",
      [](SessionRecordsTest &t) { t.Open(); },
@@ -267,45 +247,45 @@ const RecordScenario kScenarios[] = {
     {"GetAllDSWithoutFirstSource", [](SessionRecordsTest &t) { t.FailOnce(DAT_IDENTITY, MSG_GETFIRST); },
      [](SessionRecordsTest &t) { t.getAllDS(t.List().c_str()); },
      Join({{"Trace 251 Coming TScanModule::GetAllDS"},
-           kOpenDsm,
+           kOpenDsmPair,
            {"Warning 281 OpenDSM returns failure in TScanModule::SelectDS"},
-           kCloseDsm,
+           kCloseDsmPair,
            {"Trace 323 Leaving TScanModule::GetAllDS"}})},
     {"GetAllDSWithTheManagerFailingToOpen", [](SessionRecordsTest &t) { t.FailOnce(DAT_PARENT, MSG_OPENDSM); },
      [](SessionRecordsTest &t) { t.getAllDS(t.List().c_str()); },
      Join({{"Trace 251 Coming TScanModule::GetAllDS", "Trace 111 Coming TScanModule::OpenDSM",
             "Warning 153 DSM_Entry returns failure in TScanModule::OpenDSM"},
-           kStatus,
+           kStatusPair,
            {"Trace 159 Leaving TScanModule::OpenDSM", "Warning 269 OpenDSM returns failure in TScanModule::SelectDS",
             "Trace 703 Coming TScanModule::CloseDSM",
             "Warning 717 Data Source Manager is already closed in TScanModule::CloseDSM",
             "Trace 750 Leaving TScanModule::CloseDSM", "Trace 323 Leaving TScanModule::GetAllDS"}})},
     {"OpenDSWithoutSourceManager",
-     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.ReloadWithoutSourceManager(); },
      [](SessionRecordsTest &t) { t.openDS(t.window, "Records"); },
      {"Trace 345 Coming TScanModule::OpenDS", "Warning 351 TWAIN is not available in TScanModule::OpenDS",
       "Trace 448 Leaving TScanModule::OpenDS"}},
     {"EnableDSWithoutSourceManager",
-     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.ReloadWithoutSourceManager(); },
      [](SessionRecordsTest &t) { t.enableDS(FALSE, FALSE); },
      {"Trace 463 Coming TScanModule::EnableDS", "Warning 469 TWAIN is not available in TScanModule::EnableDS",
       "Trace 547 Leaving TScanModule::EnableDS"}},
     {"CloseDSWithoutSourceManager",
-     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.ReloadWithoutSourceManager(); },
      [](SessionRecordsTest &t) { t.closeDS(); },
      {"Trace 633 Coming TScanModule::CloseDS", "Warning 639 TWAIN is not available in TScanModule::CloseDS",
       "Trace 690 Leaving TScanModule::CloseDS"}},
     {"SelectDSWithoutSourceManager",
-     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.ReloadWithoutSourceManager(); },
      [](SessionRecordsTest &t) { t.selectDS(t.window); },
      {"Trace 173 Coming TScanModule::SelectDS", "Warning 177 TWAIN is not available in TScanModule::SelectDS",
       "Trace 232 Leaving TScanModule::SelectDS"}},
     {"DisableDSWithoutSourceManager",
-     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
-     [](SessionRecordsTest &t) { t.library.Get<LONG(WINAPI *)()>("smDisableDS")(); },
+     [](SessionRecordsTest &t) { t.ReloadWithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.disableDS(); },
      {"Warning 565 TWAIN is not available in TScanModule::DisableDS", "Trace 620 Leaving TScanModule::DisableDS"}},
     {"GetAllDSWithoutSourceManager",
-     [](SessionRecordsTest &t) { t.WithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.ReloadWithoutSourceManager(); },
      [](SessionRecordsTest &t) { t.getAllDS(t.List().c_str()); },
      {"Trace 251 Coming TScanModule::GetAllDS", "Warning 255 TWAIN is not available in TScanModule::GetAllDS",
       "Trace 703 Coming TScanModule::CloseDSM", "Warning 709 TWAIN is not available in TScanModule::CloseDSM",

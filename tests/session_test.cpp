@@ -10,21 +10,13 @@ using namespace smtest;
 
 namespace {
 
-const std::string kOpenDsm = "DG_CONTROL/DAT_PARENT/MSG_OPENDSM -> TWRC_SUCCESS";
-const std::string kCloseDsm = "DG_CONTROL/DAT_PARENT/MSG_CLOSEDSM -> TWRC_SUCCESS";
-const std::string kGetDefault = "DG_CONTROL/DAT_IDENTITY/MSG_GETDEFAULT -> TWRC_SUCCESS";
 const std::string kOpenDs = "DG_CONTROL/DAT_IDENTITY/MSG_OPENDS -> TWRC_SUCCESS";
 const std::string kCloseDs = "DG_CONTROL/DAT_IDENTITY/MSG_CLOSEDS -> TWRC_SUCCESS";
 const std::string kEnableDs = "DG_CONTROL/DAT_USERINTERFACE/MSG_ENABLEDS -> TWRC_SUCCESS";
 const std::string kDisableDs = "DG_CONTROL/DAT_USERINTERFACE/MSG_DISABLEDS -> TWRC_SUCCESS";
-const std::string kStatus = "DG_CONTROL/DAT_STATUS/MSG_GET -> TWRC_SUCCESS";
 const std::string kUserSelect = "DG_CONTROL/DAT_IDENTITY/MSG_USERSELECT -> TWRC_SUCCESS";
 // Opening a source ends with the query of its brightness range.
 const std::string kBrightnessRange = "DG_CONTROL/DAT_CAPABILITY/MSG_GET -> TWRC_SUCCESS";
-
-std::string Failed(const std::string &triplet, const char *rc = "TWRC_FAILURE") {
-    return triplet.substr(0, triplet.find(" -> ")) + " -> " + rc;
-}
 
 using Strings = std::vector<std::string>;
 
@@ -36,30 +28,6 @@ TW_USERINTERFACE UserInterfaceOf(const TdsmCall &call) {
 
 class SessionStateTest : public SessionTest {
 protected:
-    // Reaches state 4 with the virtual scanner open.
-    void Open() {
-        ASSERT_EQ(SM_OK, openDS(window, "Session test"));
-        ASSERT_EQ(1, script.openSourceCount());
-        Reset();
-    }
-    // Reaches state 5.
-    void Enable() {
-        Open();
-        ASSERT_EQ(SM_OK, enableDS(FALSE, FALSE));
-        Reset();
-    }
-    // Reaches state 3: the source failed to open and the source manager failed to close.
-    void LeaveManagerOpen() {
-        script.failOnce(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, TWRC_FAILURE, TWCC_NODS);
-        script.failOnce(DG_CONTROL, DAT_PARENT, MSG_CLOSEDSM, TWRC_FAILURE, TWCC_SEQERROR);
-        ASSERT_EQ(TWCC_NODS, openDS(window, "Session test"));
-        ASSERT_EQ(TDSM_STATE_OPEN, dsm.State());
-        Reset();
-    }
-    void Reset() {
-        viewer.Clear();
-        Mark();
-    }
     // Line of the first record with this text, 0 when there is none.
     int LineOf(const std::string &text) const {
         for (const TraceLine &record : viewer.Records())
@@ -497,14 +465,9 @@ TEST_F(ListTest, ListingWhileASourceIsOpenWritesCountZero) {
 }
 
 TEST_F(ListTest, WithoutSourceManagerOnlyCountZeroIsWritten) {
-    library.Free();
-    dsm.Close();
-    InstallDsm(Dsm::Absent);
-    library.Load();
-    auto list = library.Get<LONG(WINAPI *)(const char *)>("smGetAllDS");
-    EXPECT_EQ(SM_ERR_UNAVAILABLE, list(path.c_str()));
+    ReloadWithoutSourceManager();
+    EXPECT_EQ(SM_ERR_UNAVAILABLE, getAllDS(path.c_str()));
     EXPECT_EQ((Strings{"count=0"}), SectionOf(path));
-    disableDS = nullptr;
 }
 
 } // namespace

@@ -39,6 +39,10 @@ template <typename T> void Resolve(HMODULE module, const char *name, T &target) 
 
 } // namespace
 
+std::string Failed(const std::string &triplet, const char *rc) {
+    return triplet.substr(0, triplet.find(" -> ")) + " -> " + rc;
+}
+
 void RemoveSourceDirectories() {
     RemoveTree(WindowsDir() + "\\twain_32");
     RemoveTree(WindowsDir() + "\\twain");
@@ -63,6 +67,7 @@ void DsmScript::Load() {
     Resolve(module, "TdsmClearSources", clearSources);
     Resolve(module, "TdsmSelectByName", selectByName);
     Resolve(module, "TdsmSelectCancel", selectCancel);
+    Resolve(module, "TdsmSelectCancelLeaving", selectCancelLeaving);
     Resolve(module, "TdsmUserSelectCount", userSelectCount);
     Resolve(module, "TdsmOpenSourceCount", openSourceCount);
     Resolve(module, "TdsmParentWindow", parentWindow);
@@ -79,13 +84,7 @@ void SessionTest::SetUp() {
     library.Load();
     ASSERT_TRUE(dsm.Open());
     script.Load();
-    selectDS = library.Get<decltype(selectDS)>("smSelectDS");
-    openDS = library.Get<decltype(openDS)>("smOpenDS");
-    enableDS = library.Get<decltype(enableDS)>("smEnableDS");
-    disableDS = library.Get<decltype(disableDS)>("smDisableDS");
-    closeDS = library.Get<decltype(closeDS)>("smCloseDS");
-    getAllDS = library.Get<decltype(getAllDS)>("smGetAllDS");
-    setDefaultDriver = library.Get<decltype(setDefaultDriver)>("smSetDefaultDriver");
+    ResolveExports();
     ASSERT_TRUE(selectDS && openDS && enableDS && disableDS && closeDS && getAllDS && setDefaultDriver);
     window =
         CreateWindowA("STATIC", "application", WS_OVERLAPPEDWINDOW, 0, 0, 100, 100, nullptr, nullptr, nullptr, nullptr);
@@ -96,7 +95,7 @@ void SessionTest::SetUp() {
 
 void SessionTest::TearDown() {
     // Leave no source open, so that the source manager and the source files are released.
-    if (disableDS && closeDS) {
+    if (disableDS && closeDS && !withoutManager_) {
         script.clearFaults();
         disableDS();
         closeDS();
@@ -123,6 +122,53 @@ std::vector<std::string> SessionTest::Triplets() const {
 
 void SessionTest::Mark() {
     mark_ = dsm.Calls().size();
+}
+
+void SessionTest::Reset() {
+    viewer.Clear();
+    Mark();
+}
+
+void SessionTest::Open() {
+    ASSERT_EQ(SM_OK, openDS(window, "Session test"));
+    ASSERT_EQ(1, script.openSourceCount());
+    Reset();
+}
+
+void SessionTest::Enable() {
+    Open();
+    if (HasFatalFailure())
+        return;
+    ASSERT_EQ(SM_OK, enableDS(FALSE, FALSE));
+    Reset();
+}
+
+void SessionTest::LeaveManagerOpen() {
+    script.failOnce(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, TWRC_FAILURE, TWCC_NODS);
+    script.failOnce(DG_CONTROL, DAT_PARENT, MSG_CLOSEDSM, TWRC_FAILURE, TWCC_SEQERROR);
+    ASSERT_EQ(TWCC_NODS, openDS(window, "Session test")) << TwccName(TWCC_NODS);
+    ASSERT_EQ(TDSM_STATE_OPEN, dsm.State());
+    Reset();
+}
+
+void SessionTest::ReloadWithoutSourceManager() {
+    library.Free();
+    dsm.Close();
+    InstallDsm(Dsm::Absent);
+    library.Load();
+    ResolveExports();
+    // The stand-in is gone: nothing to close, no switch to clear.
+    withoutManager_ = true;
+}
+
+void SessionTest::ResolveExports() {
+    selectDS = library.Get<decltype(selectDS)>("smSelectDS");
+    openDS = library.Get<decltype(openDS)>("smOpenDS");
+    enableDS = library.Get<decltype(enableDS)>("smEnableDS");
+    disableDS = library.Get<decltype(disableDS)>("smDisableDS");
+    closeDS = library.Get<decltype(closeDS)>("smCloseDS");
+    getAllDS = library.Get<decltype(getAllDS)>("smGetAllDS");
+    setDefaultDriver = library.Get<decltype(setDefaultDriver)>("smSetDefaultDriver");
 }
 
 } // namespace smtest

@@ -9,6 +9,13 @@
 
 namespace smtest {
 
+// Triplets as Triplets() shows them, and the same triplet answered otherwise.
+inline const std::string kOpenDsm = "DG_CONTROL/DAT_PARENT/MSG_OPENDSM -> TWRC_SUCCESS";
+inline const std::string kCloseDsm = "DG_CONTROL/DAT_PARENT/MSG_CLOSEDSM -> TWRC_SUCCESS";
+inline const std::string kGetDefault = "DG_CONTROL/DAT_IDENTITY/MSG_GETDEFAULT -> TWRC_SUCCESS";
+inline const std::string kStatus = "DG_CONTROL/DAT_STATUS/MSG_GET -> TWRC_SUCCESS";
+std::string Failed(const std::string &triplet, const char *rc = "TWRC_FAILURE");
+
 // Empties <windows>\twain_32 and <windows>\twain (removing them).
 void RemoveSourceDirectories();
 // Copies the virtual scanner to <windows>\<relativePath> (e.g. "twain_32\vscan.ds"), making directories.
@@ -21,6 +28,7 @@ struct DsmScript {
     void (*clearSources)() = nullptr;
     void (*selectByName)(const char *) = nullptr;
     void (*selectCancel)() = nullptr;
+    void (*selectCancelLeaving)(const char *) = nullptr;
     int (*userSelectCount)() = nullptr;
     int (*openSourceCount)() = nullptr;
     HWND (*parentWindow)() = nullptr;
@@ -41,6 +49,17 @@ protected:
     void Mark();
     // Warning texts since the last viewer.Clear().
     std::vector<std::string> Warnings() const { return viewer.Texts("Warning"); }
+    // Clears the records and marks the call log.
+    void Reset();
+
+    // Reaches state 4 with the virtual scanner open, then Reset().
+    void Open();
+    // Reaches state 5 (no user interface), then Reset().
+    void Enable();
+    // Reaches state 3: the source fails to open and the source manager then fails to close. Then Reset().
+    void LeaveManagerOpen();
+    // Loads the library again with no TWAIN_32.DLL in the Windows directory; the exports are resolved anew.
+    void ReloadWithoutSourceManager();
 
     LONG(WINAPI *selectDS)(HWND) = nullptr;
     LONG(WINAPI *openDS)(HWND, const char *) = nullptr;
@@ -53,7 +72,9 @@ protected:
     HWND window = nullptr;
 
 private:
+    void ResolveExports();
     size_t mark_ = 0;
+    bool withoutManager_ = false;
 };
 
 } // namespace smtest
