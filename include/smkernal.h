@@ -112,7 +112,9 @@ SMAPI LONG SMCALL smSelectDS(HWND parent);
 
 /* Ordinal 4. Opens the source manager if needed and the default source. `parent` (NULL: the
    desktop) receives every notification; `title` (NULL: "Calvex Scan Module", cut to 33
-   characters) names the application to the source. */
+   characters) names the application to the source. Opening also reads the source's brightness
+   range; when that query answers 5 (TWCC_OPERATIONERROR) the source is closed again and 5 is
+   returned. */
 SMAPI LONG SMCALL smOpenDS(HWND parent, const char *title);
 
 /* Ordinal 5. Enables the open source, with or without its user interface. With modalUI nonzero
