@@ -28,6 +28,18 @@ TW_USERINTERFACE UserInterfaceOf(const TdsmCall &call) {
 
 class SessionStateTest : public SessionTest {
 protected:
+    // The state a further smOpenDS finds: from 2 it opens the source manager first, from 3 only the
+    // source; in 4 it answers that the source is open, in 5 it is refused. 0 for anything else.
+    int StateFoundByOpenDS() {
+        Reset();
+        const LONG result = openDS(window, "Probe");
+        const Strings sent = Triplets();
+        if (result == SM_OK && !sent.empty())
+            return sent[0] == kOpenDsm ? 2 : 3;
+        if (result == SM_OK)
+            return 4;
+        return result == SM_ERR_SEQUENCE && sent.empty() ? 5 : 0;
+    }
     // Line of the first record with this text, 0 when there is none.
     int LineOf(const std::string &text) const {
         for (const TraceLine &record : viewer.Records())
@@ -72,6 +84,7 @@ TEST_F(SessionStateTest, OpenDSInStateFourSendsNothing) {
     EXPECT_EQ(SM_OK, openDS(window, "Again"));
     EXPECT_TRUE(Triplets().empty());
     EXPECT_EQ((Strings{"DS is already open in TScanModule::OpenDS"}), Warnings());
+    EXPECT_EQ(4, StateFoundByOpenDS());
 }
 
 TEST_F(SessionStateTest, OpenDSInStateFiveIsRefusedButRenamesTheApplication) {
@@ -164,12 +177,22 @@ TEST_F(SessionStateTest, EnableDSInStateFiveSendsNothing) {
     EXPECT_EQ(SM_OK, enableDS(FALSE, FALSE));
     EXPECT_TRUE(Triplets().empty());
     EXPECT_EQ((Strings{"DS is already enabled in TScanModule::EnableDS"}), Warnings());
+    EXPECT_EQ(5, StateFoundByOpenDS());
 }
 
 TEST_F(SessionStateTest, EnableDSWithoutSourceIsASequenceError) {
-    EXPECT_EQ(SM_ERR_SEQUENCE, enableDS(FALSE, FALSE));
+    EXPECT_EQ(SM_ERR_SEQUENCE, enableDS(FALSE, FALSE)) << TwccName(SM_ERR_SEQUENCE);
     EXPECT_TRUE(Triplets().empty());
     EXPECT_EQ((Strings{"Sequence error in TScanModule::EnableDS"}), Warnings());
+    EXPECT_EQ(2, StateFoundByOpenDS());
+}
+
+TEST_F(SessionStateTest, EnableDSWithOnlyTheManagerOpenIsASequenceError) {
+    LeaveManagerOpen();
+    EXPECT_EQ(SM_ERR_SEQUENCE, enableDS(FALSE, FALSE)) << TwccName(SM_ERR_SEQUENCE);
+    EXPECT_TRUE(Triplets().empty());
+    EXPECT_EQ((Strings{"Sequence error in TScanModule::EnableDS"}), Warnings());
+    EXPECT_EQ(3, StateFoundByOpenDS());
 }
 
 TEST_F(SessionStateTest, ModalEnableDisablesTheParentUntilDisable) {
@@ -237,12 +260,14 @@ TEST_F(SessionStateTest, DisableDSInStateFourSendsNothing) {
     EXPECT_EQ(SM_OK, disableDS());
     EXPECT_TRUE(Triplets().empty());
     EXPECT_EQ((Strings{"DS is already disabled in TScanModule::DisableDS"}), Warnings());
+    EXPECT_EQ(4, StateFoundByOpenDS());
 }
 
 TEST_F(SessionStateTest, DisableDSWithoutSourceIsASequenceError) {
     EXPECT_EQ(SM_ERR_SEQUENCE, disableDS());
     EXPECT_TRUE(Triplets().empty());
     EXPECT_EQ((Strings{"Sequence error in TScanModule::DisableDS"}), Warnings());
+    EXPECT_EQ(2, StateFoundByOpenDS());
 }
 
 TEST_F(SessionStateTest, FailedDisableKeepsTheSourceEnabled) {
@@ -280,12 +305,14 @@ TEST_F(SessionStateTest, CloseDSInStateFiveIsASequenceError) {
     EXPECT_EQ(SM_ERR_SEQUENCE, closeDS());
     EXPECT_TRUE(Triplets().empty());
     EXPECT_EQ((Strings{"Sequence error in TScanModule::CloseDS"}), Warnings());
+    EXPECT_EQ(5, StateFoundByOpenDS());
 }
 
 TEST_F(SessionStateTest, CloseDSInStateTwoIsASequenceError) {
     EXPECT_EQ(SM_ERR_SEQUENCE, closeDS());
     EXPECT_TRUE(Triplets().empty());
     EXPECT_EQ((Strings{"Sequence error in TScanModule::CloseDS"}), Warnings());
+    EXPECT_EQ(2, StateFoundByOpenDS());
 }
 
 TEST_F(SessionStateTest, FailedSourceCloseKeepsEverythingOpen) {
@@ -447,7 +474,9 @@ TEST_F(ListTest, FailedFirstStepWritesCountZero) {
 
 TEST_F(ListTest, FailedManagerOpenReturnsItsCode) {
     script.failOnce(DG_CONTROL, DAT_PARENT, MSG_OPENDSM, TWRC_FAILURE, TWCC_LOWMEMORY);
-    EXPECT_EQ(TWCC_LOWMEMORY, getAllDS(path.c_str()));
+    EXPECT_EQ(TWCC_LOWMEMORY, getAllDS(path.c_str())) << TwccName(TWCC_LOWMEMORY);
+    // The source manager stayed closed: no MSG_CLOSEDSM follows.
+    EXPECT_EQ((Strings{Failed(kOpenDsm), kStatus}), Triplets());
     EXPECT_EQ((Strings{"count=0"}), SectionOf(path));
     EXPECT_EQ((Strings{"DSM_Entry returns failure in TScanModule::OpenDSM",
                        "OpenDSM returns failure in TScanModule::SelectDS",
