@@ -118,6 +118,26 @@ TEST_F(DefaultSourceTest, NoDirectoriesGiveTwelveAndAnEmptyEntry) {
     EXPECT_EQ("", DefaultSource()) << "there was no entry before";
 }
 
+TEST_F(DefaultSourceTest, NoDirectoriesGiveTwelveAndTheEarlierEntryBack) {
+    script.clearSources();
+    RemoveSourceDirectories();
+    WriteProfileStringA("Twain", "Default Source", "C:\\elsewhere\\old.ds");
+    Mark();
+    EXPECT_EQ(kNotFound, setDefaultDriver(window, "Anything")) << TwccName(kNotFound);
+    // The manager has no default to give; its failure is not looked into.
+    EXPECT_EQ((Strings{kOpenDsm, Failed(kGetDefault), kCloseDsm}), Triplets());
+    EXPECT_EQ("C:\\elsewhere\\old.ds", DefaultSource());
+}
+
+TEST_F(DefaultSourceTest, NullProductNameMatchesNoSource) {
+    Add("twain_32\\a.ds", "Alpha");
+    WriteProfileStringA("Twain", "Default Source", "C:\\elsewhere\\old.ds");
+    Mark();
+    EXPECT_EQ(kNotFound, setDefaultDriver(window, nullptr)) << TwccName(kNotFound);
+    EXPECT_EQ((Strings{kOpenDsm, kGetDefault, kGetDefault, kCloseDsm}), Triplets()) << "the one candidate was tried";
+    EXPECT_EQ("C:\\elsewhere\\old.ds", DefaultSource());
+}
+
 TEST_F(DefaultSourceTest, NullWindowMeansTheDesktop) {
     Add("twain_32\\a.ds", "Alpha");
     EXPECT_EQ(SM_OK, setDefaultDriver(nullptr, "Alpha"));
@@ -137,6 +157,21 @@ TEST_F(DefaultSourceTest, FailedCandidateQueryIsReportedAndTheSearchGoesOn) {
     const Strings warnings = Warnings();
     EXPECT_NE(warnings.end(), std::find(warnings.begin(), warnings.end(),
                                         "DSM_Entry returns failure in TScanModule::SetDefaultDriver"));
+}
+
+TEST_F(DefaultSourceTest, FailedQueryOfTheLastCandidateGivesItsConditionCode) {
+    Add("twain_32\\a.ds", "Alpha");
+    Add("twain\\b.ds", "Bravo");
+    WriteProfileStringA("Twain", "Default Source", "C:\\elsewhere\\old.ds");
+    Mark();
+    // The first MSG_GETDEFAULT asks for the current default, the second tries Alpha in twain_32, the
+    // third Bravo in twain, the last candidate.
+    script.failEx(DG_CONTROL, DAT_IDENTITY, MSG_GETDEFAULT, TWRC_FAILURE, TWCC_OPERATIONERROR, 3, 1);
+    const LONG result = setDefaultDriver(window, "Zulu");
+    EXPECT_EQ(TWCC_OPERATIONERROR, result) << TwccName(result);
+    EXPECT_EQ((Strings{kOpenDsm, kGetDefault, kGetDefault, Failed(kGetDefault), kStatus, kCloseDsm}), Triplets());
+    EXPECT_EQ((Strings{"DSM_Entry returns failure in TScanModule::SetDefaultDriver"}), Warnings());
+    EXPECT_EQ("C:\\elsewhere\\old.ds", DefaultSource());
 }
 
 TEST_F(DefaultSourceTest, RefusedManagerOpenReturnsItsCodeWithoutClosing) {
