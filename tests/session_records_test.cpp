@@ -35,6 +35,7 @@ public:
     using SessionTest::openDS;
     using SessionTest::script;
     using SessionTest::selectDS;
+    using SessionTest::setDefaultDriver;
     using SessionTest::window;
 
     using SessionTest::Enable;
@@ -42,17 +43,35 @@ public:
     using SessionTest::Open;
     using SessionTest::ReloadWithoutSourceManager;
 
+    // Two copies of the scanner listed as Alpha (twain_32) and Bravo (a subdirectory of twain_32).
+    void TwoSources() {
+        script.clearSources();
+        script.addSource("Alpha", InstallVirtualScanner("twain_32\\a.ds").c_str());
+        script.addSource("Bravo", InstallVirtualScanner("twain_32\\sub\\b.ds").c_str());
+    }
     void FailOnce(TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 rc = TWRC_FAILURE) {
         script.failOnce(DG_CONTROL, dat, msg, rc, TWCC_BUMMER);
     }
     std::string List() const { return BinDir() + "\\records.ini"; }
 
+    // "Level line text"; records of the default source, which stand at lines of the module's own choosing,
+    // show "+" for any line above 0.
     Strings Sm2Records() const {
         Strings out;
         for (const TraceLine &record : viewer.Records())
             if (record.source == kSm2)
-                out.push_back(record.level + " " + std::to_string(record.line) + " " + record.text);
+                out.push_back(record.level + " " + LineOf(record) + " " + record.text);
         return out;
+    }
+
+private:
+    static std::string LineOf(const TraceLine &record) {
+        static const std::string unlined[] = {"TScanModule::SetDefaultDriver", "TScanModule::SearchSourceDirectory"};
+        const std::string &text = record.text;
+        for (const std::string &name : unlined)
+            if (text.size() >= name.size() && text.compare(text.size() - name.size(), name.size(), name) == 0)
+                return record.line > 0 ? "+" : std::to_string(record.line);
+        return std::to_string(record.line);
     }
 };
 
@@ -290,6 +309,57 @@ const RecordScenario kScenarios[] = {
      {"Trace 251 Coming TScanModule::GetAllDS", "Warning 255 TWAIN is not available in TScanModule::GetAllDS",
       "Trace 703 Coming TScanModule::CloseDSM", "Warning 709 TWAIN is not available in TScanModule::CloseDSM",
       "Trace 750 Leaving TScanModule::CloseDSM", "Trace 323 Leaving TScanModule::GetAllDS"}},
+    {"SetDefaultDriverWithoutSourceManager",
+     [](SessionRecordsTest &t) { t.ReloadWithoutSourceManager(); },
+     [](SessionRecordsTest &t) { t.setDefaultDriver(t.window, "Virtual Scanner"); },
+     {"Trace + Coming TScanModule::SetDefaultDriver",
+      "Warning + TWAIN is not available in TScanModule::SetDefaultDriver",
+      "Trace + Leaving TScanModule::SetDefaultDriver"}},
+    {"SetDefaultDriverWithTheManagerRefusingToOpen",
+     [](SessionRecordsTest &t) { t.Open(); },
+     [](SessionRecordsTest &t) { t.setDefaultDriver(t.window, "Virtual Scanner"); },
+     {"Trace + Coming TScanModule::SetDefaultDriver", "Trace 111 Coming TScanModule::OpenDSM",
+      "Warning 137 Sequence error in TScanModule::OpenDSM", "Trace 159 Leaving TScanModule::OpenDSM",
+      "Warning + OpenDSM returns failure in TScanModule::SetDefaultDriver",
+      "Trace + Leaving TScanModule::SetDefaultDriver"}},
+    {"SetDefaultDriverAlreadyTheDefault", nullptr,
+     [](SessionRecordsTest &t) { t.setDefaultDriver(t.window, "VIRTUAL SCANNER"); },
+     Join({{"Trace + Coming TScanModule::SetDefaultDriver"},
+           kOpenDsmPair,
+           kCloseDsmPair,
+           {"Trace + Leaving TScanModule::SetDefaultDriver"}})},
+    // Bravo lies in a subdirectory: the search goes one level down. Alpha, the default at first, asks for no record.
+    {"SetDefaultDriverFoundAfterSearch", [](SessionRecordsTest &t) { t.TwoSources(); },
+     [](SessionRecordsTest &t) { t.setDefaultDriver(t.window, "Bravo"); },
+     Join({{"Trace + Coming TScanModule::SetDefaultDriver"},
+           kOpenDsmPair,
+           {"Trace + Coming TScanModule::SearchSourceDirectory", "Trace + Coming TScanModule::SearchSourceDirectory",
+            "Trace + Leaving TScanModule::SearchSourceDirectory", "Trace + Leaving TScanModule::SearchSourceDirectory"},
+           kCloseDsmPair,
+           {"Trace + Leaving TScanModule::SetDefaultDriver"}})},
+    // twain_32 holds the scanner, which does not match; twain does not exist.
+    {"SetDefaultDriverWithoutMatch", nullptr, [](SessionRecordsTest &t) { t.setDefaultDriver(t.window, "Zulu"); },
+     Join({{"Trace + Coming TScanModule::SetDefaultDriver"},
+           kOpenDsmPair,
+           {"Trace + Coming TScanModule::SearchSourceDirectory", "Trace + Leaving TScanModule::SearchSourceDirectory",
+            "Trace + Coming TScanModule::SearchSourceDirectory", "Trace + Leaving TScanModule::SearchSourceDirectory"},
+           kCloseDsmPair,
+           {"Trace + Leaving TScanModule::SetDefaultDriver"}})},
+    // The candidate's query fails: the record names SetDefaultDriver and the condition code is asked for.
+    {"SetDefaultDriverWithAFailingCandidate",
+     [](SessionRecordsTest &t) {
+         t.script.failEx(DG_CONTROL, DAT_IDENTITY, MSG_GETDEFAULT, TWRC_FAILURE, TWCC_BUMMER, 2, 1);
+     },
+     [](SessionRecordsTest &t) { t.setDefaultDriver(t.window, "Zulu"); },
+     Join({{"Trace + Coming TScanModule::SetDefaultDriver"},
+           kOpenDsmPair,
+           {"Trace + Coming TScanModule::SearchSourceDirectory",
+            "Warning + DSM_Entry returns failure in TScanModule::SetDefaultDriver"},
+           kStatusPair,
+           {"Trace + Leaving TScanModule::SearchSourceDirectory", "Trace + Coming TScanModule::SearchSourceDirectory",
+            "Trace + Leaving TScanModule::SearchSourceDirectory"},
+           kCloseDsmPair,
+           {"Trace + Leaving TScanModule::SetDefaultDriver"}})},
 };
 
 INSTANTIATE_TEST_SUITE_P(Scenarios, SessionRecordsTest, ::testing::ValuesIn(kScenarios),
