@@ -1,5 +1,5 @@
 // The container codec: builds and reads TWAIN capability containers and converts TW_FIX32.
-//
+
 // Containers are addressed by their 32-bit Windows packing (2-byte alignment): a 16-bit ItemType directly
 // followed by 32-bit fields. One-value: Item at 2 (6 bytes). Enumeration: NumItems at 2, CurrentIndex at 6,
 // DefaultIndex at 10, items from 14. Range: MinValue, MaxValue, StepSize, DefaultValue, CurrentValue at
@@ -22,12 +22,14 @@ namespace {
 const char kSource[] = SM_SOURCE("Utility");
 
 // Fixed parts of the containers.
-constexpr SIZE_T kOneValueBytes = 6;
-constexpr SIZE_T kEnumerationHeader = 14;
-constexpr SIZE_T kRangeBytes = 22;
+constexpr SIZE_T kOneValueBytes = sizeof(TW_ONEVALUE);
+constexpr SIZE_T kEnumerationHeader = offsetof(TW_ENUMERATION, ItemList);
+constexpr SIZE_T kRangeBytes = sizeof(TW_RANGE);
 // What the builders allocate beyond the item list (the structures' sizes with their 1-byte list).
-constexpr ULONGLONG kEnumerationExtra = 16;
-constexpr ULONGLONG kArrayExtra = 8;
+constexpr ULONGLONG kEnumerationExtra = sizeof(TW_ENUMERATION);
+constexpr ULONGLONG kArrayExtra = sizeof(TW_ARRAY);
+static_assert(kOneValueBytes == 6 && kEnumerationHeader == 14 && kRangeBytes == 22, "container layouts");
+static_assert(kEnumerationExtra == 16 && kArrayExtra == 8, "builder sizes");
 
 TW_UINT32 ReadWord32(const BYTE *at) {
     TW_UINT32 value;
@@ -58,6 +60,7 @@ struct ContainerShape {
     SIZE_T fixedBytes; // bytes the container takes before (or without) its item list
     ItemLocator locate;
     ClaimedLength claimed; // null when the container has no item list
+    bool storesIndexes;    // the current and default items are picked by indexes the container stores
 };
 
 long long OneValueItem(const BYTE *, TW_UINT32, TW_INT32) {
@@ -68,14 +71,13 @@ long long EnumerationCount(const BYTE *, TW_UINT32, TW_INT32) {
     return offsetof(TW_ENUMERATION, NumItems);
 }
 
+// Any index but -2 and -1 is the position itself, negative ones too: -3 with 4-byte items reads offset 2.
 long long EnumerationItem(const BYTE *block, TW_UINT32 width, TW_INT32 index) {
     long long position = index;
     if (index == -2)
         position = ReadWord32(block + offsetof(TW_ENUMERATION, CurrentIndex));
     else if (index == -1)
         position = ReadWord32(block + offsetof(TW_ENUMERATION, DefaultIndex));
-    if (position < 0)
-        return -1;
     return static_cast<long long>(kEnumerationHeader) + position * width;
 }
 
@@ -101,10 +103,53 @@ long long RangeField(const BYTE *, TW_UINT32, TW_INT32 selector) {
     }
 }
 
-const ContainerShape kOneValue = {kOneValueBytes, OneValueItem, nullptr};
-const ContainerShape kEnumerationCount = {kEnumerationHeader, EnumerationCount, EnumerationLength};
-const ContainerShape kEnumerationItem = {kEnumerationHeader, EnumerationItem, EnumerationLength};
-const ContainerShape kRange = {kRangeBytes, RangeField, nullptr};
+const ContainerShape kOneValue = {kOneValueBytes, OneValueItem, nullptr, false};
+const ContainerShape kEnumerationCount = {kEnumerationHeader, EnumerationCount, EnumerationLength, true};
+const ContainerShape kEnumerationItem = {kEnumerationHeader, EnumerationItem, EnumerationLength, true};
+const ContainerShape kRange = {kRangeBytes, RangeField, nullptr, false};
+
+// The shape the codec reads a container type with; null for the types it never reads.
+const ContainerShape *ShapeOf(TW_UINT16 conType) {
+    switch (conType) {
+    case TWON_ONEVALUE:
+        return &kOneValue;
+    case TWON_ENUMERATION:
+        return &kEnumerationItem;
+    case TWON_RANGE:
+        return &kRange;
+    default:
+        return nullptr;
+    }
+}
+
+TW_UINT16 ItemTypeOf(const BYTE *block) {
+    TW_UINT16 itemType;
+    std::memcpy(&itemType, block, sizeof itemType);
+    return itemType;
+}
+
+// Whether the item list a locked container claims lies in its block (a container without a list always does).
+bool ListFits(const ContainerShape &shape, const BYTE *block, SIZE_T blockSize, TW_UINT32 width) {
+    return !shape.claimed || WithinBlock(blockSize, 0, shape.claimed(block, width));
+}
+
+// Whether the item at `argument` of a locked container lies in its block.
+bool ItemFits(const ContainerShape &shape, const BYTE *block, SIZE_T blockSize, TW_UINT32 width, TW_INT32 argument) {
+    return WithinBlock(blockSize, shape.locate(block, width, argument), width);
+}
+
+// The layout check of ContainerWithinBlock on a locked block: fixed fields, stored list, stored indexes.
+bool LayoutWithinBlock(const ContainerShape &shape, const BYTE *block, SIZE_T blockSize) {
+    if (!WithinBlock(blockSize, 0, shape.fixedBytes))
+        return false;
+    const TW_UINT32 width = CellWidth(ItemTypeOf(block));
+    if (width == 0)
+        return true;
+    if (!ListFits(shape, block, blockSize, width))
+        return false;
+    return !shape.storesIndexes ||
+           (ItemFits(shape, block, blockSize, width, -2) && ItemFits(shape, block, blockSize, width, -1));
+}
 
 // The frame every extraction shares: zero the cell, refuse a missing container, lock it, copy the item
 // with its type's width, unlock. `lockFailure` is what a failed lock returns (2, but 10 for a one-value).
@@ -127,14 +172,10 @@ int ExtractItem(const TraceCall &call, const TW_CAPABILITY *capability, TW_UINT3
     if (!WithinBlock(blockSize, 0, shape.fixedBytes)) {
         call.Warn(__LINE__, "Invalid memory");
     } else {
-        TW_UINT16 itemType;
-        std::memcpy(&itemType, block, sizeof itemType);
-        const TW_UINT32 width = CellWidth(itemType);
+        const TW_UINT32 width = CellWidth(ItemTypeOf(block));
         if (width != 0) {
-            const long long offset = shape.locate(block, width, argument);
-            const bool listFits = !shape.claimed || WithinBlock(blockSize, 0, shape.claimed(block, width));
-            if (listFits && WithinBlock(blockSize, offset, width)) {
-                std::memcpy(value, block + offset, width);
+            if (ListFits(shape, block, blockSize, width) && ItemFits(shape, block, blockSize, width, argument)) {
+                std::memcpy(value, block + shape.locate(block, width, argument), width);
                 result = TWCC_SUCCESS;
             } else {
                 call.Warn(__LINE__, "Invalid memory");
@@ -257,6 +298,20 @@ int ExtractRangeStep(TW_CAPABILITY *capability, TW_UINT32 *value) {
 
 int ExtractRangeCurrent(TW_CAPABILITY *capability, TW_UINT32 *value) {
     return ExtractRangeValue(capability, value, -5);
+}
+
+// Writes no record: it only tells the get pattern why an extraction failed.
+bool ContainerWithinBlock(const TW_CAPABILITY *capability) {
+    const ContainerShape *shape = capability ? ShapeOf(capability->ConType) : nullptr;
+    if (!shape || !capability->hContainer)
+        return true;
+    HGLOBAL container = capability->hContainer;
+    const BYTE *block = static_cast<const BYTE *>(codecGlobalLock(container));
+    if (!block)
+        return true;
+    const bool within = LayoutWithinBlock(*shape, block, GlobalSize(container));
+    GlobalUnlock(container);
+    return within;
 }
 
 int BuildupOneValue(TW_CAPABILITY *capability, TW_UINT16 itemType, TW_UINT32 value) {

@@ -1,5 +1,5 @@
 // The container codec: TWAIN capability containers in movable global memory, and TW_FIX32 conversions.
-//
+
 // Every function returns a TWAIN condition code: 0 (TWCC_SUCCESS), 2 (TWCC_LOWMEMORY) or 10 (TWCC_BADVALUE).
 // Extractions zero the caller's cell first and copy only the item's width (1, 2 or 4 bytes) into its low
 // bytes, so small items arrive zero-extended. They read the container and never free it.
@@ -16,7 +16,8 @@ TW_UINT32 ItemSize(TW_UINT16 itemType);
 int ExtractOneValue(TW_CAPABILITY *capability, TW_UINT32 *value);
 // NumItems of an enumeration, cut to the width of its item type (300 UINT8 items read as 44).
 int ExtractEnumerationNumItems(TW_CAPABILITY *capability, TW_UINT32 *value);
-// Item of an enumeration at `index`: -2 the current item, -1 the default item, otherwise that list position.
+// Item of an enumeration at `index`: -2 the current item, -1 the default item, otherwise that list position
+// (negative ones too); refused only when the item would lie outside the block.
 int ExtractEnumerationValue(TW_CAPABILITY *capability, TW_UINT32 *value, TW_INT32 index);
 // Current item of an enumeration (ExtractEnumerationValue with index -2).
 int ExtractEnumerationCurrent(TW_CAPABILITY *capability, TW_UINT32 *value);
@@ -30,6 +31,12 @@ int ExtractRangeMax(TW_CAPABILITY *capability, TW_UINT32 *value);
 int ExtractRangeStep(TW_CAPABILITY *capability, TW_UINT32 *value);
 // CurrentValue of a range (selector -5).
 int ExtractRangeCurrent(TW_CAPABILITY *capability, TW_UINT32 *value);
+
+// False when the container's fixed fields, its stored item list, or (for an enumeration) the item at its
+// CurrentIndex or DefaultIndex would lie past its global block, which the extractions refuse with 10 and an
+// "Invalid memory" warning. True for everything else the extractions fail on: a null handle, a block that
+// cannot be locked, an unknown item type, and for container types they never read.
+bool ContainerWithinBlock(const TW_CAPABILITY *capability);
 
 // New 6-byte one-value holding the 32-bit `value` as it is; ConType 5.
 int BuildupOneValue(TW_CAPABILITY *capability, TW_UINT16 itemType, TW_UINT32 value);

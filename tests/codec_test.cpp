@@ -1,5 +1,7 @@
-// White-box tests of the container codec: every item type through every container, the trace records of each
-// function, the builders' blocks byte by byte, malformed containers, and the TW_FIX32 conversions.
+// White-box tests of the container codec: extractions, builders, the block check and the TW_FIX32 conversions.
+
+// Every item type goes through every container; the trace records of each function, the builders' blocks byte
+// by byte and malformed containers are checked too.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -8,6 +10,7 @@
 #include <limits>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TestSupport.h"
@@ -566,7 +569,8 @@ TEST_F(Codec, EnumerationIndexPastTheBlockIsRefusedWithBadValue) {
     GlobalBlock block(Enumeration(TWTY_UINT32, 3, 0, 0, PackItems({1, 2, 3}, 4)));
     ASSERT_EQ(26u, GlobalSize(block.Handle()));
     TW_CAPABILITY capability = block.Capability(TWON_ENUMERATION);
-    for (TW_INT32 index : {3, 4, 1000, INT_MAX, -3, -4, INT_MIN}) {
+    // -4 and below put the item before the block's start; -3 would read inside it (see below).
+    for (TW_INT32 index : {3, 4, 1000, INT_MAX, -4, -5, INT_MIN}) {
         viewer_.Clear();
         TW_UINT32 cell = kDirtyCell;
         EXPECT_EQ(TWCC_BADVALUE, ExtractEnumerationValue(&capability, &cell, index)) << index;
@@ -574,6 +578,30 @@ TEST_F(Codec, EnumerationIndexPastTheBlockIsRefusedWithBadValue) {
         EXPECT_EQ(Traced("ExtractEnumerationValue", "Invalid memory"), Records()) << index;
     }
     EXPECT_EQ(0u, LockCount(block.Handle()));
+}
+
+TEST_F(Codec, NegativeIndexesBelowMinusTwoAreListPositionsToo) {
+    // Three UINT32 items: position -3 starts 12 bytes before the list, at offset 2, the NumItems field.
+    GlobalBlock block(Enumeration(TWTY_UINT32, 3, 0, 1, PackItems({1, 2, 3}, 4)));
+    TW_CAPABILITY capability = block.Capability(TWON_ENUMERATION);
+    TW_UINT32 cell = kDirtyCell;
+    EXPECT_EQ(TWCC_SUCCESS, ExtractEnumerationValue(&capability, &cell, -3));
+    EXPECT_EQ(3u, cell) << "NumItems, read as an item";
+    EXPECT_EQ(Traced("ExtractEnumerationValue"), Records());
+    // Two-byte items: -5 is offset 4 (the high word of NumItems), -6 offset 2, -7 offset 0 (ItemType).
+    GlobalBlock words(Enumeration(TWTY_UINT16, 0x00050004, 0, 0, PackItems({1}, 2)), 14 + 0x50004 * 2);
+    ASSERT_NE(nullptr, words.Handle());
+    capability = words.Capability(TWON_ENUMERATION);
+    const std::pair<TW_INT32, TW_UINT32> cases[] = {{-5, 5u}, {-6, 4u}, {-7, TWTY_UINT16}};
+    for (const auto &item : cases) {
+        cell = kDirtyCell;
+        EXPECT_EQ(TWCC_SUCCESS, ExtractEnumerationValue(&capability, &cell, item.first)) << item.first;
+        EXPECT_EQ(item.second, cell) << item.first;
+    }
+    cell = kDirtyCell;
+    EXPECT_EQ(TWCC_BADVALUE, ExtractEnumerationValue(&capability, &cell, -8)) << "offset -2";
+    EXPECT_EQ(0u, cell);
+    EXPECT_EQ(0u, LockCount(words.Handle()));
 }
 
 TEST_F(Codec, EnumerationWhoseLastItemOverlapsTheBlocksEndIsRefusedWhole) {
@@ -752,6 +780,60 @@ TEST_F(Codec, ExtractionOfANullCapabilityIsRefusedLikeANullHandle) {
     EXPECT_EQ(TWCC_BADVALUE, ExtractOneValue(nullptr, &cell));
     EXPECT_EQ(0u, cell);
     EXPECT_EQ(Traced("ExtractOneValue", "Invalid memory"), Records());
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The block check
+
+// Refused by the extractions for lying past the block: false; everything else: true.
+TEST_F(Codec, ContainersInsideTheirBlockPassTheBlockCheck) {
+    GlobalBlock one(OneValue(TWTY_UINT16, 7)), range(Range(TWTY_FIX32, 1, 2, 3, 4, 5)),
+        list(Enumeration(TWTY_UINT16, 3, 2, 0, PackItems({1, 2, 3}, 2)));
+    TW_CAPABILITY capabilities[] = {one.Capability(TWON_ONEVALUE), range.Capability(TWON_RANGE),
+                                    list.Capability(TWON_ENUMERATION)};
+    for (const TW_CAPABILITY &capability : capabilities) {
+        EXPECT_TRUE(ContainerWithinBlock(&capability)) << capability.ConType;
+        EXPECT_EQ(0u, LockCount(capability.hContainer));
+    }
+    EXPECT_EQ(std::vector<std::string>{}, Records()) << "the check writes no record";
+}
+
+TEST_F(Codec, WhatTheExtractionsFailOnOtherwisePassesTheBlockCheck) {
+    TW_CAPABILITY null = {ICAP_UNITS, TWON_ONEVALUE, nullptr};
+    EXPECT_TRUE(ContainerWithinBlock(&null)) << "null handle";
+    EXPECT_TRUE(ContainerWithinBlock(nullptr)) << "null capability";
+    GlobalBlock unknown(Enumeration(0xF0, 0x10000, 0x10000, 0, Bytes(4)));
+    TW_CAPABILITY unknownType = unknown.Capability(TWON_ENUMERATION);
+    EXPECT_TRUE(ContainerWithinBlock(&unknownType)) << "unknown item type, whatever it claims";
+    GlobalBlock array(Bytes{TWTY_UINT16, 0, 0xFF, 0xFF, 0, 0});
+    TW_CAPABILITY notRead = array.Capability(TWON_ARRAY);
+    EXPECT_TRUE(ContainerWithinBlock(&notRead)) << "a container type the codec never reads";
+    GlobalBlock locked(OneValue(TWTY_UINT16, 1), 4);
+    TW_CAPABILITY lockFails = locked.Capability(TWON_ONEVALUE);
+    codecGlobalLock = FailingLock;
+    EXPECT_TRUE(ContainerWithinBlock(&lockFails)) << "a block that cannot be locked";
+    EXPECT_EQ(std::vector<std::string>{}, Records());
+}
+
+TEST_F(Codec, ContainersPastTheirBlockFailTheBlockCheck) {
+    GlobalBlock shortOne(OneValue(TWTY_UINT16, 7), 5), shortRange(Range(TWTY_FIX32, 1, 2, 3, 4, 5), 21),
+        shortHeader(Enumeration(TWTY_UINT16, 0, 0, 0, Bytes()), 13),
+        longList(Enumeration(TWTY_UINT16, 0x10003, 0, 0, PackItems({1, 2, 3}, 2))),
+        badCurrent(Enumeration(TWTY_UINT16, 3, 3, 0, PackItems({1, 2, 3}, 2))),
+        badDefault(Enumeration(TWTY_UINT16, 3, 0, 0x10000, PackItems({1, 2, 3}, 2)));
+    const std::pair<TW_CAPABILITY, const char *> cases[] = {
+        {shortOne.Capability(TWON_ONEVALUE), "one-value of 5 bytes"},
+        {shortRange.Capability(TWON_RANGE), "range of 21 bytes"},
+        {shortHeader.Capability(TWON_ENUMERATION), "enumeration header of 13 bytes"},
+        {longList.Capability(TWON_ENUMERATION), "item list past the block"},
+        {badCurrent.Capability(TWON_ENUMERATION), "CurrentIndex past the items"},
+        {badDefault.Capability(TWON_ENUMERATION), "DefaultIndex past the items"},
+    };
+    for (const auto &item : cases) {
+        EXPECT_FALSE(ContainerWithinBlock(&item.first)) << item.second;
+        EXPECT_EQ(0u, LockCount(item.first.hContainer)) << item.second;
+    }
+    EXPECT_EQ(std::vector<std::string>{}, Records());
 }
 
 // ---------------------------------------------------------------------------------------------------------
