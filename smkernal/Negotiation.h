@@ -3,6 +3,19 @@
 
 #include "twain1x.h"
 
+// The brightness range the module starts with, and returns to when the source's cannot be used.
+constexpr double kDefaultBrightnessMin = -1000.0;
+constexpr double kDefaultBrightnessMax = 1000.0;
+constexpr double kDefaultBrightnessStep = 1.0;
+
+// Unit flags at the library's interface: 2 to the power of the TWAIN unit code.
+constexpr TW_UINT16 kUnitInches = 1u << TWUN_INCHES;
+constexpr TW_UINT16 kUnitCentimetres = 1u << TWUN_CENTIMETERS;
+constexpr TW_UINT16 kUnitPicas = 1u << TWUN_PICAS;
+constexpr TW_UINT16 kUnitPoints = 1u << TWUN_POINTS;
+constexpr TW_UINT16 kUnitTwips = 1u << TWUN_TWIPS;
+constexpr TW_UINT16 kUnitPixels = 1u << TWUN_PIXELS;
+
 // Containers a get accepts.
 enum AcceptedContainer : unsigned {
     kAcceptOneValue = 1u << 0,
@@ -20,27 +33,49 @@ constexpr MessageList kCurrentThenGet = {{MSG_GETCURRENT, MSG_GET}, 2};
 constexpr MessageList kGetThenCurrent = {{MSG_GET, MSG_GETCURRENT}, 2};
 constexpr MessageList kGetOnly = {{MSG_GET, 0}, 1};
 
-// What a get read from the container the source answered with. Enumerations are walked for their
-// smallest and largest items and the codes they list; a one-value is its own minimum and maximum.
+// What a get reads from each container it accepts, and nothing more: each flag is one codec call or a walk.
+enum ReadField : unsigned {
+    kReadOneValue = 1u << 0,           // ExtractOneValue
+    kReadRangeCurrent = 1u << 1,       // ExtractRangeCurrent
+    kReadRangeBounds = 1u << 2,        // ExtractRangeMin, ExtractRangeMax
+    kReadRangeStep = 1u << 3,          // ExtractRangeStep
+    kReadEnumerationCurrent = 1u << 4, // ExtractEnumerationCurrent
+    kReadEnumerationWalk = 1u << 5,    // ExtractEnumerationNumItems, then ExtractEnumerationValue for each item
+};
+// The current value of whatever comes.
+constexpr unsigned kReadCurrent = kReadOneValue | kReadRangeCurrent | kReadEnumerationCurrent;
+// The current value and the bounds: a range's fields, or an enumeration's current item and a walk.
+constexpr unsigned kReadCurrentAndBounds = kReadCurrent | kReadRangeBounds | kReadEnumerationWalk;
+// An enumeration walked for its items, or a one-value's item.
+constexpr unsigned kReadItems = kReadOneValue | kReadEnumerationWalk;
+
+// How the items of a walk compare: FIX32 numbers as fixed-point values, integers as unsigned 32-bit words.
+enum class ItemOrder { Fix32, Unsigned };
+
+// What a get read from the container the source answered with. Fields it was not asked to read stay 0; a
+// container read without its bounds (a one-value, an enumeration's current item alone) is its own minimum
+// and maximum.
 struct CapReading {
     TW_UINT32 value;   // the item, the current item or the current value, as the codec delivers it
-    TW_UINT32 minimum; // smallest item or range minimum
-    TW_UINT32 maximum; // largest item or range maximum
+    TW_UINT32 minimum; // smallest item walked or range minimum
+    TW_UINT32 maximum; // largest item walked or range maximum
     TW_UINT32 step;    // range step
     TW_UINT32 count;   // enumeration items walked
     TW_UINT32 codes;   // bit n set when code n (below 32) is listed
     TW_UINT16 conType;
 };
 
-// One get accessor: capability, messages, accepted containers, and how the reading becomes the
-// application's value. `fallback` is the value reported when no attempt succeeded; `preset` the
+// One get accessor: capability, messages, accepted containers, what is read from them, and how the reading
+// becomes the application's value. `fallback` is the value reported when no attempt succeeded; `preset` the
 // container type asked for.
 struct GetSpec {
     TW_UINT16 cap;
     MessageList messages;
     unsigned accepted;
+    unsigned reads;
     TW_UINT32 (*convert)(const CapReading &reading);
     TW_UINT32 fallback;
+    ItemOrder order = ItemOrder::Unsigned;
     TW_UINT16 preset = TWON_DONTCARE16;
 };
 
@@ -81,8 +116,23 @@ double Fix32Value(TW_UINT32 bits);
 
 // The reading's value as it stands.
 TW_UINT32 AsIs(const CapReading &reading);
-// The largest item of an enumeration walked (the item itself for a one-value).
+// The largest item walked (the item itself for a container read without a walk).
 TW_UINT32 LargestItem(const CapReading &reading);
+
+// A one-value answer, current value first.
+constexpr GetSpec OneValueGet(TW_UINT16 cap) {
+    return {cap, kCurrentThenGet, kAcceptOneValue, kReadOneValue, AsIs, 0};
+}
+
+// A code, current value first: a one-value's item or an enumeration's current item, converted.
+constexpr GetSpec CodeGet(TW_UINT16 cap, TW_UINT32 (*convert)(const CapReading &), TW_UINT32 fallback) {
+    return {cap, kCurrentThenGet, kAcceptEnumeration | kAcceptOneValue, kReadCurrent, convert, fallback};
+}
+
+// The codes an enumeration lists, walked with MSG_GET alone; nothing else is accepted.
+constexpr GetSpec ListGet(TW_UINT16 cap, TW_UINT32 (*convert)(const CapReading &)) {
+    return {cap, kGetOnly, kAcceptEnumeration, kReadEnumerationWalk, convert, 0};
+}
 
 // Flag 2 to the power n for TWAIN code n, and back: the exact bit position of a single-bit flag,
 // or -1 for zero or several bits.

@@ -8,22 +8,27 @@ namespace {
 
 const char kSource[] = SM_SOURCE("Sm_4");
 
-// The answer of an on/off capability: one-values only, current value first.
-constexpr GetSpec kOnOff(TW_UINT16 cap) {
-    return {cap, kCurrentThenGet, kAcceptOneValue, AsIs, 0};
-}
-
 // Sources that refuse BOOL items for an on/off setting are asked again with UINT16, then INT16.
 constexpr SetSpec kOnOffSet(TW_UINT16 cap) {
     return {cap, {TWTY_BOOL, TWTY_UINT16, TWTY_INT16}, 3, BuildOneValue, "BuildupOneValue returns failure", nullptr};
 }
 
+// Tone settings: the current value of any container, a FIX32 on the source's range.
+constexpr GetSpec kScaledGet(TW_UINT16 cap) {
+    return {cap, kCurrentThenGet, kAcceptAny, kReadCurrent, AsIs, 0, ItemOrder::Fix32};
+}
+
+constexpr SetSpec kScaledSet(TW_UINT16 cap, const char *buildFailure = "BuildupOneValue returns failure") {
+    return {cap, {TWTY_FIX32}, 1, BuildOneValue, buildFailure, nullptr};
+}
+
 // Asked for a one-value, and a second time with message code 0 when the first ask fails.
-constexpr GetSpec kUIControllable = {CAP_UICONTROLLABLE, {{MSG_GET, 0}, 2}, kAcceptOneValue, AsIs, 0, TWON_ONEVALUE};
-constexpr GetSpec kFeederEnabled = kOnOff(CAP_FEEDERENABLED);
-constexpr GetSpec kFeederLoaded = kOnOff(CAP_FEEDERLOADED);
-constexpr GetSpec kThumbnails = kOnOff(CAP_THUMBNAILSENABLED);
-constexpr GetSpec kGamma = {ICAP_GAMMA, kCurrentThenGet, kAcceptOneValue, AsIs, 0};
+constexpr GetSpec kUIControllable = {CAP_UICONTROLLABLE,  {{MSG_GET, 0}, 2}, kAcceptOneValue, kReadOneValue, AsIs, 0,
+                                     ItemOrder::Unsigned, TWON_ONEVALUE};
+constexpr GetSpec kFeederEnabled = OneValueGet(CAP_FEEDERENABLED);
+constexpr GetSpec kFeederLoaded = OneValueGet(CAP_FEEDERLOADED);
+constexpr GetSpec kThumbnails = OneValueGet(CAP_THUMBNAILSENABLED);
+constexpr GetSpec kGamma = OneValueGet(ICAP_GAMMA);
 constexpr SetSpec kFeederEnabledSet = kOnOffSet(CAP_FEEDERENABLED);
 constexpr SetSpec kIndicatorsSet = kOnOffSet(CAP_INDICATORS);
 constexpr SetSpec kAutoFeedSet = kOnOffSet(CAP_AUTOFEED);
@@ -31,56 +36,97 @@ constexpr SetSpec kThumbnailsSet = kOnOffSet(CAP_THUMBNAILSENABLED);
 constexpr SetSpec kLightPathSet = {ICAP_LIGHTPATH, {TWTY_UINT16}, 1, BuildOneValue, "BuildupOneValue returns failure",
                                    nullptr};
 constexpr SetSpec kGammaSet = {ICAP_GAMMA, {TWTY_FIX32}, 1, BuildOneValue, "BuildupOneValue returns failure", nullptr};
+constexpr SetSpec kBrightnessSet = kScaledSet(ICAP_BRIGHTNESS);
+constexpr SetSpec kContrastSet = kScaledSet(ICAP_CONTRAST);
+constexpr SetSpec kHighlightSet = kScaledSet(ICAP_HIGHLIGHT);
+constexpr SetSpec kShadowSet = kScaledSet(ICAP_SHADOW, "BuildupOneValue return failure");
+constexpr SetSpec kThresholdSet = kScaledSet(ICAP_THRESHOLD);
 
-int ReadItem(TW_CAPABILITY &capability, TW_UINT32 index, TW_UINT32 &item) {
-    return ExtractEnumerationValue(&capability, &item, static_cast<TW_INT32>(index));
+const char kBadRange[] = "Bad range setting, minRange == maxRange,";
+// The contrast setter has always spelt its range warning so.
+const char kBadRangeContrast[] = "Bas range setting, minRange == maxRange,";
+
+// The application passes its scale as 16-bit values in 32-bit words.
+short Low16(LONG value) {
+    return static_cast<short>(value);
 }
 
-// Numbers compare as the source means them: FIX32 items by value, and small integers come out the
-// same through the FIX32 reading (their low word is the whole part).
-bool Below(TW_UINT32 a, TW_UINT32 b) {
-    return Fix32Value(a) < Fix32Value(b);
+// Walk items compare as the source means them: FIX32 items as fixed-point numbers, integers unsigned.
+bool Below(ItemOrder order, TW_UINT32 a, TW_UINT32 b) {
+    return order == ItemOrder::Fix32 ? Fix32Value(a) < Fix32Value(b) : a < b;
 }
 
-// Reads the accepted container into `reading`; the codec's result (0 when all was read).
-int Read(TW_CAPABILITY &capability, CapReading &reading) {
+// The codec calls of one reading. A failed call reads as its zeroed cell, unless the container runs past
+// its block: then nothing more is read and the answer counts as refused.
+class ContainerReader {
+public:
+    explicit ContainerReader(TW_CAPABILITY &capability) : capability_(capability) {}
+    template <typename Extract> TW_UINT32 Take(Extract extract) {
+        TW_UINT32 cell = 0;
+        if (!pastBlock_ && extract(&capability_, &cell) != TWCC_SUCCESS)
+            pastBlock_ = !ContainerWithinBlock(&capability_);
+        return cell;
+    }
+    TW_UINT32 Item(TW_UINT32 index) {
+        return Take([index](TW_CAPABILITY *capability, TW_UINT32 *cell) {
+            return ExtractEnumerationValue(capability, cell, static_cast<TW_INT32>(index));
+        });
+    }
+    bool PastBlock() const { return pastBlock_; }
+
+private:
+    TW_CAPABILITY &capability_;
+    bool pastBlock_ = false;
+};
+
+// The count, then every item: the smallest, the largest and the codes listed.
+void Walk(ContainerReader &reader, ItemOrder order, CapReading &reading) {
+    reading.count = reader.Take(ExtractEnumerationNumItems);
+    for (TW_UINT32 i = 0; i < reading.count && !reader.PastBlock(); ++i) {
+        const TW_UINT32 item = reader.Item(i);
+        if (i == 0 || Below(order, item, reading.minimum))
+            reading.minimum = item;
+        if (i == 0 || Below(order, reading.maximum, item))
+            reading.maximum = item;
+        reading.codes |= CodeToFlag(item);
+    }
+}
+
+// Reads what the accessor asks for from an accepted container; false when the container runs past its block.
+bool Read(TW_CAPABILITY &capability, const GetSpec &accessor, CapReading &reading) {
     reading = CapReading{};
     reading.conType = capability.ConType;
-    int result = 0;
+    ContainerReader reader(capability);
+    const unsigned reads = accessor.reads;
+    bool bounds = false;
     switch (capability.ConType) {
     case TWON_ONEVALUE:
-        result = ExtractOneValue(&capability, &reading.value);
-        reading.minimum = reading.maximum = reading.value;
-        if (result == 0 && reading.value < 32)
-            reading.codes = 1u << reading.value;
+        if (reads & kReadOneValue)
+            reading.value = reader.Take(ExtractOneValue);
+        reading.codes = CodeToFlag(reading.value);
         break;
     case TWON_RANGE:
-        result = ExtractRangeCurrent(&capability, &reading.value);
-        if (result == 0)
-            result = ExtractRangeMin(&capability, &reading.minimum);
-        if (result == 0)
-            result = ExtractRangeMax(&capability, &reading.maximum);
-        if (result == 0)
-            result = ExtractRangeStep(&capability, &reading.step);
-        break;
-    default: {
-        result = ExtractEnumerationCurrent(&capability, &reading.value);
-        if (result == 0)
-            result = ExtractEnumerationNumItems(&capability, &reading.count);
-        for (TW_UINT32 i = 0; result == 0 && i < reading.count; ++i) {
-            TW_UINT32 item = 0;
-            result = ReadItem(capability, i, item);
-            if (i == 0 || Below(item, reading.minimum))
-                reading.minimum = item;
-            if (i == 0 || Below(reading.maximum, item))
-                reading.maximum = item;
-            if (item < 32)
-                reading.codes |= 1u << item;
+        if (reads & kReadRangeCurrent)
+            reading.value = reader.Take(ExtractRangeCurrent);
+        bounds = reads & kReadRangeBounds;
+        if (bounds) {
+            reading.minimum = reader.Take(ExtractRangeMin);
+            reading.maximum = reader.Take(ExtractRangeMax);
         }
+        if (reads & kReadRangeStep)
+            reading.step = reader.Take(ExtractRangeStep);
+        break;
+    default:
+        if (reads & kReadEnumerationCurrent)
+            reading.value = reader.Take(ExtractEnumerationCurrent);
+        bounds = reads & kReadEnumerationWalk;
+        if (bounds)
+            Walk(reader, accessor.order, reading);
         break;
     }
-    }
-    return result;
+    if (!bounds)
+        reading.minimum = reading.maximum = reading.value;
+    return !reader.PastBlock();
 }
 
 bool Accepts(const GetSpec &accessor, TW_UINT16 conType) {
@@ -129,7 +175,7 @@ double Fix32Value(TW_UINT32 bits) {
 }
 
 TW_UINT32 LargestItem(const CapReading &reading) {
-    return reading.conType == TWON_ENUMERATION ? reading.maximum : reading.value;
+    return reading.maximum;
 }
 
 TW_UINT32 CodeToFlag(TW_UINT32 code) {
@@ -157,8 +203,8 @@ TW_UINT16 TScanModule::CapNegotiate(UINT message, TW_CAPABILITY *capability) {
     if (rc != TWRC_SUCCESS || message != MSG_SET || !capability || capability->Cap != ICAP_XFERMECH)
         return rc;
     call.NoteIn(__LINE__, "Especially processing MSG_SET/ICAP_XFERMECH");
-    // The mechanism just set, from the caller's own container; any other container means file.
-    TW_UINT32 mechanism = TWSX_FILE;
+    // The mechanism just set, from the caller's own container; any other container counts as memory.
+    TW_UINT32 mechanism = TWSX_MEMORY;
     if (capability->ConType == TWON_ENUMERATION)
         ExtractEnumerationCurrent(capability, &mechanism);
     else if (capability->ConType == TWON_ONEVALUE)
@@ -203,11 +249,12 @@ TScanModule::Outcome TScanModule::AskCapability(const TraceCall &call, const Get
             result = TWCC_BADVALUE;
             continue;
         }
-        // A container the codec cannot read (unknown item type, too short for what it claims) is
-        // refused like a container of the wrong type.
-        result = Read(capability, reading);
+        // What the codec cannot read reads as 0, but a container that runs past its block is refused
+        // like one of the wrong type (the codec has said "Invalid memory").
+        const bool read = Read(capability, accessor, reading);
         GlobalFree(capability.hContainer);
-        if (result == 0)
+        result = read ? 0 : TWCC_BADVALUE;
+        if (read)
             return Outcome::Read;
     }
     reading = CapReading{};
@@ -337,4 +384,94 @@ LONG TScanModule::GetDSProductName(char *buffer) {
         return result;
     lstrcpynA(buffer, sourceIdentity.ProductName, sizeof sourceIdentity.ProductName);
     return 0;
+}
+
+// Reads the source's value and maps it onto the application's scale, rounding half up.
+LONG TScanModule::GetRangeScaled(const TraceCall &call, TW_UINT16 cap, double dsMin, double dsMax, short *value,
+                                 LONG appMin, LONG appMax) {
+    LONG result = 0;
+    if (!AccessorReady(call, result))
+        return result;
+    const short low = Low16(appMin), high = Low16(appMax);
+    if (low == high) {
+        call.Warn(__LINE__, kBadRange);
+        *value = 0;
+        return TWCC_BADVALUE;
+    }
+    CapReading reading;
+    if (AskCapability(call, kScaledGet(cap), reading, result) != Outcome::Read) {
+        // Without a value from the source the midpoint of the application's scale stands.
+        *value = static_cast<short>((low + high) / 2);
+        return result;
+    }
+    const double dsValue = Fix32Value(reading.value);
+    *value = static_cast<short>(static_cast<int>(low + (dsValue - dsMin) / (dsMax - dsMin) * (high - low) + 0.5));
+    return result;
+}
+
+// Maps the application's value onto the source's range, snapped to the source's step from its minimum.
+LONG TScanModule::SetRangeScaled(const TraceCall &call, const SetSpec &accessor, double dsMin, double dsMax,
+                                 double dsStep, LONG value, LONG appMin, LONG appMax, const char *badRange) {
+    LONG result = 0;
+    if (!AccessorReady(call, result))
+        return result;
+    const short low = Low16(appMin), high = Low16(appMax);
+    if (low == high) {
+        call.Warn(__LINE__, badRange);
+        return TWCC_BADVALUE;
+    }
+    // Adding and removing the minimum again before the division changes only the rounding.
+    const double position = static_cast<double>(Low16(value) - low) / (high - low) * (dsMax - dsMin) + dsMin;
+    const short steps = static_cast<short>(static_cast<int>((position - dsMin) / dsStep + 0.5));
+    const OneValueArgument argument = {0, static_cast<float>(steps * dsStep + dsMin)};
+    return SendCapability(call, accessor, &argument);
+}
+
+LONG TScanModule::GetBrightness(short *value, LONG appMin, LONG appMax) {
+    TraceCall call(kSource, "GetBrightness", __LINE__, __LINE__);
+    return GetRangeScaled(call, ICAP_BRIGHTNESS, brightnessMin, brightnessMax, value, appMin, appMax);
+}
+
+LONG TScanModule::SetBrightness(LONG value, LONG appMin, LONG appMax) {
+    TraceCall call(kSource, "SetBrightness", __LINE__, __LINE__);
+    return SetRangeScaled(call, kBrightnessSet, brightnessMin, brightnessMax, brightnessStep, value, appMin, appMax,
+                          kBadRange);
+}
+
+LONG TScanModule::GetContrast(short *value, LONG appMin, LONG appMax) {
+    TraceCall call(kSource, "GetContrast", __LINE__, __LINE__);
+    return GetRangeScaled(call, ICAP_CONTRAST, contrastMin, contrastMax, value, appMin, appMax);
+}
+
+LONG TScanModule::SetContrast(LONG value, LONG appMin, LONG appMax) {
+    TraceCall call(kSource, "SetContrast", __LINE__, __LINE__);
+    return SetRangeScaled(call, kContrastSet, contrastMin, contrastMax, contrastStep, value, appMin, appMax,
+                          kBadRangeContrast);
+}
+
+LONG TScanModule::GetHighlight(short *value, LONG appMin, LONG appMax) {
+    TraceCall call(kSource, "GetHighlight", __LINE__, __LINE__);
+    return GetRangeScaled(call, ICAP_HIGHLIGHT, highlightMin, highlightMax, value, appMin, appMax);
+}
+
+LONG TScanModule::SetHighlight(LONG value, LONG appMin, LONG appMax) {
+    TraceCall call(kSource, "SetHighlight", __LINE__, __LINE__);
+    return SetRangeScaled(call, kHighlightSet, highlightMin, highlightMax, highlightStep, value, appMin, appMax,
+                          kBadRange);
+}
+
+LONG TScanModule::GetShadow(short *value, LONG appMin, LONG appMax) {
+    TraceCall call(kSource, "GetShadow", __LINE__, __LINE__);
+    return GetRangeScaled(call, ICAP_SHADOW, shadowMin, shadowMax, value, appMin, appMax);
+}
+
+LONG TScanModule::SetShadow(LONG value, LONG appMin, LONG appMax) {
+    TraceCall call(kSource, "SetShadow", __LINE__, __LINE__);
+    return SetRangeScaled(call, kShadowSet, shadowMin, shadowMax, shadowStep, value, appMin, appMax, kBadRange);
+}
+
+LONG TScanModule::SetThreshold(LONG value, LONG appMin, LONG appMax) {
+    TraceCall call(kSource, "SetThreshold", __LINE__, __LINE__);
+    return SetRangeScaled(call, kThresholdSet, thresholdMin, thresholdMax, thresholdStep, value, appMin, appMax,
+                          kBadRange);
 }

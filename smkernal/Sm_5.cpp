@@ -8,8 +8,6 @@ namespace {
 const char kSource[] = SM_SOURCE("Sm_5");
 constexpr TW_UINT32 kLastPixelType = TWPT_CIEXYZ;
 constexpr TW_UINT32 kLastUnit = TWUN_PIXELS;
-constexpr WORD kUnitInches = 1;
-constexpr WORD kUnitPixels = 32;
 constexpr WORD kPixelTypeGray = 1u << TWPT_GRAY;
 // Pixel types 0 to 8 are reported in the supported list.
 constexpr TW_UINT32 kReportedPixelTypes = (1u << (kLastPixelType + 1)) - 1;
@@ -26,16 +24,19 @@ TW_UINT32 ReportedPixelTypes(const CapReading &reading) {
     return reading.codes & kReportedPixelTypes;
 }
 
-constexpr GetSpec kUnit = {ICAP_UNITS, kCurrentThenGet, kAcceptEnumeration | kAcceptOneValue, UnitFlag, kUnitInches};
-constexpr GetSpec kPhysicalWidth = {ICAP_PHYSICALWIDTH, kCurrentThenGet, kAcceptOneValue, AsIs, 0};
-constexpr GetSpec kPhysicalHeight = {ICAP_PHYSICALHEIGHT, kCurrentThenGet, kAcceptOneValue, AsIs, 0};
-constexpr GetSpec kPixelFlavor = {ICAP_PIXELFLAVOR, kCurrentThenGet, kAcceptEnumeration | kAcceptOneValue, AsIs, 0};
-constexpr GetSpec kPixelType = {ICAP_PIXELTYPE, kCurrentThenGet, kAcceptEnumeration | kAcceptOneValue, PixelTypeFlag,
-                                kPixelTypeGray};
-constexpr GetSpec kSupportedPixelTypes = {ICAP_PIXELTYPE, kGetOnly, kAcceptEnumeration, ReportedPixelTypes, 0};
-constexpr GetSpec kBitDepth = {ICAP_BITDEPTH, kCurrentThenGet, kAcceptEnumeration | kAcceptOneValue, LargestItem, 0};
-constexpr GetSpec kImageDataSet = {ICAP_IMAGEDATASET, kGetThenCurrent, kAcceptEnumeration | kAcceptOneValue,
-                                   LargestItem, 0};
+// A number: the one-value's item or the largest item of the enumeration walked.
+constexpr GetSpec kLargestGet(TW_UINT16 cap, MessageList messages) {
+    return {cap, messages, kAcceptEnumeration | kAcceptOneValue, kReadItems, LargestItem, 0, ItemOrder::Unsigned};
+}
+
+constexpr GetSpec kUnit = CodeGet(ICAP_UNITS, UnitFlag, kUnitInches);
+constexpr GetSpec kPhysicalWidth = OneValueGet(ICAP_PHYSICALWIDTH);
+constexpr GetSpec kPhysicalHeight = OneValueGet(ICAP_PHYSICALHEIGHT);
+constexpr GetSpec kPixelFlavor = CodeGet(ICAP_PIXELFLAVOR, AsIs, 0);
+constexpr GetSpec kPixelType = CodeGet(ICAP_PIXELTYPE, PixelTypeFlag, kPixelTypeGray);
+constexpr GetSpec kSupportedPixelTypes = ListGet(ICAP_PIXELTYPE, ReportedPixelTypes);
+constexpr GetSpec kBitDepth = kLargestGet(ICAP_BITDEPTH, kCurrentThenGet);
+constexpr GetSpec kImageDataSet = kLargestGet(ICAP_IMAGEDATASET, kGetThenCurrent);
 
 constexpr SetSpec kPixelTypeSet = {ICAP_PIXELTYPE, {TWTY_UINT16, TWTY_INT16, TWTY_BOOL}, 3,
                                    BuildOneValue,  "BuildupOneValue return failure",     nullptr};
@@ -48,16 +49,16 @@ constexpr SetSpec kImageDataSetList = {
 constexpr SetSpec kImageDataSetOne = {
     ICAP_IMAGEDATASET, {TWTY_UINT32}, 1, BuildOneValue, "BuildupOneValue returns failure", nullptr};
 
-// Inches per unit of the source's current unit, to express its physical size in inches.
+// Units of the source's current unit in one inch, to express its physical size in inches.
 double UnitsPerInch(WORD unitFlag, short xResolution) {
     switch (unitFlag) {
-    case 2:
+    case kUnitCentimetres:
         return 2.54;
-    case 4:
+    case kUnitPicas:
         return 6.0;
-    case 8:
+    case kUnitPoints:
         return 72.0;
-    case 16:
+    case kUnitTwips:
         return 1440.0;
     case kUnitPixels:
         return xResolution > 0 ? xResolution : 1.0;
@@ -83,7 +84,8 @@ LONG TScanModule::GetUnit(WORD *flag) {
 }
 
 // The largest area the source scans, in inches: its physical width and height divided by its
-// unit's measure of an inch (the X resolution for pixels).
+// unit's measure of an inch (the X resolution for pixels). The unit and the X resolution are read
+// whatever the unit.
 LONG TScanModule::GetMaxArea(double *width, double *height) {
     TraceCall call(kSource, "GetMaxArea", __LINE__, __LINE__);
     LONG result = 0;
@@ -96,8 +98,7 @@ LONG TScanModule::GetMaxArea(double *width, double *height) {
     WORD unit = kUnitInches;
     short current = 0, minimum = 0, maximum = 0;
     GetUnit(&unit);
-    if (unit == kUnitPixels)
-        GetXResolution(&current, &minimum, &maximum);
+    GetXResolution(&current, &minimum, &maximum);
     const double perInch = UnitsPerInch(unit, current);
     *width = Fix32Value(physicalWidth.value) / perInch;
     *height = Fix32Value(physicalHeight.value) / perInch;

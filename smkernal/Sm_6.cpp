@@ -8,7 +8,6 @@ namespace {
 const char kSource[] = SM_SOURCE("Sm_6");
 constexpr TW_UINT32 kLastPaperSize = 8;
 constexpr WORD kPaperNone = 1u << TWSS_NONE;
-constexpr WORD kMechanismMemory = 1u << TWSX_MEMORY;
 // Sizes 0 to 6 and 8 are reported in the supported list; 7 never is.
 constexpr TW_UINT32 kReportedPaperSizes = 0x17F;
 
@@ -24,12 +23,10 @@ TW_UINT32 ReportedPaperSizes(const CapReading &reading) {
     return reading.codes & kReportedPaperSizes;
 }
 
-constexpr GetSpec kPaperSize = {ICAP_SUPPORTEDSIZES, kCurrentThenGet, kAcceptEnumeration | kAcceptOneValue,
-                                PaperSizeFlag, kPaperNone};
-constexpr GetSpec kSupportedPaperSizes = {ICAP_SUPPORTEDSIZES, kGetOnly, kAcceptEnumeration, ReportedPaperSizes, 0};
-constexpr GetSpec kMechanism = {ICAP_XFERMECH, kCurrentThenGet, kAcceptEnumeration | kAcceptOneValue, MechanismFlag,
-                                kMechanismMemory};
-constexpr GetSpec kTransferCount = {CAP_XFERCOUNT, kCurrentThenGet, kAcceptEnumeration | kAcceptOneValue, AsIs, 0};
+constexpr GetSpec kPaperSize = CodeGet(ICAP_SUPPORTEDSIZES, PaperSizeFlag, kPaperNone);
+constexpr GetSpec kSupportedPaperSizes = ListGet(ICAP_SUPPORTEDSIZES, ReportedPaperSizes);
+constexpr GetSpec kMechanism = CodeGet(ICAP_XFERMECH, MechanismFlag, kMechMemory);
+constexpr GetSpec kTransferCount = CodeGet(CAP_XFERCOUNT, AsIs, 0);
 
 constexpr SetSpec kCodeSet(TW_UINT16 cap) {
     return {cap, {TWTY_UINT16, TWTY_INT16, TWTY_BOOL}, 3, BuildOneValue, "BuildupOneValue returns failure", nullptr};
@@ -46,21 +43,22 @@ constexpr SetSpec kResolutionSet(TW_UINT16 cap) {
 constexpr SetSpec kXResolutionSet = kResolutionSet(ICAP_XRESOLUTION);
 constexpr SetSpec kYResolutionSet = kResolutionSet(ICAP_YRESOLUTION);
 
+// Current value and bounds: a range's fields, or an enumeration's current item and its items walked.
 constexpr GetSpec kResolution(TW_UINT16 cap) {
-    return {cap, kGetThenCurrent, kAcceptAny, AsIs, 0};
+    return {cap, kGetThenCurrent, kAcceptAny, kReadCurrentAndBounds, AsIs, 0, ItemOrder::Fix32};
 }
 
 // The factor each resolution is multiplied by, chosen by the source's unit flag. It divides
 // rather than converts a per-unit density; applications rely on these numbers as they are.
 double ResolutionFactor(WORD unitFlag) {
     switch (unitFlag) {
-    case 2:
+    case kUnitCentimetres:
         return 0.39370078740157477;
-    case 4:
+    case kUnitPicas:
         return 1.0 / 6.0;
-    case 8:
+    case kUnitPoints:
         return 1.0 / 72.0;
-    case 16:
+    case kUnitTwips:
         return 1.0 / 1440.0;
     default:
         return 1.0;
@@ -133,7 +131,7 @@ LONG TScanModule::GetResolution(const TraceCall &call, TW_UINT16 cap, short *cur
     LONG result = 0;
     if (ReadCapability(call, kResolution(cap), reading, result) == Outcome::NotAsked)
         return result;
-    WORD unit = 1;
+    WORD unit = kUnitInches;
     GetUnit(&unit);
     const double factor = ResolutionFactor(unit);
     *current = Scaled(reading.value, factor);

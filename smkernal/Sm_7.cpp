@@ -9,8 +9,9 @@ constexpr short kReportedResolution = 300;
 constexpr double kSnapshotDotsPerInch = 1200.0;
 constexpr LONG kSnapshotBitDepth = 8;
 
+// A range's current value and bounds; an enumeration's current item alone, its own minimum and maximum.
 constexpr GetSpec kScale(TW_UINT16 cap) {
-    return {cap, kGetThenCurrent, kAcceptAny, AsIs, 0};
+    return {cap, kGetThenCurrent, kAcceptAny, kReadCurrent | kReadRangeBounds, AsIs, 0, ItemOrder::Fix32};
 }
 constexpr SetSpec kScaleSet(TW_UINT16 cap) {
     return {cap, {TWTY_FIX32}, 1, BuildOneValue, "BuildupOneValue returns failure", nullptr};

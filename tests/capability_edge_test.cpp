@@ -1,5 +1,7 @@
-// The particular cases of capability negotiation: the negotiation call itself, the transfer mechanism, the
-// range-scaled settings, conversions, the snapshot, buffer sizes, and sources answering malformed containers.
+// The particular cases of capability negotiation, one by one.
+
+// The negotiation call itself, the transfer mechanism, the range-scaled settings, conversions, what each accessor
+// reads, the snapshot, buffer sizes, and sources answering malformed containers.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -71,7 +73,10 @@ TEST_F(CapabilityEdgeTest, MechanismSetWithAnEnumerationIsTaken) {
                       Enumeration(TWTY_UINT16, {TWSX_NATIVE, TWSX_FILE, TWSX_MEMORY}, 1)};
     EXPECT_EQ(TWRC_SUCCESS, sm.capNegotiate(MSG_SET, &cap));
     GlobalFree(cap.hContainer);
-    EXPECT_EQ(1, TraceCount(kMechanismTaken));
+    EXPECT_TRUE(OneRecord("Trace", "Sm_4", kMechanismTaken));
+    EXPECT_EQ((Strings{"Coming ExtractEnumerationValue", "Leaving ExtractEnumerationValue"}),
+              CodecRecordsIn("CapNegotiate"))
+        << "the current item of the caller's enumeration";
     WORD flag = 0;
     EXPECT_EQ(SM_OK, sm.getXferMech(&flag));
     EXPECT_EQ(2, flag) << "file";
@@ -87,8 +92,41 @@ TEST_F(CapabilityEdgeTest, MechanismGetsAndFailedSetsAreNotTaken) {
 
 TEST_F(CapabilityEdgeTest, SetXferMechTakesTheMechanism) {
     EXPECT_EQ(SM_OK, sm.setXferMech(4));
-    EXPECT_EQ(1, TraceCount(kMechanismTaken));
+    EXPECT_TRUE(OneRecord("Trace", "Sm_4", kMechanismTaken));
+    EXPECT_EQ((Strings{"Coming ExtractOneValue", "Leaving ExtractOneValue"}), CodecRecordsIn("CapNegotiate"));
     EXPECT_EQ(Strings{}, Warnings());
+}
+
+// A set the manager takes with a container that is neither an enumeration nor a one-value: the mechanism counts
+// as memory and nothing is read from the container (the stand-in manager answers for the source, which would
+// refuse such a set).
+TEST_F(CapabilityEdgeTest, MechanismSetWithAnArrayOrARangeReadsNothing) {
+    for (TW_UINT16 conType : {TWON_ARRAY, TWON_RANGE}) {
+        SCOPED_TRACE(conType);
+        Reset();
+        script.failOnce(DG_CONTROL, DAT_CAPABILITY, MSG_SET, TWRC_SUCCESS, TWCC_SUCCESS);
+        TW_CAPABILITY cap{ICAP_XFERMECH, conType, OneValue(TWTY_UINT16, TWSX_NATIVE)};
+        EXPECT_EQ(TWRC_SUCCESS, sm.capNegotiate(MSG_SET, &cap));
+        GlobalFree(cap.hContainer);
+        EXPECT_TRUE(OneRecord("Trace", "Sm_4", kMechanismTaken));
+        EXPECT_EQ(Strings{}, CodecRecordsIn("CapNegotiate")) << "the container is not read";
+        EXPECT_EQ(Strings{}, Warnings());
+    }
+}
+
+TEST_F(CapabilityEdgeTest, MechanismFlagsThatAreNoMechanismAreRefusedBeforeAnythingIsSent) {
+    for (LONG flag : {0L, 3L, 8L, 6L, -1L}) {
+        SCOPED_TRACE(flag);
+        Reset();
+        const LONG rc = sm.setXferMech(flag);
+        EXPECT_EQ(SM_ERR_BAD_VALUE, rc) << TwccName(rc);
+        EXPECT_EQ(Strings{}, Triplets());
+        EXPECT_EQ(0, tracker.Allocations()) << "no container built";
+        EXPECT_TRUE(EntryAndExit("Sm_6", "SetXferMech"));
+    }
+    CloseSource();
+    EXPECT_EQ(SM_ERR_SEQUENCE, sm.setXferMech(3)) << "the sequence check comes first";
+    EXPECT_TRUE(OneRecord("Warning", "Sm_6", "Sequence error in TScanModule::SetXferMech"));
 }
 
 TEST_F(CapabilityEdgeTest, UiControllableIsAskedAgainWithMessageZero) {
@@ -121,15 +159,24 @@ TEST_F(CapabilityEdgeTest, RangeWhereOnlyOneValuesAreAcceptedIsReleased) {
 // --- Range-scaled settings.
 
 TEST_F(CapabilityEdgeTest, BrightnessRangeIsReadWhenTheSourceOpens) {
-    // A source range -100..100 (listed as -100, 0, 100: step 100, which gives the same sets as a step of 1 here).
-    const double range[] = {-100, 0, 100};
-    ASSERT_EQ(1, setValues(ICAP_BRIGHTNESS, 3, range));
+    // The source's range -100..100 with a step of 1: its values, whose smallest gap is the step it answers.
+    const double range[] = {-100, -99, 0, 100};
+    ASSERT_EQ(1, setValues(ICAP_BRIGHTNESS, 4, range));
     ASSERT_EQ(SM_OK, closeDS());
-    Mark();
+    Reset();
     ASSERT_EQ(SM_OK, openDS(window, "Capability test"));
     const std::vector<TdsmCall> open = CapCalls(ICAP_BRIGHTNESS);
-    ASSERT_FALSE(open.empty()) << "opening reads the brightness range";
+    ASSERT_EQ(1u, open.size()) << "opening reads the brightness range";
     EXPECT_EQ(MSG_GET, open[0].msg);
+    ASSERT_EQ(TWON_RANGE, open[0].capOut.conType);
+    EXPECT_EQ(static_cast<TW_UINT16>(-100), open[0].capOut.minValue) << "Whole -100, Frac 0";
+    EXPECT_EQ(100u, open[0].capOut.maxValue);
+    EXPECT_EQ(1u, open[0].capOut.stepSize);
+    EXPECT_EQ((Strings{"Coming ExtractRangeValue", "Leaving ExtractRangeValue", "Coming ExtractRangeValue",
+                       "Leaving ExtractRangeValue", "Coming ExtractRangeValue", "Leaving ExtractRangeValue"}),
+              CodecRecordsIn("GetDSBrightnessRange"))
+        << "minimum, maximum and step";
+    EXPECT_TRUE(EntryAndExit("Sm_3", "GetDSBrightnessRange"));
     Reset();
     EXPECT_EQ(SM_OK, sm.setBrightness(128, 0, 255));
     EXPECT_EQ((std::vector<TW_UINT32>{ModuleFix32(0.0)}), SentItems(ICAP_BRIGHTNESS)) << "128 of 0..255 is 0.0";
@@ -141,9 +188,11 @@ TEST_F(CapabilityEdgeTest, BrightnessRangeIsReadWhenTheSourceOpens) {
     EXPECT_EQ(SM_OK, sm.setBrightness(255, 0, 255));
     EXPECT_EQ((std::vector<TW_UINT32>{ModuleFix32(100.0)}), SentItems(ICAP_BRIGHTNESS));
     ASSERT_EQ(SM_OK, sm.setBrightness(128, 0, 255));
+    ASSERT_EQ(0.0, CurrentThroughLibrary(sm, ICAP_BRIGHTNESS)) << "the source holds 0.0";
     short value = 0;
     EXPECT_EQ(SM_OK, sm.getBrightness(&value, 0, 255));
     EXPECT_EQ(128, value) << "0.0 on -100..100 reads as 128 of 0..255";
+    EXPECT_TRUE(EntryAndExit("Sm_4", "GetBrightness"));
 }
 
 TEST_F(CapabilityEdgeTest, ContrastKeepsItsInitialRange) {
@@ -173,7 +222,8 @@ TEST_F(CapabilityEdgeTest, BrightnessRangeWithoutWidthFallsBack) {
     ASSERT_EQ(SM_OK, closeDS());
     viewer.Clear();
     ASSERT_EQ(SM_OK, openDS(window, "Capability test"));
-    EXPECT_EQ(1, viewer.CountText("MinDSBrightnessRange == MaxDSBrightnessRange in TScanModule::GetDSBrightnessRange"));
+    EXPECT_TRUE(OneRecord("Warning", "Sm_3",
+                          "MinDSBrightnessRange == MaxDSBrightnessRange in TScanModule::GetDSBrightnessRange"));
     Reset();
     sm.setBrightness(50, 0, 100);
     EXPECT_EQ((std::vector<TW_UINT32>{ModuleFix32(0.0)}), SentItems(ICAP_BRIGHTNESS)) << "-1000..1000 again";
@@ -184,7 +234,7 @@ TEST_F(CapabilityEdgeTest, BrightnessRangeWithoutStepGetsAStepOfOne) {
     ASSERT_EQ(SM_OK, closeDS());
     viewer.Clear();
     ASSERT_EQ(SM_OK, openDS(window, "Capability test")) << "the repair does not change the result";
-    EXPECT_EQ(1, viewer.CountText("BrightnessStepSize == 0 in TScanModule::GetDSBrightnessRange"));
+    EXPECT_TRUE(OneRecord("Warning", "Sm_3", "BrightnessStepSize == 0 in TScanModule::GetDSBrightnessRange"));
     Reset();
     // With a step of 1 on -1000..1000, 51 of 0..100 is 1020 steps from the minimum: 20.
     EXPECT_NE(SM_ERR_BAD_VALUE, sm.setBrightness(51, 0, 100));
@@ -290,9 +340,14 @@ TEST_F(CapabilityEdgeTest, ResolutionFollowsTheUnitFactor) {
     EXPECT_EQ(4, current) << "300 / 72";
 }
 
+// Width, height, the unit, then the X resolution (which reads the unit again), whatever the unit.
 TEST_F(CapabilityEdgeTest, MaxAreaIsInInchesForEveryUnit) {
     ASSERT_EQ(SM_OK, sm.setXResolution(300));
     ASSERT_EQ(SM_OK, sm.setYResolution(300));
+    const Strings sent = {
+        CapLine(ICAP_PHYSICALWIDTH, MSG_GETCURRENT, TWRC_SUCCESS),
+        CapLine(ICAP_PHYSICALHEIGHT, MSG_GETCURRENT, TWRC_SUCCESS), CapLine(ICAP_UNITS, MSG_GETCURRENT, TWRC_SUCCESS),
+        CapLine(ICAP_XRESOLUTION, MSG_GET, TWRC_SUCCESS), CapLine(ICAP_UNITS, MSG_GETCURRENT, TWRC_SUCCESS)};
     for (TW_UINT16 unit : {TWUN_INCHES, TWUN_CENTIMETERS, TWUN_PICAS, TWUN_POINTS, TWUN_TWIPS, TWUN_PIXELS}) {
         SCOPED_TRACE("unit " + std::to_string(unit));
         ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_UNITS, TWTY_UINT16, unit));
@@ -301,10 +356,11 @@ TEST_F(CapabilityEdgeTest, MaxAreaIsInInchesForEveryUnit) {
         EXPECT_EQ(SM_OK, sm.getMaxArea(&width, &height));
         EXPECT_NEAR(8.5, width, 1e-3);
         EXPECT_NEAR(14.0, height, 1e-3);
-        const std::vector<TdsmCall> widths = CapCalls(ICAP_PHYSICALWIDTH), heights = CapCalls(ICAP_PHYSICALHEIGHT);
-        ASSERT_EQ(1u, widths.size());
-        ASSERT_EQ(1u, heights.size());
-        EXPECT_EQ(MSG_GETCURRENT, widths[0].msg);
+        Strings triplets;
+        for (const TdsmCall &call : CallsSinceMark())
+            triplets.push_back(call.dat == DAT_CAPABILITY ? CapLine(call.capIn.cap, call.msg, call.rc)
+                                                          : Describe(call));
+        EXPECT_EQ(sent, triplets);
         EXPECT_TRUE(NoContainerLeft());
     }
 }
@@ -316,6 +372,7 @@ TEST_F(CapabilityEdgeTest, TrialResolutionIsAlwaysUndone) {
     scanner.failTriplet(DG_CONTROL, DAT_CAPABILITY, MSG_SET, ICAP_YRESOLUTION, TWRC_FAILURE, TWCC_DENIED, 1, 1);
     EXPECT_EQ(TWCC_DENIED, sm.isThisDPIAvailable(400, 400));
     EXPECT_EQ(Strings{"SetYResolution returns failure in TScanModule::IsThisDPIAvailable"}, Strings{Warnings().back()});
+    EXPECT_TRUE(OneRecord("Warning", "Sm_6", "SetYResolution returns failure in TScanModule::IsThisDPIAvailable"));
     short x = 0, y = 0, low = 0, high = 0;
     EXPECT_EQ(SM_OK, sm.getXResolution(&x, &low, &high));
     EXPECT_EQ(SM_OK, sm.getYResolution(&y, &low, &high));
@@ -329,7 +386,7 @@ TEST_F(CapabilityEdgeTest, TrialResolutionIsAlwaysUndone) {
     for (const TdsmCall &call : ys)
         ySets += call.msg == MSG_SET;
     EXPECT_EQ(1, ySets) << "only the restoring set of Y";
-    EXPECT_NE(0, viewer.CountText("SetXResolution returns failure in TScanModule::IsThisDPIAvailable"));
+    EXPECT_TRUE(OneRecord("Warning", "Sm_6", "SetXResolution returns failure in TScanModule::IsThisDPIAvailable"));
 }
 
 TEST_F(CapabilityEdgeTest, ProductNameOfTheOpenSource) {
@@ -340,6 +397,213 @@ TEST_F(CapabilityEdgeTest, ProductNameOfTheOpenSource) {
     EXPECT_EQ(Strings{}, Triplets());
     CloseSource();
     EXPECT_EQ(SM_ERR_SEQUENCE, sm.getDSProductName(name));
+}
+
+TEST_F(CapabilityEdgeTest, IndexesCompareAsUnsignedNumbers) {
+    // 40000 is 0x9C40: as a TW_FIX32 its whole part would read -25536, below 3.
+    const double sets[] = {3, 40000};
+    ASSERT_EQ(1, setValues(ICAP_IMAGEDATASET, 2, sets));
+    DWORD list[] = {3, 40000};
+    ASSERT_EQ(SM_OK, sm.setIndex(2, list));
+    ASSERT_EQ(1, scanner.setContainer(ICAP_IMAGEDATASET, MSG_GET, TWON_ENUMERATION));
+    Reset();
+    LONG index = 0;
+    EXPECT_EQ(SM_OK, sm.getIndex(&index));
+    EXPECT_EQ(40000, index);
+    const std::vector<TdsmCall> calls = CapCalls(ICAP_IMAGEDATASET);
+    ASSERT_EQ(1u, calls.size());
+    EXPECT_EQ(TWON_ENUMERATION, calls[0].capOut.conType);
+    EXPECT_EQ((std::vector<TW_UINT32>{3, 40000}),
+              std::vector<TW_UINT32>(calls[0].capOut.items, calls[0].capOut.items + calls[0].capOut.storedItems));
+}
+
+// --- What each accessor reads: the codec's records between the accessor's own entry and exit records.
+
+std::vector<std::string> Calls(std::initializer_list<std::string> functions) {
+    std::vector<std::string> out;
+    for (const std::string &function : functions) {
+        out.push_back("Coming " + function);
+        out.push_back("Leaving " + function);
+    }
+    return out;
+}
+
+const char kOne[] = "ExtractOneValue";
+const char kRange[] = "ExtractRangeValue";
+const char kItem[] = "ExtractEnumerationValue";
+const char kCount[] = "ExtractEnumerationNumItems";
+
+struct Reading {
+    const char *name;
+    const char *method;
+    TW_UINT16 cap;
+    TW_UINT16 container;        // answered to both get messages
+    std::vector<double> values; // the capability's values, when the source's own would not do
+    std::vector<std::string> records;
+    std::function<void(const CapabilityExports &)> call;
+};
+
+std::ostream &operator<<(std::ostream &out, const Reading &r) {
+    return out << r.name;
+}
+
+class AccessorReadingTest : public CapabilityTest, public ::testing::WithParamInterface<Reading> {};
+
+TEST_P(AccessorReadingTest, CodecCallsAreExactlyWhatTheAccessorNeeds) {
+    const Reading &r = GetParam();
+    // The unit the resolution getters read is answered as a one-value.
+    ASSERT_EQ(1, scanner.setContainer(ICAP_UNITS, MSG_GETCURRENT, TWON_ONEVALUE));
+    for (TW_UINT16 msg : {MSG_GET, MSG_GETCURRENT}) {
+        ASSERT_EQ(1, scanner.setContainer(r.cap, msg, r.container));
+    }
+    if (!r.values.empty()) {
+        ASSERT_EQ(1, setValues(r.cap, static_cast<int>(r.values.size()), r.values.data()));
+    }
+    Reset();
+    r.call(sm);
+    EXPECT_EQ(r.records, CodecRecordsIn(r.method));
+    EXPECT_EQ(Strings{}, Warnings());
+    EXPECT_TRUE(NoContainerLeft());
+}
+
+const std::vector<std::string> kUnitRead = Calls({kOne});
+
+std::vector<std::string> Then(std::vector<std::string> first, const std::vector<std::string> &second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+void Scaled(LONG(WINAPI *f)(short *, LONG, LONG)) {
+    short value;
+    EXPECT_EQ(SM_OK, f(&value, 0, 100));
+}
+
+template <typename T> void Get(LONG(WINAPI *f)(T *)) {
+    double value;
+    EXPECT_EQ(SM_OK, CallOne(f, value));
+}
+
+template <typename T> void Get(LONG(WINAPI *f)(T *, T *, T *)) {
+    double value;
+    EXPECT_EQ(SM_OK, CallThree(f, value));
+}
+
+const Reading kReadings[] = {
+    {"OneValue",
+     "GetADFEnable",
+     CAP_FEEDERENABLED,
+     TWON_ONEVALUE,
+     {},
+     Calls({kOne}),
+     [](const CapabilityExports &sm) { Get(sm.getADFEnable); }},
+    {"ToneRangeCurrentOnly",
+     "GetBrightness",
+     ICAP_BRIGHTNESS,
+     TWON_RANGE,
+     {},
+     Calls({kRange}),
+     [](const CapabilityExports &sm) { Scaled(sm.getBrightness); }},
+    {"ToneEnumerationCurrentOnly",
+     "GetShadow",
+     ICAP_SHADOW,
+     TWON_ENUMERATION,
+     {0, 128, 255},
+     Calls({kItem}),
+     [](const CapabilityExports &sm) { Scaled(sm.getShadow); }},
+    {"ToneOneValue",
+     "GetContrast",
+     ICAP_CONTRAST,
+     TWON_ONEVALUE,
+     {},
+     Calls({kOne}),
+     [](const CapabilityExports &sm) { Scaled(sm.getContrast); }},
+    {"ResolutionRange",
+     "GetXResolution",
+     ICAP_XRESOLUTION,
+     TWON_RANGE,
+     {},
+     Then(Calls({kRange, kRange, kRange}), kUnitRead),
+     [](const CapabilityExports &sm) { Get(sm.getXResolution); }},
+    {"ResolutionEnumerationWalked",
+     "GetYResolution",
+     ICAP_YRESOLUTION,
+     TWON_ENUMERATION,
+     {100, 200, 300},
+     Then(Calls({kItem, kCount, kItem, kItem, kItem}), kUnitRead),
+     [](const CapabilityExports &sm) { Get(sm.getYResolution); }},
+    {"ScaleRange",
+     "GetXScale",
+     ICAP_XSCALING,
+     TWON_RANGE,
+     {},
+     Calls({kRange, kRange, kRange}),
+     [](const CapabilityExports &sm) { Get(sm.getXScale); }},
+    {"ScaleEnumerationCurrentOnly",
+     "GetYScale",
+     ICAP_YSCALING,
+     TWON_ENUMERATION,
+     {},
+     Calls({kItem}),
+     [](const CapabilityExports &sm) { Get(sm.getYScale); }},
+    {"CodeEnumerationCurrentOnly",
+     "GetPixelType",
+     ICAP_PIXELTYPE,
+     TWON_ENUMERATION,
+     {},
+     Calls({kItem}),
+     [](const CapabilityExports &sm) { Get(sm.getPixelType); }},
+    {"CountEnumerationCurrentOnly",
+     "GetXferCount",
+     CAP_XFERCOUNT,
+     TWON_ENUMERATION,
+     {-1, 1, 2},
+     Calls({kItem}),
+     [](const CapabilityExports &sm) { Get(sm.getXferCount); }},
+    {"SupportedListWalkedOnly",
+     "GetSupportedPixelType",
+     ICAP_PIXELTYPE,
+     TWON_ENUMERATION,
+     {0, 1, 2},
+     Calls({kCount, kItem, kItem, kItem}),
+     [](const CapabilityExports &sm) { Get(sm.getSupportedPixelType); }},
+    {"IndexWalkedOnly",
+     "GetIndex",
+     ICAP_IMAGEDATASET,
+     TWON_ENUMERATION,
+     {},
+     Calls({kCount, kItem, kItem, kItem}),
+     [](const CapabilityExports &sm) { Get(sm.getIndex); }},
+    {"IndexOneValue",
+     "GetIndex",
+     ICAP_IMAGEDATASET,
+     TWON_ONEVALUE,
+     {},
+     Calls({kOne}),
+     [](const CapabilityExports &sm) { Get(sm.getIndex); }},
+};
+
+INSTANTIATE_TEST_SUITE_P(CapabilityReadings, AccessorReadingTest, ::testing::ValuesIn(kReadings),
+                         [](const ::testing::TestParamInfo<Reading> &info) { return std::string(info.param.name); });
+
+// The brightness range read at open: an enumeration is walked only, a one-value is taken but not read.
+TEST_F(CapabilityEdgeTest, BrightnessRangeReadsOnlyWhatItStores) {
+    const double items[] = {-50, 0, 50};
+    ASSERT_EQ(1, setValues(ICAP_BRIGHTNESS, 3, items));
+    ASSERT_EQ(1, scanner.setContainer(ICAP_BRIGHTNESS, MSG_GET, TWON_ENUMERATION));
+    ASSERT_EQ(SM_OK, closeDS());
+    viewer.Clear();
+    ASSERT_EQ(SM_OK, openDS(window, "Capability test"));
+    EXPECT_EQ(Calls({kCount, kItem, kItem, kItem}), CodecRecordsIn("GetDSBrightnessRange"));
+    ASSERT_EQ(1, scanner.setContainer(ICAP_BRIGHTNESS, MSG_GET, TWON_ONEVALUE));
+    ASSERT_EQ(SM_OK, closeDS());
+    viewer.Clear();
+    ASSERT_EQ(SM_OK, openDS(window, "Capability test"));
+    EXPECT_EQ(Strings{}, CodecRecordsIn("GetDSBrightnessRange"));
+    EXPECT_TRUE(EntryAndExit("Sm_3", "GetDSBrightnessRange"));
+    Reset();
+    EXPECT_EQ(SM_OK, sm.setBrightness(100, 0, 100));
+    EXPECT_EQ((std::vector<TW_UINT32>{ModuleFix32(50.0)}), SentItems(ICAP_BRIGHTNESS))
+        << "the one-value kept the range the enumeration gave";
 }
 
 // --- The capability snapshot.
@@ -356,9 +620,13 @@ TEST_F(CapabilityEdgeTest, SnapshotWithoutSource) {
         EXPECT_EQ(0x77777777, record.At(offset)) << "offset " << offset << " is not written";
     EXPECT_EQ(0x77777777, record.At(96));
     EXPECT_EQ(0x77777777, record.At(100));
-    EXPECT_EQ(1, viewer.CountText("Sequence error in TScanModule::Getbitdepth"));
-    EXPECT_EQ(1, viewer.CountText("Sequence error in TScanModule::GetXResolution"));
+    EXPECT_EQ((Strings{"Sequence error in TScanModule::GetXResolution", "Sequence error in TScanModule::GetMaxArea",
+                       "Sequence error in TScanModule::GetUnit", "Sequence error in TScanModule::GetPixelType",
+                       "Sequence error in TScanModule::GetMemXferSize", "Sequence error in TScanModule::Getbitdepth"}),
+              Warnings())
+        << "every getter answers 11";
     EXPECT_EQ(Strings{}, Triplets());
+    EXPECT_TRUE(EntryAndExit("Sm_7", "GetScanCap"));
 }
 
 TEST_F(CapabilityEdgeTest, SnapshotOfTheOpenSource) {
@@ -383,13 +651,14 @@ TEST_F(CapabilityEdgeTest, SnapshotOfTheOpenSource) {
 }
 
 TEST_F(CapabilityEdgeTest, SnapshotKeepsALowResolutionUnderALowMaximum) {
-    const double low[] = {150, 200};
-    ASSERT_EQ(1, setValues(ICAP_XRESOLUTION, 2, low));
+    const double low[] = {150, 200, 299};
+    ASSERT_EQ(1, setValues(ICAP_XRESOLUTION, 3, low));
     ASSERT_EQ(SM_OK, sm.setXResolution(200));
     ScanCapBytes record;
     EXPECT_EQ(SM_OK, sm.getScanCap(&record));
-    EXPECT_EQ(200, record.At(60));
-    EXPECT_EQ(200, record.At(68)) << "a maximum below 300";
+    EXPECT_EQ(299, record.At(60));
+    EXPECT_EQ(150, record.At(64));
+    EXPECT_EQ(200, record.At(68)) << "a maximum of 299 keeps the current 200";
     const double reaching[] = {200, 300};
     ASSERT_EQ(1, setValues(ICAP_XRESOLUTION, 2, reaching));
     ASSERT_EQ(SM_OK, sm.setXResolution(200));
@@ -449,6 +718,8 @@ TEST_F(CapabilityEdgeTest, FailedBufferSizeQueryGivesDefaults) {
     EXPECT_EQ(65536u, minimum);
     EXPECT_EQ(65536u, maximum);
     EXPECT_EQ(65536u, preferred);
+    EXPECT_EQ(Strings{"DSM_Entry returns failure in TScanModule::GetMemXferSize"}, Warnings());
+    EXPECT_TRUE(OneRecord("Warning", "Sm_7", "DSM_Entry returns failure in TScanModule::GetMemXferSize"));
     CloseSource();
     EXPECT_EQ(SM_ERR_SEQUENCE, sm.getMemXferSize(&minimum, &maximum, &preferred));
 }
@@ -463,13 +734,18 @@ TEST_F(CapabilityEdgeTest, PendingCountNeedsAnEnabledSource) {
 
 // --- Malformed answers: a clear result, the container released, never a read outside it.
 
-// Both get messages of the capability are answered with the same spoiled container.
+// Both get messages of the capability are answered with the same spoiled container. A container that runs past
+// its block is refused like an unaccepted one: result 10, the fall-back, the next message tried. One the codec
+// reads nothing from (null handle, unknown item type) is taken as it is: the output converted from 0, one message.
 struct Malformed {
     const char *name;
     TW_UINT16 cap;
     TW_UINT16 container; // the container the source answers with, before it is spoiled
     int kind;
-    std::function<LONG(const CapabilityExports &)> call;
+    std::function<LONG(const CapabilityExports &, double &)> call;
+    LONG result;
+    double output;
+    size_t messages;
 };
 
 std::ostream &operator<<(std::ostream &out, const Malformed &m) {
@@ -478,54 +754,66 @@ std::ostream &operator<<(std::ostream &out, const Malformed &m) {
 
 class MalformedAnswerTest : public CapabilityTest, public ::testing::WithParamInterface<Malformed> {};
 
-TEST_P(MalformedAnswerTest, RefusedAsABadValue) {
+TEST_P(MalformedAnswerTest, RefusedPastTheBlockTakenOtherwise) {
     const Malformed &m = GetParam();
     for (TW_UINT16 msg : {MSG_GET, MSG_GETCURRENT}) {
         ASSERT_EQ(1, scanner.setContainer(m.cap, msg, m.container));
         ASSERT_EQ(1, setMalformed(m.cap, msg, m.kind));
     }
-    const LONG rc = m.call(sm);
-    EXPECT_EQ(SM_ERR_BAD_VALUE, rc) << TwccName(rc);
+    Reset();
+    double output = -4242;
+    const LONG rc = m.call(sm, output);
+    EXPECT_EQ(m.result, rc) << TwccName(rc);
+    EXPECT_DOUBLE_EQ(m.output, output);
+    EXPECT_EQ(m.messages, CapCalls(m.cap).size());
+    if (m.result == SM_ERR_BAD_VALUE) {
+        int invalid = 0;
+        for (const char *codec :
+             {"ExtractOneValue", "ExtractEnumerationNumItems", "ExtractEnumerationValue", "ExtractRangeValue"})
+            invalid += viewer.CountText(std::string("Invalid memory in ") + codec);
+        EXPECT_EQ(static_cast<int>(m.messages), invalid) << "the codec's warning, once for each answer refused";
+        EXPECT_TRUE(WarningsFrom("Utility")) << "no warning of the accessor's own";
+    }
     EXPECT_TRUE(NoContainerLeft());
-}
-
-LONG WordGet(LONG(WINAPI *f)(WORD *)) {
-    WORD out = 0;
-    return f(&out);
 }
 
 const Malformed kMalformed[] = {
     {"SupportedPixelTypesPastTheBlock", ICAP_PIXELTYPE, TWON_ENUMERATION, VSCAN_MALFORMED_NUMITEMS,
-     [](const CapabilityExports &sm) { return WordGet(sm.getSupportedPixelType); }},
+     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getSupportedPixelType, v); }, SM_ERR_BAD_VALUE, 0,
+     1},
     {"SupportedPaperSizesPastTheBlock", ICAP_SUPPORTEDSIZES, TWON_ENUMERATION, VSCAN_MALFORMED_NUMITEMS,
-     [](const CapabilityExports &sm) { return WordGet(sm.getSupportedPaperSize); }},
+     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getSupportedPaperSize, v); }, SM_ERR_BAD_VALUE, 0,
+     1},
     {"ResolutionListPastTheBlock", ICAP_XRESOLUTION, TWON_ENUMERATION, VSCAN_MALFORMED_NUMITEMS,
-     [](const CapabilityExports &sm) {
-         short c, lo, hi;
-         return sm.getXResolution(&c, &lo, &hi);
-     }},
+     [](const CapabilityExports &sm, double &v) { return CallThree(sm.getXResolution, v); }, SM_ERR_BAD_VALUE, 0, 2},
     {"IndexListPastTheBlock", ICAP_IMAGEDATASET, TWON_ENUMERATION, VSCAN_MALFORMED_NUMITEMS,
-     [](const CapabilityExports &sm) {
-         LONG out;
-         return sm.getIndex(&out);
-     }},
+     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getIndex, v); }, SM_ERR_BAD_VALUE, 0, 2},
     {"CurrentIndexPastTheItems", ICAP_PIXELTYPE, TWON_ENUMERATION, VSCAN_MALFORMED_CURRENTINDEX,
-     [](const CapabilityExports &sm) { return WordGet(sm.getPixelType); }},
+     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPixelType, v); }, SM_ERR_BAD_VALUE, 2, 2},
     {"RangeCutShort", ICAP_XSCALING, TWON_RANGE, VSCAN_MALFORMED_SHORTBLOCK,
-     [](const CapabilityExports &sm) {
-         double c, lo, hi;
-         return sm.getXScale(&c, &lo, &hi);
-     }},
+     [](const CapabilityExports &sm, double &v) { return CallThree(sm.getXScale, v); }, SM_ERR_BAD_VALUE, 0, 2},
     {"OneValueCutShort", CAP_FEEDERENABLED, TWON_ONEVALUE, VSCAN_MALFORMED_SHORTBLOCK,
-     [](const CapabilityExports &sm) {
-         LONG out;
-         return sm.getADFEnable(&out);
-     }},
+     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getADFEnable, v); }, SM_ERR_BAD_VALUE, 0, 2},
+    // The range-scaled getters fall back to the midpoint of the application's scale.
+    {"ToneRangeCutShort", ICAP_CONTRAST, TWON_RANGE, VSCAN_MALFORMED_SHORTBLOCK,
+     [](const CapabilityExports &sm, double &v) {
+         short out = 0x5A5A;
+         const LONG rc = sm.getContrast(&out, 0, 100);
+         v = out;
+         return rc;
+     },
+     SM_ERR_BAD_VALUE, 50, 2},
+    // Read as 0: code 0 is inches, black and white, an empty list, 0 dpi.
     {"NullHandle", ICAP_UNITS, TWON_ONEVALUE, VSCAN_MALFORMED_NULLHANDLE,
-     [](const CapabilityExports &sm) {
-         WORD out;
-         return sm.getUnit(&out);
-     }},
+     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getUnit, v); }, SM_OK, 1, 1},
+    {"NullHandleEnumeration", ICAP_PIXELTYPE, TWON_ENUMERATION, VSCAN_MALFORMED_NULLHANDLE,
+     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPixelType, v); }, SM_OK, 1, 1},
+    {"NullHandleWalk", ICAP_SUPPORTEDSIZES, TWON_ENUMERATION, VSCAN_MALFORMED_NULLHANDLE,
+     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getSupportedPaperSize, v); }, SM_OK, 0, 1},
+    {"UnknownItemTypeRange", ICAP_XRESOLUTION, TWON_RANGE, VSCAN_MALFORMED_ITEMTYPE,
+     [](const CapabilityExports &sm, double &v) { return CallThree(sm.getXResolution, v); }, SM_OK, 0, 1},
+    {"UnknownItemTypeEnumeration", ICAP_PIXELTYPE, TWON_ENUMERATION, VSCAN_MALFORMED_ITEMTYPE,
+     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPixelType, v); }, SM_OK, 1, 1},
 };
 
 INSTANTIATE_TEST_SUITE_P(CapabilityAnswers, MalformedAnswerTest, ::testing::ValuesIn(kMalformed),
@@ -535,8 +823,11 @@ TEST_F(CapabilityEdgeTest, UnknownItemTypeReadsNothing) {
     ASSERT_EQ(1, setMalformed(CAP_FEEDERENABLED, MSG_GETCURRENT, VSCAN_MALFORMED_ITEMTYPE));
     LONG answer = 77;
     const LONG rc = sm.getADFEnable(&answer);
-    EXPECT_TRUE(rc == SM_OK || rc == SM_ERR_BAD_VALUE) << TwccName(rc);
+    EXPECT_EQ(SM_OK, rc) << TwccName(rc) << ": the container is taken as it is";
     EXPECT_EQ(0, answer) << "the codec copies nothing for an unknown item type";
+    EXPECT_EQ((Strings{CapLine(CAP_FEEDERENABLED, MSG_GETCURRENT, TWRC_SUCCESS)}), CapTriplets(CAP_FEEDERENABLED))
+        << "no second message";
+    EXPECT_EQ(Strings{}, Warnings()) << "an unknown item type is not traced";
     EXPECT_TRUE(NoContainerLeft());
 }
 

@@ -1,9 +1,11 @@
-// Every scanner-setting accessor against the virtual scanner under the stand-in source manager, one table of rows:
-// the capability and messages sent, the containers accepted and refused, conversions, fall-backs, result codes and
-// records, and no container left in global memory on any path.
+// Every scanner-setting accessor against the virtual scanner under the stand-in source manager, one table of rows.
+
+// Each row shows the capability and messages sent, the containers accepted and refused, conversions, fall-backs,
+// result codes and records, and that no container is left in global memory on any path.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <functional>
 
 #include "CapabilityTest.h"
@@ -14,7 +16,7 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-constexpr LONG kMissing = -12345;
+constexpr LONG kMissing = kMissingExport;
 constexpr double kUntouched = -4242;
 
 // --- Get accessors.
@@ -22,6 +24,7 @@ constexpr double kUntouched = -4242;
 struct GetRow {
     const char *name;   // the test's name
     const char *method; // the name in the records
+    const char *file;   // the source file the records name ("Sm_4")
     TW_UINT16 cap;
     std::vector<TW_UINT16> messages; // in the order sent
     TW_UINT16 preset;                // ConType sent
@@ -40,22 +43,13 @@ std::ostream &operator<<(std::ostream &out, const GetRow &row) {
     return out << row.name;
 }
 
-// Calls through an output of type T, preset to a pattern so that an untouched output shows.
-template <typename T> LONG CallOne(LONG(WINAPI *f)(T *), double &value) {
+// The largest area: its width.
+LONG CallArea(LONG(WINAPI *f)(double *, double *), double &value) {
     if (!f)
         return kMissing;
-    T out = static_cast<T>(0x5A5A);
-    const LONG rc = f(&out);
-    value = static_cast<double>(out);
-    return rc;
-}
-
-template <typename T> LONG CallThree(LONG(WINAPI *f)(T *, T *, T *), double &value) {
-    if (!f)
-        return kMissing;
-    T current = static_cast<T>(0x5A5A), minimum = current, maximum = current;
-    const LONG rc = f(&current, &minimum, &maximum);
-    value = static_cast<double>(current);
+    double width = kUntouched, height = kUntouched;
+    const LONG rc = f(&width, &height);
+    value = width;
     return rc;
 }
 
@@ -87,6 +81,7 @@ const std::vector<GetRow> &GetRows() {
     static const std::vector<GetRow> rows = {
         {"IsADFAvailable",
          "IsADFAvailable",
+         "Sm_4",
          CAP_FEEDERENABLED,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -97,6 +92,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.isADFAvailable, v); }},
         {"IsADFPaperLoaded",
          "IsADFPaperLoaded",
+         "Sm_4",
          CAP_FEEDERLOADED,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -107,6 +103,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.isADFPaperLoaded, v); }},
         {"IsPaperLoaded",
          "IsADFPaperLoaded",
+         "Sm_4",
          CAP_FEEDERLOADED,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -117,6 +114,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.isPaperLoaded, v); }},
         {"GetADFEnable",
          "GetADFEnable",
+         "Sm_4",
          CAP_FEEDERENABLED,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -127,6 +125,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.getADFEnable, v); }},
         {"GetThumbMode",
          "GetThumbMode",
+         "Sm_4",
          CAP_THUMBNAILSENABLED,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -137,6 +136,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.getThumbMode, v); }},
         {"GetPixelFlavor",
          "GetPixelFlavor",
+         "Sm_5",
          ICAP_PIXELFLAVOR,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -147,6 +147,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPixelFlavor, v); }},
         {"GetGamma",
          "GetGamma",
+         "Sm_4",
          ICAP_GAMMA,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -160,6 +161,7 @@ const std::vector<GetRow> &GetRows() {
          0},
         {"GetUnit",
          "GetUnit",
+         "Sm_5",
          ICAP_UNITS,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -168,8 +170,21 @@ const std::vector<GetRow> &GetRows() {
          16,
          SourceHolds(ICAP_UNITS, TWTY_UINT16, TWUN_TWIPS),
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.getUnit, v); }},
+        // The physical width, in inches on a source in inches (the height and the unit come the same way).
+        {"GetMaxArea",
+         "GetMaxArea",
+         "Sm_5",
+         ICAP_PHYSICALWIDTH,
+         {MSG_GETCURRENT, MSG_GET},
+         TWON_DONTCARE16,
+         TWON_ENUMERATION,
+         0,
+         8.5,
+         kNothing,
+         [](const CapabilityExports &sm, double &v) { return CallArea(sm.getMaxArea, v); }},
         {"GetPixelType",
          "GetPixelType",
+         "Sm_5",
          ICAP_PIXELTYPE,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -180,6 +195,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPixelType, v); }},
         {"GetPaperSize",
          "GetPaperSize",
+         "Sm_6",
          ICAP_SUPPORTEDSIZES,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -190,6 +206,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPaperSize, v); }},
         {"GetXferMech",
          "GetXferMech",
+         "Sm_6",
          ICAP_XFERMECH,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -200,6 +217,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.getXferMech, v); }},
         {"GetXferCount",
          "GetXferCount",
+         "Sm_6",
          CAP_XFERCOUNT,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -210,6 +228,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.getXferCount, v); }},
         {"NonUIAvailable",
          "IsNonUIAvailable",
+         "Sm_4",
          CAP_UICONTROLLABLE,
          {MSG_GET, 0},
          TWON_ONEVALUE,
@@ -220,6 +239,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.nonUIAvailable, v); }},
         {"GetIndex",
          "GetIndex",
+         "Sm_5",
          ICAP_IMAGEDATASET,
          {MSG_GET, MSG_GETCURRENT},
          TWON_DONTCARE16,
@@ -236,6 +256,7 @@ const std::vector<GetRow> &GetRows() {
          1},
         {"GetSupportedPixelType",
          "GetSupportedPixelType",
+         "Sm_5",
          ICAP_PIXELTYPE,
          {MSG_GET},
          TWON_DONTCARE16,
@@ -246,6 +267,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.getSupportedPixelType, v); }},
         {"GetSupportedPaperSize",
          "GetSupportedPaperSize",
+         "Sm_6",
          ICAP_SUPPORTEDSIZES,
          {MSG_GET},
          TWON_DONTCARE16,
@@ -256,6 +278,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallOne(sm.getSupportedPaperSize, v); }},
         {"GetXResolution",
          "GetXResolution",
+         "Sm_6",
          ICAP_XRESOLUTION,
          {MSG_GET, MSG_GETCURRENT},
          TWON_DONTCARE16,
@@ -266,6 +289,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallThree(sm.getXResolution, v); }},
         {"GetYResolution",
          "GetYResolution",
+         "Sm_6",
          ICAP_YRESOLUTION,
          {MSG_GET, MSG_GETCURRENT},
          TWON_DONTCARE16,
@@ -276,6 +300,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallThree(sm.getYResolution, v); }},
         {"GetXScale",
          "GetXScale",
+         "Sm_7",
          ICAP_XSCALING,
          {MSG_GET, MSG_GETCURRENT},
          TWON_DONTCARE16,
@@ -286,6 +311,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallThree(sm.getXScale, v); }},
         {"GetYScale",
          "GetYScale",
+         "Sm_7",
          ICAP_YSCALING,
          {MSG_GET, MSG_GETCURRENT},
          TWON_DONTCARE16,
@@ -297,6 +323,7 @@ const std::vector<GetRow> &GetRows() {
         // Range-scaled on 0..100; the fall-back is the midpoint 50.
         {"GetBrightness",
          "GetBrightness",
+         "Sm_4",
          ICAP_BRIGHTNESS,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -307,6 +334,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallScaled(sm.getBrightness, v); }},
         {"GetContrast",
          "GetContrast",
+         "Sm_4",
          ICAP_CONTRAST,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -317,6 +345,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallScaled(sm.getContrast, v); }},
         {"GetHighlight",
          "GetHighlight",
+         "Sm_4",
          ICAP_HIGHLIGHT,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -327,6 +356,7 @@ const std::vector<GetRow> &GetRows() {
          [](const CapabilityExports &sm, double &v) { return CallScaled(sm.getHighlight, v); }},
         {"GetShadow",
          "GetShadow",
+         "Sm_4",
          ICAP_SHADOW,
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
@@ -412,6 +442,7 @@ TEST_P(GetAccessorTest, RefusedContainersAreReleasedAndGiveTheFallBack) {
         }
     }
     EXPECT_EQ(warnings, Warnings());
+    EXPECT_TRUE(WarningsFrom(row.file));
     EXPECT_TRUE(NoContainerLeft()) << "refused containers are released too";
     EXPECT_GE(tracker.Frees(), 1);
 }
@@ -432,6 +463,7 @@ TEST_P(GetAccessorTest, FailureOfEveryMessageGivesTheLastConditionCode) {
     }
     EXPECT_EQ(triplets, CapTriplets(row.cap));
     EXPECT_EQ(warnings, Warnings());
+    EXPECT_TRUE(WarningsFrom(row.file));
     EXPECT_TRUE(NoContainerLeft());
 }
 
@@ -469,6 +501,8 @@ TEST_P(GetAccessorTest, WithoutAnOpenSourceSendsNothing) {
     EXPECT_EQ(SM_ERR_SEQUENCE, rc) << TwccName(rc);
     EXPECT_EQ(Strings{}, Triplets()) << "nothing reaches the source manager";
     EXPECT_EQ(Strings{Text("Sequence error")}, Warnings());
+    EXPECT_TRUE(OneRecord("Warning", GetParam().file, Text("Sequence error")));
+    EXPECT_TRUE(EntryAndExit(GetParam().file, GetParam().method));
     EXPECT_EQ(0, tracker.Allocations());
 }
 
@@ -476,9 +510,7 @@ TEST_P(GetAccessorTest, EntryAndExitRecords) {
     Prepare();
     double value;
     ASSERT_EQ(SM_OK, Call(value));
-    const std::string method = GetParam().method;
-    EXPECT_EQ(1, viewer.CountText("Coming TScanModule::" + method));
-    EXPECT_EQ(1, viewer.CountText("Leaving TScanModule::" + method));
+    EXPECT_TRUE(EntryAndExit(GetParam().file, GetParam().method));
 }
 
 INSTANTIATE_TEST_SUITE_P(CapabilityRows, GetAccessorTest, ::testing::ValuesIn(GetRows()),
@@ -489,6 +521,7 @@ INSTANTIATE_TEST_SUITE_P(CapabilityRows, GetAccessorTest, ::testing::ValuesIn(Ge
 struct SetRow {
     const char *name;
     const char *method;       // the name in "CapNegotiate returns failure in TScanModule::..."
+    const char *file;         // the source file the records name ("Sm_4")
     const char *buildWarning; // the whole text when building the container fails
     const char *codecWarning; // the codec's own text then
     TW_UINT16 cap;
@@ -521,6 +554,7 @@ const std::vector<SetRow> &SetRows() {
     static const std::vector<SetRow> rows = {
         {"SetADFEnable",
          "SetADFEnable",
+         "Sm_4",
          "BuildupOneValue returns failure in TScanModule::SetADFEnable",
          kOneValueAlloc,
          CAP_FEEDERENABLED,
@@ -530,6 +564,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setADFEnable, LONG{1})},
         {"SetIndicatorEnable",
          "SetIndicatorEnable",
+         "Sm_4",
          "BuildupOneValue returns failure in TScanModule::SetIndicatorEnable",
          kOneValueAlloc,
          CAP_INDICATORS,
@@ -539,6 +574,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setIndicatorEnable, LONG{0})},
         {"SetAutoFeedEnable",
          "SetAutoFeedEnable",
+         "Sm_4",
          "BuildupOneValue returns failure in TScanModule::SetAutoFeedEnable",
          kOneValueAlloc,
          CAP_AUTOFEED,
@@ -548,6 +584,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setAutoFeedEnable, LONG{0})},
         {"SetThumbMode",
          "SetThumbMode",
+         "Sm_4",
          "BuildupOneValue returns failure in TScanModule::SetThumbMode",
          kOneValueAlloc,
          CAP_THUMBNAILSENABLED,
@@ -557,6 +594,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setThumbMode, LONG{1})},
         {"SetLightpath",
          "SetLightpath",
+         "Sm_4",
          "BuildupOneValue returns failure in TScanModule::SetLightpath",
          kOneValueAlloc,
          ICAP_LIGHTPATH,
@@ -566,6 +604,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setLightpath, LONG{TWLP_TRANSMISSIVE})},
         {"SetGamma",
          "SetGamma",
+         "Sm_4",
          "BuildupOneValue returns failure in TScanModule::SetGamma",
          kOneValueAlloc,
          ICAP_GAMMA,
@@ -575,6 +614,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setGamma, 2.5)},
         {"SetPixelType",
          "SetPixelType",
+         "Sm_5",
          "BuildupOneValue return failure in TScanModule::SetPixelType",
          kOneValueAlloc,
          ICAP_PIXELTYPE,
@@ -584,6 +624,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setPixelType, LONG{1})},
         {"SetBitDepth",
          "SetBitDepath",
+         "Sm_5",
          "BuildupOneValue return failure in TScanModule::SetBitDepath",
          kOneValueAlloc,
          ICAP_BITDEPTH,
@@ -593,6 +634,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setBitDepth, LONG{48})},
         {"SetSupportedPixelType",
          "SetSupportedPixelType",
+         "Sm_5",
          "BuildupEnumeration returns failure in TScanModule::SetSupportedPixelType",
          "Memory alloc error in BuildupEnumeration",
          ICAP_PIXELTYPE,
@@ -602,6 +644,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setSupportedPixelType, LONG{0x5})},
         {"SetPaperSize",
          "SetPaperSize",
+         "Sm_6",
          "BuildupOneValue returns failure in TScanModule::SetPaperSize",
          kOneValueAlloc,
          ICAP_SUPPORTEDSIZES,
@@ -611,6 +654,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setPaperSize, LONG{8})},
         {"SetSupportedPaperSize",
          "SetSupportedPaperSize",
+         "Sm_6",
          "BuildupEnumeration returns failure in TScanModule::SetSupportedPaperSize",
          "Memory alloc error in BuildupEnumeration",
          ICAP_SUPPORTEDSIZES,
@@ -620,6 +664,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setSupportedPaperSize, LONG{0x19})},
         {"SetXferMech",
          "SetXferMech",
+         "Sm_6",
          "BuildupOneValue returns failure in TScanModule::SetXferMech",
          kOneValueAlloc,
          ICAP_XFERMECH,
@@ -629,6 +674,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setXferMech, LONG{2})},
         {"SetXferCount",
          "SetXferCount",
+         "Sm_6",
          "BuildupOneValue returns failure in TScanModule::SetXferCount",
          kOneValueAlloc,
          CAP_XFERCOUNT,
@@ -638,6 +684,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setXferCount, LONG{4})},
         {"SetXResolution",
          "SetXResolution",
+         "Sm_6",
          "BuildupOneValue returns failure in TScanModule::SetXResolution",
          kOneValueAlloc,
          ICAP_XRESOLUTION,
@@ -647,6 +694,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setXResolution, LONG{300})},
         {"SetYResolution",
          "SetYResolution",
+         "Sm_6",
          "BuildupOneValue returns failure in TScanModule::SetYResolution",
          kOneValueAlloc,
          ICAP_YRESOLUTION,
@@ -656,6 +704,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setYResolution, LONG{200})},
         {"SetXScale",
          "SetXScale",
+         "Sm_7",
          "BuildupOneValue returns failure in TScanModule::SetXScale",
          kOneValueAlloc,
          ICAP_XSCALING,
@@ -665,6 +714,7 @@ const std::vector<SetRow> &SetRows() {
          Setter(&CapabilityExports::setXScale, 2.0)},
         {"SetYScale",
          "SetYScale",
+         "Sm_7",
          "BuildupOneValue returns failure in TScanModule::SetYScale",
          kOneValueAlloc,
          ICAP_YSCALING,
@@ -675,6 +725,7 @@ const std::vector<SetRow> &SetRows() {
         // Range-scaled on 0..100 over the source's ranges: brightness and contrast -1000..1000, the others 0..255.
         {"SetBrightness",
          "SetBrightness",
+         "Sm_4",
          "BuildupOneValue returns failure in TScanModule::SetBrightness",
          kOneValueAlloc,
          ICAP_BRIGHTNESS,
@@ -684,6 +735,7 @@ const std::vector<SetRow> &SetRows() {
          Scaled(&CapabilityExports::setBrightness, 75)},
         {"SetContrast",
          "SetContrast",
+         "Sm_4",
          "BuildupOneValue returns failure in TScanModule::SetContrast",
          kOneValueAlloc,
          ICAP_CONTRAST,
@@ -693,6 +745,7 @@ const std::vector<SetRow> &SetRows() {
          Scaled(&CapabilityExports::setContrast, 50)},
         {"SetHighlight",
          "SetHighlight",
+         "Sm_4",
          "BuildupOneValue returns failure in TScanModule::SetHighlight",
          kOneValueAlloc,
          ICAP_HIGHLIGHT,
@@ -702,6 +755,7 @@ const std::vector<SetRow> &SetRows() {
          Scaled(&CapabilityExports::setHighlight, 100)},
         {"SetShadow",
          "SetShadow",
+         "Sm_4",
          "BuildupOneValue return failure in TScanModule::SetShadow",
          kOneValueAlloc,
          ICAP_SHADOW,
@@ -711,6 +765,7 @@ const std::vector<SetRow> &SetRows() {
          Scaled(&CapabilityExports::setShadow, 20)},
         {"SetThreshold",
          "SetThreshold",
+         "Sm_4",
          "BuildupOneValue returns failure in TScanModule::SetThreshold",
          kOneValueAlloc,
          ICAP_THRESHOLD,
@@ -720,6 +775,7 @@ const std::vector<SetRow> &SetRows() {
          Scaled(&CapabilityExports::setThreshold, 50)},
         {"SetIndex",
          "SetIndex",
+         "Sm_5",
          "BuildupArray returns failure in TScanModule::SetIndex",
          "Memory alloc error in BuildupArray",
          ICAP_IMAGEDATASET,
@@ -768,7 +824,7 @@ TEST_P(SetAccessorTest, FirstItemTypeIsTakenAndTheContainerReleased) {
     EXPECT_EQ(Strings{}, Warnings());
     EXPECT_EQ(1, tracker.Allocations()) << "one container built";
     EXPECT_TRUE(NoContainerLeft());
-    EXPECT_EQ(1, viewer.CountText("Coming TScanModule::" + std::string(row.name)));
+    EXPECT_TRUE(EntryAndExit(row.file, row.name));
 }
 
 TEST_P(SetAccessorTest, EveryItemTypeRefusedGivesTheConditionCode) {
@@ -787,6 +843,8 @@ TEST_P(SetAccessorTest, EveryItemTypeRefusedGivesTheConditionCode) {
     }
     EXPECT_EQ(triplets, CapTriplets(row.cap));
     EXPECT_EQ(Strings(row.types.size(), Text("CapNegotiate returns failure")), Warnings());
+    EXPECT_TRUE(WarningsFrom(row.file));
+    EXPECT_TRUE(EntryAndExit(row.file, row.name));
     EXPECT_EQ(static_cast<int>(row.types.size()), tracker.Allocations());
     EXPECT_TRUE(NoContainerLeft()) << "released after a failed set too";
 }
@@ -798,6 +856,8 @@ TEST_P(SetAccessorTest, FailedBuildSendsNothing) {
     EXPECT_EQ(TWCC_LOWMEMORY, rc) << TwccName(rc);
     EXPECT_TRUE(CapCalls(row.cap).empty());
     EXPECT_EQ((Strings{row.codecWarning, row.buildWarning}), Warnings());
+    EXPECT_TRUE(OneRecord("Warning", row.file, row.buildWarning));
+    EXPECT_TRUE(EntryAndExit(row.file, row.name)) << "the exit record is written on the failure path too";
     EXPECT_TRUE(NoContainerLeft());
 }
 
@@ -807,6 +867,8 @@ TEST_P(SetAccessorTest, WithoutAnOpenSourceSendsNothing) {
     EXPECT_EQ(SM_ERR_SEQUENCE, rc) << TwccName(rc);
     EXPECT_EQ(Strings{}, Triplets());
     EXPECT_EQ(Strings{"Sequence error in TScanModule::" + std::string(GetParam().name)}, Warnings());
+    EXPECT_TRUE(WarningsFrom(GetParam().file));
+    EXPECT_TRUE(EntryAndExit(GetParam().file, GetParam().name));
     EXPECT_EQ(0, tracker.Allocations());
 }
 
@@ -828,12 +890,117 @@ TEST_P(SetRetryTest, SecondItemTypeIsTriedAfterARefusal) {
     EXPECT_EQ((Strings{CapLine(row.cap, MSG_SET, TWRC_FAILURE), StatusLine(), CapLine(row.cap, MSG_SET, TWRC_SUCCESS)}),
               CapTriplets(row.cap));
     EXPECT_EQ(Strings{Text("CapNegotiate returns failure")}, Warnings());
+    EXPECT_TRUE(WarningsFrom(row.file));
     EXPECT_EQ(2, tracker.Allocations());
     EXPECT_TRUE(NoContainerLeft());
 }
 
 INSTANTIATE_TEST_SUITE_P(CapabilityRows, SetRetryTest, ::testing::ValuesIn(MultiTypeSetRows()),
                          [](const ::testing::TestParamInfo<SetRow> &info) { return std::string(info.param.name); });
+
+// --- The accessors outside the two tables.
+
+TEST_F(CapabilityTest, TrialResolutionWithoutASourceGivesTheSequenceError) {
+    CloseSource();
+    const LONG rc = sm.isThisDPIAvailable(300, 300);
+    EXPECT_EQ(SM_ERR_SEQUENCE, rc) << TwccName(rc) << ": the trial set's own result";
+    EXPECT_EQ(Strings{}, Triplets());
+    EXPECT_EQ(
+        (Strings{"Sequence error in TScanModule::GetXResolution", "Sequence error in TScanModule::GetYResolution",
+                 "Sequence error in TScanModule::SetXResolution",
+                 "SetXResolution returns failure in TScanModule::IsThisDPIAvailable",
+                 "Sequence error in TScanModule::SetXResolution", "Sequence error in TScanModule::SetYResolution"}),
+        Warnings())
+        << "the saved resolutions are set again even so";
+    EXPECT_TRUE(OneRecord("Warning", "Sm_6", "SetXResolution returns failure in TScanModule::IsThisDPIAvailable"));
+    EXPECT_TRUE(EntryAndExit("Sm_6", "IsThisDPIAvailable"));
+    EXPECT_EQ(0, tracker.Allocations());
+}
+
+TEST_F(CapabilityTest, ProductNameInStateFourAndWithoutASource) {
+    char name[40];
+    std::memset(name, 'x', sizeof name);
+    EXPECT_EQ(SM_OK, sm.getDSProductName(name));
+    EXPECT_STREQ("Virtual Scanner", name);
+    EXPECT_EQ(Strings{}, Triplets()) << "no negotiation";
+    EXPECT_EQ(Strings{}, Warnings());
+    EXPECT_TRUE(EntryAndExit("Sm_4", "GetDSProductName"));
+    CloseSource();
+    std::memset(name, 'x', sizeof name);
+    EXPECT_EQ(SM_ERR_SEQUENCE, sm.getDSProductName(name));
+    EXPECT_EQ('x', name[0]) << "the buffer is left alone";
+    EXPECT_EQ(Strings{}, Triplets());
+    EXPECT_TRUE(OneRecord("Warning", "Sm_4", "Sequence error in TScanModule::GetDSProductName"));
+    EXPECT_TRUE(EntryAndExit("Sm_4", "GetDSProductName"));
+}
+
+// The bit-depth getter has no export; the snapshot calls it: current value first, then MSG_GET.
+TEST_F(CapabilityTest, BitDepthIsAskedForThroughTheSnapshot) {
+    ScanCapBytes record;
+    ASSERT_EQ(SM_OK, sm.getScanCap(&record));
+    EXPECT_EQ((Strings{CapLine(ICAP_BITDEPTH, MSG_GETCURRENT, TWRC_SUCCESS)}), CapTriplets(ICAP_BITDEPTH));
+    EXPECT_TRUE(EntryAndExit("Sm_5", "Getbitdepth"));
+    Reset();
+    scanner.failTriplet(DG_CONTROL, DAT_CAPABILITY, MSG_GETCURRENT, ICAP_BITDEPTH, TWRC_FAILURE, TWCC_DENIED, 1, 1);
+    ASSERT_EQ(1, scanner.setContainer(ICAP_BITDEPTH, MSG_GET, TWON_RANGE));
+    ASSERT_EQ(SM_OK, sm.getScanCap(&record));
+    EXPECT_EQ((Strings{CapLine(ICAP_BITDEPTH, MSG_GETCURRENT, TWRC_FAILURE), StatusLine(),
+                       CapLine(ICAP_BITDEPTH, MSG_GET, TWRC_SUCCESS)}),
+              CapTriplets(ICAP_BITDEPTH));
+    EXPECT_EQ((Strings{"CapNegotiate returns failure in TScanModule::Getbitdepth",
+                       "Invalid container type in TScanModule::Getbitdepth"}),
+              Warnings())
+        << "a range is refused";
+    EXPECT_TRUE(OneRecord("Warning", "Sm_5", "Invalid container type in TScanModule::Getbitdepth"));
+    EXPECT_EQ(8, record.At(72)) << "the snapshot reports 8 whatever the source says";
+    EXPECT_TRUE(NoContainerLeft());
+}
+
+// Entry and exit records of the accessors that are in neither table, with the file that writes them.
+TEST_F(CapabilityTest, EveryOtherAccessorNamesItsSourceFile) {
+    struct Other {
+        const char *method;
+        const char *file;
+        std::function<void()> call;
+    };
+    const Other others[] = {
+        {"CapNegotiate", "Sm_4",
+         [this] {
+             TW_CAPABILITY cap{ICAP_UNITS, TWON_DONTCARE16, nullptr};
+             ASSERT_EQ(TWRC_SUCCESS, sm.capNegotiate(MSG_GET, &cap));
+             GlobalFree(cap.hContainer);
+         }},
+        {"IsThisDPIAvailable", "Sm_6", [this] { EXPECT_EQ(SM_OK, sm.isThisDPIAvailable(300, 300)); }},
+        {"GetMemXferSize", "Sm_7",
+         [this] {
+             DWORD minimum, maximum, preferred;
+             EXPECT_EQ(SM_OK, sm.getMemXferSize(&minimum, &maximum, &preferred));
+         }},
+        {"GetPendingCount", "Sm_7",
+         [this] {
+             WORD count;
+             EXPECT_EQ(SM_ERR_SEQUENCE, sm.getPendingCount(&count));
+         }},
+        {"GetScanCap", "Sm_7",
+         [this] {
+             ScanCapBytes record;
+             EXPECT_EQ(SM_OK, sm.getScanCap(&record));
+         }},
+        {"GetDSBrightnessRange", "Sm_3",
+         [this] {
+             ASSERT_EQ(SM_OK, closeDS());
+             viewer.Clear();
+             ASSERT_EQ(SM_OK, openDS(window, "Capability test")) << "opening reads the brightness range";
+         }},
+    };
+    for (const Other &other : others) {
+        SCOPED_TRACE(other.method);
+        Reset();
+        other.call();
+        EXPECT_TRUE(EntryAndExit(other.file, other.method));
+        EXPECT_TRUE(WarningsFrom(other.file));
+    }
+}
 
 // --- The whole family against a source that takes every value.
 

@@ -1,5 +1,6 @@
-// Every scanner setting end to end through Wine's own source manager, with the virtual scanner as its sane.ds:
-// each value set is read back, and no container is left in global memory.
+// Every scanner setting end to end through Wine's own source manager, with the virtual scanner as its sane.ds.
+
+// Each value set is read back, and no container is left in global memory.
 #include <gtest/gtest.h>
 
 #include "CapabilityExports.h"

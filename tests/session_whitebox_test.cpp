@@ -7,6 +7,7 @@
 #include "ScanModule.h"
 #include "SessionTest.h"
 #include "Utility.h"
+#include "VscanSupport.h"
 #include "vscan.h"
 
 using namespace smtest;
@@ -214,6 +215,110 @@ TEST_F(SessionWhiteBoxTest, BrightnessRangeIsLearntWhenTheSourceOpens) {
     EXPECT_EQ(2.0, module->brightnessStep) << "an enumeration leaves the step as it was";
     module->CloseDS();
     FreeLibrary(scanner);
+}
+
+} // namespace
+
+// --- Negotiation: the remembered mechanism, the bit depth (which has no export) and the brightness range, with the
+// scanner's controls.
+
+namespace {
+
+class NegotiationWhiteBoxTest : public SessionWhiteBoxTest {
+protected:
+    void SetUp() override {
+        SessionWhiteBoxTest::SetUp();
+        if (HasFatalFailure())
+            return;
+        ASSERT_TRUE(scanner.Load(WindowsDir() + "\\twain_32\\vscan.ds"));
+        scanner.reset();
+        setValues = reinterpret_cast<VscanSetValuesProc>(
+            reinterpret_cast<void *>(GetProcAddress(scanner.Module(), "VscanSetValues")));
+        ASSERT_NE(nullptr, setValues);
+    }
+    void TearDown() override {
+        SessionWhiteBoxTest::TearDown();
+        scanner.Free();
+    }
+    // The capability calls of `cap` logged after the first `from` calls, as "msg -> rc".
+    std::vector<std::string> Messages(size_t from, TW_UINT16 cap) const {
+        std::vector<std::string> out;
+        const std::vector<TdsmCall> calls = dsm.Calls();
+        for (size_t i = from; i < calls.size(); ++i)
+            if (calls[i].dat == DAT_CAPABILITY && calls[i].capIn.cap == cap)
+                out.push_back(std::to_string(calls[i].msg) + " -> " + TwrcName(calls[i].rc));
+        return out;
+    }
+
+    VscanLibrary scanner;
+    VscanSetValuesProc setValues = nullptr;
+};
+
+TEST_F(NegotiationWhiteBoxTest, MechanismSetWithAnArrayOrARangeIsMemory) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    for (TW_UINT16 conType : {TWON_ARRAY, TWON_RANGE}) {
+        SCOPED_TRACE(conType);
+        ASSERT_EQ(TWRC_SUCCESS, SetMechanism(TWON_ONEVALUE, TWSX_FILE));
+        ASSERT_EQ(kMechFile, module->transferMechanism);
+        // The source refuses such a set; the manager answers for it.
+        script.failOnce(DG_CONTROL, DAT_CAPABILITY, MSG_SET, TWRC_SUCCESS, TWCC_SUCCESS);
+        TW_CAPABILITY capability = {ICAP_XFERMECH, TWON_ONEVALUE, nullptr};
+        const TW_UINT16 native[] = {TWSX_NATIVE};
+        ASSERT_EQ(0, BuildupArray(&capability, TWTY_UINT16, 1, native));
+        capability.ConType = conType;
+        EXPECT_EQ(TWRC_SUCCESS, module->CapNegotiate(MSG_SET, &capability));
+        GlobalFree(capability.hContainer);
+        EXPECT_EQ(kMechMemory, module->transferMechanism) << "the native item inside is not read";
+    }
+}
+
+TEST_F(NegotiationWhiteBoxTest, BitDepthIsTheCurrentValueFirstAndTheLargestItemAsAnUnsignedNumber) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    // 40000 read as a TW_FIX32 would have the whole part -25536.
+    const double depths[] = {8, 40000, 16};
+    ASSERT_NE(0, setValues(ICAP_BITDEPTH, 3, depths));
+    ASSERT_NE(0, scanner.setContainer(ICAP_BITDEPTH, MSG_GETCURRENT, TWON_ENUMERATION));
+    size_t mark = dsm.Calls().size();
+    LONG depth = 0;
+    EXPECT_EQ(0, module->Getbitdepth(&depth));
+    EXPECT_EQ(40000, depth);
+    EXPECT_EQ((std::vector<std::string>{"2 -> TWRC_SUCCESS"}), Messages(mark, ICAP_BITDEPTH));
+
+    ASSERT_NE(0, scanner.setContainer(ICAP_BITDEPTH, MSG_GETCURRENT, TWON_ONEVALUE));
+    mark = dsm.Calls().size();
+    EXPECT_EQ(0, module->Getbitdepth(&depth));
+    const TdsmCall answer = dsm.Calls().back();
+    ASSERT_EQ(TWON_ONEVALUE, answer.capOut.conType);
+    EXPECT_EQ(static_cast<LONG>(answer.capOut.items[0]), depth) << "a one-value's item as it is";
+
+    script.failOnce(DG_CONTROL, DAT_CAPABILITY, MSG_GETCURRENT, TWRC_FAILURE, TWCC_DENIED);
+    ASSERT_NE(0, scanner.setContainer(ICAP_BITDEPTH, MSG_GET, TWON_ENUMERATION));
+    mark = dsm.Calls().size();
+    EXPECT_EQ(0, module->Getbitdepth(&depth));
+    EXPECT_EQ(40000, depth) << "MSG_GET after a failed MSG_GETCURRENT";
+    EXPECT_EQ((std::vector<std::string>{"2 -> TWRC_FAILURE", "1 -> TWRC_SUCCESS"}), Messages(mark, ICAP_BITDEPTH));
+
+    for (TW_UINT16 msg : {MSG_GET, MSG_GETCURRENT})
+        ASSERT_NE(0, scanner.setContainer(ICAP_BITDEPTH, msg, TWON_RANGE));
+    mark = dsm.Calls().size();
+    EXPECT_EQ(TWCC_BADVALUE, module->Getbitdepth(&depth)) << "a range is refused";
+    EXPECT_EQ(0, depth);
+    EXPECT_EQ((std::vector<std::string>{"2 -> TWRC_SUCCESS", "1 -> TWRC_SUCCESS"}), Messages(mark, ICAP_BITDEPTH));
+}
+
+TEST_F(NegotiationWhiteBoxTest, BrightnessRangeOfTheSourceIsLearntWithItsStep) {
+    // A range -100..100 with a step of 1: the smallest gap of the values is the step the scanner answers.
+    const double values[] = {-100.0, -99.0, 0.0, 100.0};
+    ASSERT_NE(0, setValues(ICAP_BRIGHTNESS, 4, values));
+    module->brightnessStep = 5.0;
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    EXPECT_EQ(-100.0, module->brightnessMin);
+    EXPECT_EQ(100.0, module->brightnessMax);
+    EXPECT_EQ(1.0, module->brightnessStep);
+    short value = 0;
+    ASSERT_EQ(0, module->SetBrightness(128, 0, 255));
+    EXPECT_EQ(0, module->GetBrightness(&value, 0, 255));
+    EXPECT_EQ(128, value) << "128 of 0..255 is 0.0 at the source, and 0.0 reads back as 128";
 }
 
 } // namespace

@@ -86,6 +86,29 @@ private:
     std::vector<std::string> missing;
 };
 
+// What the call helpers answer for an export that was not resolved.
+constexpr LONG kMissingExport = -12345;
+
+// Calls a getter through outputs preset to 0x5A5A, so that an untouched output shows; `value` receives the
+// output (the current value of a getter with three).
+template <typename T> LONG CallOne(LONG(WINAPI *f)(T *), double &value) {
+    if (!f)
+        return kMissingExport;
+    T out = static_cast<T>(0x5A5A);
+    const LONG rc = f(&out);
+    value = static_cast<double>(out);
+    return rc;
+}
+
+template <typename T> LONG CallThree(LONG(WINAPI *f)(T *, T *, T *), double &value) {
+    if (!f)
+        return kMissingExport;
+    T current = static_cast<T>(0x5A5A), minimum = current, maximum = current;
+    const LONG rc = f(&current, &minimum, &maximum);
+    value = static_cast<double>(current);
+    return rc;
+}
+
 // TW_FIX32 of a value as the module converts it: Whole = the value truncated, Frac = (value x 65536 + 0.5)
 // truncated, each kept to 16 bits; returned as the 32-bit word a container holds (Whole low, Frac high).
 TW_UINT32 ModuleFix32(double value);

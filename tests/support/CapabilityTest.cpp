@@ -72,6 +72,51 @@ std::vector<std::string> CapabilityTest::CapTriplets(TW_UINT16 cap) const {
     return ::testing::AssertionFailure() << "global memory: " << tracker.Describe();
 }
 
+::testing::AssertionResult CapabilityTest::OneRecord(const std::string &level, const std::string &file,
+                                                     const std::string &text) const {
+    const std::string source = "F:\\smkernal\\" + file + ".cpp";
+    std::vector<const TraceLine *> found;
+    for (const TraceLine &record : viewer.Records())
+        if (record.text == text)
+            found.push_back(&record);
+    if (found.size() != 1)
+        return ::testing::AssertionFailure() << found.size() << " records \"" << text << "\"";
+    if (found[0]->level != level || found[0]->source != source)
+        return ::testing::AssertionFailure()
+               << "\"" << found[0]->raw << "\" is not a " << level << " record of " << source;
+    return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult CapabilityTest::WarningsFrom(const std::string &file) const {
+    const std::string source = "F:\\smkernal\\" + file + ".cpp";
+    for (const TraceLine &record : viewer.Records())
+        if (record.level == "Warning" && record.source != source)
+            return ::testing::AssertionFailure() << "\"" << record.raw << "\" is not from " << source;
+    return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult CapabilityTest::EntryAndExit(const std::string &file, const std::string &method) const {
+    const ::testing::AssertionResult entry = OneRecord("Trace", file, "Coming TScanModule::" + method);
+    return entry ? OneRecord("Trace", file, "Leaving TScanModule::" + method) : entry;
+}
+
+std::vector<std::string> CapabilityTest::CodecRecordsIn(const std::string &method) const {
+    const std::string codec = "F:\\smkernal\\Utility.cpp";
+    std::vector<std::string> out;
+    bool inside = false;
+    for (const TraceLine &record : viewer.Records()) {
+        if (record.level != "Trace")
+            continue;
+        if (record.text == "Coming TScanModule::" + method)
+            inside = true;
+        else if (record.text == "Leaving TScanModule::" + method)
+            break;
+        else if (inside && record.source == codec)
+            out.push_back(record.text);
+    }
+    return out;
+}
+
 void CapabilityTest::CloseSource() {
     ASSERT_EQ(SM_OK, closeDS());
     Reset();

@@ -1,5 +1,7 @@
-// Fixture of the capability suites: the virtual scanner open under the stand-in source manager, its controls, the
-// scanner-setting exports, and the global-memory tracker over the library and the source.
+// Fixture of the capability suites: the virtual scanner open under the stand-in manager, with a memory tracker.
+
+// Beside the open source it holds the scanner's controls, the scanner-setting exports, and the global-memory
+// tracker over the library and the source.
 #pragma once
 
 #include <string>
@@ -27,6 +29,16 @@ protected:
     ::testing::AssertionResult NoContainerLeft() const;
     // Closes the source and the source manager: state 2.
     void CloseSource();
+    // Success when exactly one record has `text` and it is a `level` record ("Trace", "Warning") written by
+    // F:\smkernal\<file>.cpp (file "Sm_4", "Utility").
+    ::testing::AssertionResult OneRecord(const std::string &level, const std::string &file,
+                                         const std::string &text) const;
+    // Success when every Warning record since Reset() was written by F:\smkernal\<file>.cpp.
+    ::testing::AssertionResult WarningsFrom(const std::string &file) const;
+    // The entry and exit records of a method of the scan module: one Trace record each, from that file.
+    ::testing::AssertionResult EntryAndExit(const std::string &file, const std::string &method) const;
+    // The codec's records ("Coming ExtractOneValue", ...) between the entry and exit records of a method, in order.
+    std::vector<std::string> CodecRecordsIn(const std::string &method) const;
 
     CapabilityExports sm;
     VscanLibrary scanner;

@@ -1,5 +1,6 @@
-// Counts the global-memory blocks that chosen modules allocate and free, by redirecting their imports of
-// GlobalAlloc, GlobalReAlloc and GlobalFree. Tests use it to show that a call leaves no container behind.
+// Counts the global-memory blocks that chosen modules allocate and free, to show that no container is left behind.
+
+// It redirects the modules' imports of GlobalAlloc, GlobalReAlloc and GlobalFree.
 #pragma once
 
 #include <windows.h>
