@@ -138,102 +138,123 @@ SMAPI LONG SMCALL smSetDefaultDriver(HWND parent, const char *productName);
    names (count=0 when the call fails). Keys of an earlier, longer list are not removed. */
 SMAPI LONG SMCALL smGetAllDS(const char *path);
 
-/* Scanner settings. Each needs an open source (else SM_ERR_SEQUENCE, nothing sent) and returns a
-   status: SM_OK, SM_ERR_UNAVAILABLE, SM_ERR_BAD_VALUE for an answer the module cannot read, or the
-   source's condition code. Getters that fail report a fixed fall-back value. */
+/* Scanner settings. Each but smCapNegotiate needs an open source (else SM_ERR_SEQUENCE, nothing sent) and
+   returns a status: SM_OK, SM_ERR_UNAVAILABLE, SM_ERR_BAD_VALUE for an answer the module cannot accept, or the
+   source's condition code. Getters that fail report a fixed fall-back value. smCapNegotiate returns the
+   TWAIN return code instead; free a container it returns with GlobalFree, and a successful MSG_SET of
+   ICAP_XFERMECH is remembered as the mechanism of later transfers. */
 
-/* Ordinal 8. Any capability operation (MSG_GET, MSG_SET, ...) on a TWAIN TW_CAPABILITY (2-byte packed)
-   that you own; returns the TWAIN return code in the low 16 bits. On a get, free the returned
-   container with GlobalFree. A successful MSG_SET of ICAP_XFERMECH is remembered by the module. */
+/* Ordinal 8. Any capability operation on your TW_CAPABILITY, sent in any state (no open source needed); TWRC_*. */
 SMAPI WORD SMCALL smCapNegotiate(UINT message, void *capability);
-
-/* Ordinal 9. Whether the feeder is enabled (CAP_FEEDERENABLED). */
+/* Ordinal 9. Whether the feeder is enabled (CAP_FEEDERENABLED, a one-value). */
 SMAPI LONG SMCALL smIsADFAvailable(LONG *answer);
-/* Ordinal 10 (also exported as smIsPaperLoaded, ordinal 11). Whether the feeder holds paper. */
+/* Ordinal 10. Whether the feeder holds paper (CAP_FEEDERLOADED, a one-value). */
 SMAPI LONG SMCALL smIsADFPaperLoaded(LONG *answer);
+/* Ordinal 11. The same call as smIsADFPaperLoaded under a second name. */
 SMAPI LONG SMCALL smIsPaperLoaded(LONG *answer);
-/* Ordinal 12. Whether the feeder is enabled. */
+/* Ordinal 12. Whether the feeder is enabled (CAP_FEEDERENABLED, a one-value). */
 SMAPI LONG SMCALL smGetADFEnable(LONG *answer);
-/* Ordinal 13. Enables or disables the feeder. */
+/* Ordinal 13. Enables (nonzero) or disables the feeder, sent as BOOL, then UINT16, then INT16 until one is taken. */
 SMAPI LONG SMCALL smSetADFEnable(LONG enable);
 
-/* Ordinals 14 to 21 and 55. Tone settings on your own scale [appMin, appMax] (16-bit values),
-   mapped linearly onto the source's range; sets snap to the source's step. appMin == appMax gives
-   SM_ERR_BAD_VALUE. */
+/* Tone settings are exchanged on your own scale [appMin, appMax] (16-bit values), mapped linearly onto the
+   source's range; appMin == appMax gives SM_ERR_BAD_VALUE and sends nothing. */
+
+/* Ordinal 14. The brightness on your scale, rounded half up; the midpoint of the scale when it cannot be read. */
 SMAPI LONG SMCALL smGetBrightness(short *value, LONG appMin, LONG appMax);
+/* Ordinal 15. Sets the brightness from your scale, snapped to the source's step (range read when the source opened). */
 SMAPI LONG SMCALL smSetBrightness(LONG value, LONG appMin, LONG appMax);
+/* Ordinal 16. The contrast on your scale (source range -1000 to 1000); the midpoint when it cannot be read. */
 SMAPI LONG SMCALL smGetContrast(short *value, LONG appMin, LONG appMax);
+/* Ordinal 17. Sets the contrast from your scale (source range -1000 to 1000, step 1). */
 SMAPI LONG SMCALL smSetContrast(LONG value, LONG appMin, LONG appMax);
+/* Ordinal 18. The highlight on your scale (source range 0 to 255); the midpoint when it cannot be read. */
 SMAPI LONG SMCALL smGetHighlight(short *value, LONG appMin, LONG appMax);
+/* Ordinal 19. Sets the highlight from your scale (source range 0 to 255, step 1). */
 SMAPI LONG SMCALL smSetHighlight(LONG value, LONG appMin, LONG appMax);
+/* Ordinal 20. The shadow on your scale (source range 0 to 255); the midpoint when it cannot be read. */
 SMAPI LONG SMCALL smGetShadow(short *value, LONG appMin, LONG appMax);
+/* Ordinal 21. Sets the shadow from your scale (source range 0 to 255, step 1). */
 SMAPI LONG SMCALL smSetShadow(LONG value, LONG appMin, LONG appMax);
+/* Ordinal 55. Sets the threshold from your scale (source range 0 to 255, step 1); there is no getter. */
 SMAPI LONG SMCALL smSetThreshold(LONG value, LONG appMin, LONG appMax);
 
-/* Ordinals 22 and 23. Gamma. */
+/* Ordinal 22. The gamma (ICAP_GAMMA, a one-value); 0 when it cannot be read. */
 SMAPI LONG SMCALL smGetGamma(double *gamma);
+/* Ordinal 23. Sets the gamma, sent as a TW_FIX32. */
 SMAPI LONG SMCALL smSetGamma(double gamma);
 /* Ordinal 24. The source's unit as an SM_UNIT_* flag (inches when it cannot be read). */
 SMAPI LONG SMCALL smGetUnit(WORD *unitFlag);
-/* Ordinal 25. The largest scan area in INCHES: the physical width and height divided by the size
-   of an inch in the source's unit (2.54 cm, 6 picas, 72 points, 1440 twips, the X resolution for pixels). */
+/* GetMaxArea reads the physical width and height, then the unit and the X resolution, and divides each size by
+   the length of an inch in the source's unit: 2.54 cm, 6 picas, 72 points, 1440 twips, the X resolution for
+   pixels. */
+/* Ordinal 25. The largest area in INCHES: physical size / an inch in the unit (2.54, 6, 72, 1440, X dpi for pixels). */
 SMAPI LONG SMCALL smGetMaxArea(double *width, double *height);
-/* Ordinal 26. ICAP_PIXELFLAVOR. */
+/* Ordinal 26. The pixel flavour as the source gives it (ICAP_PIXELFLAVOR: 0 chocolate, 1 vanilla); 0 if unread. */
 SMAPI LONG SMCALL smGetPixelFlavor(LONG *flavor);
-/* Ordinals 27 and 28. The pixel type as an SM_PIXEL_* flag (gray when unknown or unreadable); a set
-   with anything but a single known flag sends gray. */
+/* Ordinal 27. The pixel type as an SM_PIXEL_* flag (gray when unknown or unreadable). */
 SMAPI LONG SMCALL smGetPixelType(WORD *flag);
+/* Ordinal 28. Sets the pixel type from one SM_PIXEL_* flag; anything but a single known flag sends gray. */
 SMAPI LONG SMCALL smSetPixelType(LONG flag);
-/* Ordinals 29 and 30. The pixel types the source offers, as a word of flags; a set restricts them. */
+/* Ordinal 29. The pixel types the source lists (codes 0 to 8), as a word of flags; 0 when it cannot be read. */
 SMAPI LONG SMCALL smGetSupportedPixelType(WORD *flags);
+/* Ordinal 30. Restricts the source to the pixel types whose flags are set (codes 0 to 8), sent as an enumeration. */
 SMAPI LONG SMCALL smSetSupportedPixelType(LONG flags);
-/* Ordinals 31 and 32. The paper size as a flag (SM_PAPER_NONE when unknown); a set with anything but
-   a single flag of sizes 0 to 8 sends "none". */
+/* Ordinal 31. The paper size as a flag, 2 to the power of its code (SM_PAPER_NONE when unknown or unreadable). */
 SMAPI LONG SMCALL smGetPaperSize(WORD *flag);
+/* Ordinal 32. Sets the paper size from one flag of sizes 0 to 8; anything else sends "none". */
 SMAPI LONG SMCALL smSetPaperSize(LONG flag);
-/* Ordinals 33 and 34. The paper sizes offered (sizes 0 to 6 and 8), as a word of flags; a set restricts them. */
+/* Ordinal 33. The paper sizes the source lists (sizes 0 to 6 and 8; 7 is never reported), as a word of flags. */
 SMAPI LONG SMCALL smGetSupportedPaperSize(WORD *flags);
+/* Ordinal 34. Restricts the source to the paper sizes whose flags are set (sizes 0 to 8), sent as an enumeration. */
 SMAPI LONG SMCALL smSetSupportedPaperSize(LONG flags);
-/* Ordinals 35 and 36. The transfer mechanism as SM_XFER_* (memory when unreadable); a set with
-   anything but one SM_XFER_* flag gives SM_ERR_BAD_VALUE. */
+/* Ordinal 35. The transfer mechanism as SM_XFER_* (memory when unreadable). */
 SMAPI LONG SMCALL smGetXferMech(WORD *flag);
+/* Ordinal 36. Sets the transfer mechanism; anything but one SM_XFER_* flag is SM_ERR_BAD_VALUE, nothing sent. */
 SMAPI LONG SMCALL smSetXferMech(LONG flag);
-/* Ordinals 37 to 40. Resolution: current, minimum and maximum as 16-bit integers, each multiplied
-   by a factor of the source's unit (1 for inches, 1/2.54 for centimetres, 1/6, 1/72, 1/1440). */
+/* Ordinal 37. X resolution: current, minimum, maximum, each times the unit's factor (1, 1/2.54, 1/6, 1/72, 1/1440). */
 SMAPI LONG SMCALL smGetXResolution(short *current, short *minimum, short *maximum);
+/* Ordinal 38. Sets the X resolution in dots per unit, sent as a TW_FIX32. */
 SMAPI LONG SMCALL smSetXResolution(LONG dpi);
+/* Ordinal 39. Y resolution: current, minimum, maximum, with the unit factor of smGetXResolution. */
 SMAPI LONG SMCALL smGetYResolution(short *current, short *minimum, short *maximum);
+/* Ordinal 40. Sets the Y resolution in dots per unit, sent as a TW_FIX32. */
 SMAPI LONG SMCALL smSetYResolution(LONG dpi);
 /* Ordinal 41. SM_OK when the source takes both resolutions; the earlier ones are set again either way. */
 SMAPI LONG SMCALL smIsThisDPIAvailable(LONG x, LONG y);
-/* Ordinals 42 to 45. Scaling: current, minimum and maximum. */
+/* Ordinal 42. X scaling: current, minimum and maximum (an enumeration gives its current value for all three). */
 SMAPI LONG SMCALL smGetXScale(double *current, double *minimum, double *maximum);
+/* Ordinal 43. Sets the X scaling, sent as a TW_FIX32. */
 SMAPI LONG SMCALL smSetXScale(double scale);
+/* Ordinal 44. Y scaling: current, minimum and maximum, as smGetXScale. */
 SMAPI LONG SMCALL smGetYScale(double *current, double *minimum, double *maximum);
+/* Ordinal 45. Sets the Y scaling, sent as a TW_FIX32. */
 SMAPI LONG SMCALL smSetYScale(double scale);
-/* Ordinal 49. The source's memory-transfer buffer sizes; 0 sizes become 65536 and an out-of-range
-   preferred size the minimum. 65536 each when the source does not answer. */
+/* Ordinal 49. Buffer sizes: 0 becomes 65536, a preferred size out of range the minimum; 65536 each if unanswered. */
 SMAPI LONG SMCALL smGetMemXferSize(DWORD *minimum, DWORD *maximum, DWORD *preferred);
-/* Ordinals 52 and 59. CAP_XFERCOUNT: the number of images to transfer (-1: all). */
+/* Ordinal 52. CAP_XFERCOUNT: the number of images to transfer (-1: all). */
 SMAPI LONG SMCALL smGetXferCount(short *count);
+/* Ordinal 59. Sets the number of images to transfer (-1: all), sent as INT16, then UINT16, then BOOL. */
 SMAPI LONG SMCALL smSetXferCount(LONG count);
-/* Ordinal 53. Copies the open source's product name (34 bytes with the NUL at most). */
+/* Ordinal 53. Copies the open source's product name (34 bytes with the NUL at most); no negotiation. */
 SMAPI LONG SMCALL smGetDSProductName(char *buffer);
-/* Ordinal 54. Pending images as last seen by the memory transfer; 9999 outside its end message.
-   Needs an enabled source. */
+/* Ordinal 54. Pending images as the memory transfer saw them, 9999 outside its end message; needs an enabled source. */
 SMAPI LONG SMCALL smGetPendingCount(WORD *count);
-/* Ordinals 56, 60, 64, 70. Indicators, automatic feeding, light path, thumbnails. */
+/* Ordinal 56. Switches the source's progress indicators on (nonzero) or off. */
 SMAPI LONG SMCALL smSetIndicatorEnable(LONG enable);
+/* Ordinal 60. Switches automatic feeding on (nonzero) or off. */
 SMAPI LONG SMCALL smSetAutoFeedEnable(LONG enable);
+/* Ordinal 64. Sets the light path (ICAP_LIGHTPATH: 0 reflective, 1 transmissive), sent as UINT16. */
 SMAPI LONG SMCALL smSetLightpath(LONG lightPath);
+/* Ordinal 70. Switches thumbnails on (nonzero) or off. */
 SMAPI LONG SMCALL smSetThumbMode(LONG enable);
-/* Ordinal 67. Whether thumbnails are enabled. */
+/* Ordinal 67. Whether thumbnails are enabled (CAP_THUMBNAILSENABLED, a one-value). */
 SMAPI LONG SMCALL smGetThumbMode(LONG *answer);
-/* Ordinal 57. ICAP_BITDEPTH. */
+/* Ordinal 57. Sets the bit depth per pixel (ICAP_BITDEPTH), sent as UINT16, then INT16, then BOOL. */
 SMAPI LONG SMCALL smSetBitDepth(LONG depth);
-/* Ordinals 66 and 69. ICAP_IMAGEDATASET: the largest index offered; a set sends the leading nonzero
-   entries of `list` (at most `count`) as an array, or `count` alone when `list` is NULL. */
+/* Ordinal 66. The largest image data set index the source lists (ICAP_IMAGEDATASET), or its one value. */
 SMAPI LONG SMCALL smGetIndex(LONG *index);
+/* Ordinal 69. Sends the leading nonzero entries of `list` (at most `count`) as an array, or `count` if list is NULL. */
 SMAPI LONG SMCALL smSetIndex(LONG count, const DWORD *list);
 /* What smReadBlock leaves in *count once the image is over. */
 #define SM_IMAGE_ENDED 0xFFFFFFFFu
@@ -245,7 +266,7 @@ SMAPI LONG SMCALL smSetIndex(LONG count, const DWORD *list);
    the image size leaves after the blocks counted before. A failed block leaves *count as it was. */
 SMAPI BOOL SMCALL smReadBlock(BYTE *buffer, DWORD size, DWORD *count);
 
-/* Ordinal 62. Fills the snapshot; always SM_OK (fields of failed queries stay 0 or their fall-back). */
+/* Ordinal 62. Fills the snapshot from the getters; always SM_OK (fields of failed queries keep their fall-back). */
 SMAPI LONG SMCALL smGetScanCap(ScanCapRecord *record);
 /* Ordinal 68. Whether the source can scan without showing its own interface (CAP_UICONTROLLABLE). */
 SMAPI LONG SMCALL smNonUIAvailable(LONG *answer);

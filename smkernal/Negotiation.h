@@ -1,4 +1,4 @@
-// Descriptions of the capability accessors, which the one get pattern and the one set pattern follow.
+// Descriptions of the capability accessors that the one get and the one set pattern follow, and the flags they share.
 #pragma once
 
 #include "twain1x.h"
