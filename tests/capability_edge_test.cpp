@@ -106,7 +106,7 @@ TEST_F(CapabilityEdgeTest, MechanismSetWithAnArrayOrARangeReadsNothing) {
         Reset();
         script.failOnce(DG_CONTROL, DAT_CAPABILITY, MSG_SET, TWRC_SUCCESS, TWCC_SUCCESS);
         TW_CAPABILITY cap{ICAP_XFERMECH, conType, OneValue(TWTY_UINT16, TWSX_NATIVE)};
-        EXPECT_EQ(TWRC_SUCCESS, sm.capNegotiate(MSG_SET, &cap));
+        EXPECT_TRUE(IsReturnCode(TWRC_SUCCESS, sm.capNegotiate(MSG_SET, &cap)));
         GlobalFree(cap.hContainer);
         EXPECT_TRUE(OneRecord("Trace", "Sm_4", kMechanismTaken));
         EXPECT_EQ(Strings{}, CodecRecordsIn("CapNegotiate")) << "the container is not read";
@@ -404,11 +404,11 @@ TEST_F(CapabilityEdgeTest, IndexesCompareAsUnsignedNumbers) {
     const double sets[] = {3, 40000};
     ASSERT_EQ(1, setValues(ICAP_IMAGEDATASET, 2, sets));
     DWORD list[] = {3, 40000};
-    ASSERT_EQ(SM_OK, sm.setIndex(2, list));
+    ASSERT_TRUE(IsStatus(SM_OK, sm.setIndex(2, list)));
     ASSERT_EQ(1, scanner.setContainer(ICAP_IMAGEDATASET, MSG_GET, TWON_ENUMERATION));
     Reset();
     LONG index = 0;
-    EXPECT_EQ(SM_OK, sm.getIndex(&index));
+    EXPECT_TRUE(IsStatus(SM_OK, sm.getIndex(&index)));
     EXPECT_EQ(40000, index);
     const std::vector<TdsmCall> calls = CapCalls(ICAP_IMAGEDATASET);
     ASSERT_EQ(1u, calls.size());
@@ -475,17 +475,17 @@ std::vector<std::string> Then(std::vector<std::string> first, const std::vector<
 
 void Scaled(LONG(WINAPI *f)(short *, LONG, LONG)) {
     short value;
-    EXPECT_EQ(SM_OK, f(&value, 0, 100));
+    EXPECT_TRUE(IsStatus(SM_OK, f(&value, 0, 100)));
 }
 
 template <typename T> void Get(LONG(WINAPI *f)(T *)) {
     double value;
-    EXPECT_EQ(SM_OK, CallOne(f, value));
+    EXPECT_TRUE(IsStatus(SM_OK, CallOne(f, value)));
 }
 
 template <typename T> void Get(LONG(WINAPI *f)(T *, T *, T *)) {
     double value;
-    EXPECT_EQ(SM_OK, CallThree(f, value));
+    EXPECT_TRUE(IsStatus(SM_OK, CallThree(f, value)));
 }
 
 const Reading kReadings[] = {

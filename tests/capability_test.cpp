@@ -920,14 +920,14 @@ TEST_F(CapabilityTest, TrialResolutionWithoutASourceGivesTheSequenceError) {
 TEST_F(CapabilityTest, ProductNameInStateFourAndWithoutASource) {
     char name[40];
     std::memset(name, 'x', sizeof name);
-    EXPECT_EQ(SM_OK, sm.getDSProductName(name));
+    EXPECT_TRUE(IsStatus(SM_OK, sm.getDSProductName(name)));
     EXPECT_STREQ("Virtual Scanner", name);
     EXPECT_EQ(Strings{}, Triplets()) << "no negotiation";
     EXPECT_EQ(Strings{}, Warnings());
     EXPECT_TRUE(EntryAndExit("Sm_4", "GetDSProductName"));
     CloseSource();
     std::memset(name, 'x', sizeof name);
-    EXPECT_EQ(SM_ERR_SEQUENCE, sm.getDSProductName(name));
+    EXPECT_TRUE(IsStatus(SM_ERR_SEQUENCE, sm.getDSProductName(name)));
     EXPECT_EQ('x', name[0]) << "the buffer is left alone";
     EXPECT_EQ(Strings{}, Triplets());
     EXPECT_TRUE(OneRecord("Warning", "Sm_4", "Sequence error in TScanModule::GetDSProductName"));
@@ -937,13 +937,13 @@ TEST_F(CapabilityTest, ProductNameInStateFourAndWithoutASource) {
 // The bit-depth getter has no export; the snapshot calls it: current value first, then MSG_GET.
 TEST_F(CapabilityTest, BitDepthIsAskedForThroughTheSnapshot) {
     ScanCapBytes record;
-    ASSERT_EQ(SM_OK, sm.getScanCap(&record));
+    ASSERT_TRUE(IsStatus(SM_OK, sm.getScanCap(&record)));
     EXPECT_EQ((Strings{CapLine(ICAP_BITDEPTH, MSG_GETCURRENT, TWRC_SUCCESS)}), CapTriplets(ICAP_BITDEPTH));
     EXPECT_TRUE(EntryAndExit("Sm_5", "Getbitdepth"));
     Reset();
     scanner.failTriplet(DG_CONTROL, DAT_CAPABILITY, MSG_GETCURRENT, ICAP_BITDEPTH, TWRC_FAILURE, TWCC_DENIED, 1, 1);
     ASSERT_EQ(1, scanner.setContainer(ICAP_BITDEPTH, MSG_GET, TWON_RANGE));
-    ASSERT_EQ(SM_OK, sm.getScanCap(&record));
+    ASSERT_TRUE(IsStatus(SM_OK, sm.getScanCap(&record)));
     EXPECT_EQ((Strings{CapLine(ICAP_BITDEPTH, MSG_GETCURRENT, TWRC_FAILURE), StatusLine(),
                        CapLine(ICAP_BITDEPTH, MSG_GET, TWRC_SUCCESS)}),
               CapTriplets(ICAP_BITDEPTH));
@@ -967,24 +967,24 @@ TEST_F(CapabilityTest, EveryOtherAccessorNamesItsSourceFile) {
         {"CapNegotiate", "Sm_4",
          [this] {
              TW_CAPABILITY cap{ICAP_UNITS, TWON_DONTCARE16, nullptr};
-             ASSERT_EQ(TWRC_SUCCESS, sm.capNegotiate(MSG_GET, &cap));
+             ASSERT_TRUE(IsReturnCode(TWRC_SUCCESS, sm.capNegotiate(MSG_GET, &cap)));
              GlobalFree(cap.hContainer);
          }},
-        {"IsThisDPIAvailable", "Sm_6", [this] { EXPECT_EQ(SM_OK, sm.isThisDPIAvailable(300, 300)); }},
+        {"IsThisDPIAvailable", "Sm_6", [this] { EXPECT_TRUE(IsStatus(SM_OK, sm.isThisDPIAvailable(300, 300))); }},
         {"GetMemXferSize", "Sm_7",
          [this] {
              DWORD minimum, maximum, preferred;
-             EXPECT_EQ(SM_OK, sm.getMemXferSize(&minimum, &maximum, &preferred));
+             EXPECT_TRUE(IsStatus(SM_OK, sm.getMemXferSize(&minimum, &maximum, &preferred)));
          }},
         {"GetPendingCount", "Sm_7",
          [this] {
              WORD count;
-             EXPECT_EQ(SM_ERR_SEQUENCE, sm.getPendingCount(&count));
+             EXPECT_TRUE(IsStatus(SM_ERR_SEQUENCE, sm.getPendingCount(&count)));
          }},
         {"GetScanCap", "Sm_7",
          [this] {
              ScanCapBytes record;
-             EXPECT_EQ(SM_OK, sm.getScanCap(&record));
+             EXPECT_TRUE(IsStatus(SM_OK, sm.getScanCap(&record)));
          }},
         {"GetDSBrightnessRange", "Sm_3",
          [this] {

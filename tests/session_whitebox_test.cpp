@@ -280,13 +280,15 @@ TEST_F(NegotiationWhiteBoxTest, BitDepthIsTheCurrentValueFirstAndTheLargestItemA
     ASSERT_NE(0, scanner.setContainer(ICAP_BITDEPTH, MSG_GETCURRENT, TWON_ENUMERATION));
     size_t mark = dsm.Calls().size();
     LONG depth = 0;
-    EXPECT_EQ(0, module->Getbitdepth(&depth));
+    LONG rc = module->Getbitdepth(&depth);
+    EXPECT_EQ(0, rc) << TwccName(rc);
     EXPECT_EQ(40000, depth);
     EXPECT_EQ((std::vector<std::string>{"2 -> TWRC_SUCCESS"}), Messages(mark, ICAP_BITDEPTH));
 
     ASSERT_NE(0, scanner.setContainer(ICAP_BITDEPTH, MSG_GETCURRENT, TWON_ONEVALUE));
     mark = dsm.Calls().size();
-    EXPECT_EQ(0, module->Getbitdepth(&depth));
+    rc = module->Getbitdepth(&depth);
+    EXPECT_EQ(0, rc) << TwccName(rc);
     const TdsmCall answer = dsm.Calls().back();
     ASSERT_EQ(TWON_ONEVALUE, answer.capOut.conType);
     EXPECT_EQ(static_cast<LONG>(answer.capOut.items[0]), depth) << "a one-value's item as it is";
@@ -294,14 +296,16 @@ TEST_F(NegotiationWhiteBoxTest, BitDepthIsTheCurrentValueFirstAndTheLargestItemA
     script.failOnce(DG_CONTROL, DAT_CAPABILITY, MSG_GETCURRENT, TWRC_FAILURE, TWCC_DENIED);
     ASSERT_NE(0, scanner.setContainer(ICAP_BITDEPTH, MSG_GET, TWON_ENUMERATION));
     mark = dsm.Calls().size();
-    EXPECT_EQ(0, module->Getbitdepth(&depth));
+    rc = module->Getbitdepth(&depth);
+    EXPECT_EQ(0, rc) << TwccName(rc);
     EXPECT_EQ(40000, depth) << "MSG_GET after a failed MSG_GETCURRENT";
     EXPECT_EQ((std::vector<std::string>{"2 -> TWRC_FAILURE", "1 -> TWRC_SUCCESS"}), Messages(mark, ICAP_BITDEPTH));
 
     for (TW_UINT16 msg : {MSG_GET, MSG_GETCURRENT})
         ASSERT_NE(0, scanner.setContainer(ICAP_BITDEPTH, msg, TWON_RANGE));
     mark = dsm.Calls().size();
-    EXPECT_EQ(TWCC_BADVALUE, module->Getbitdepth(&depth)) << "a range is refused";
+    rc = module->Getbitdepth(&depth);
+    EXPECT_EQ(TWCC_BADVALUE, rc) << TwccName(rc) << ": a range is refused";
     EXPECT_EQ(0, depth);
     EXPECT_EQ((std::vector<std::string>{"2 -> TWRC_SUCCESS", "1 -> TWRC_SUCCESS"}), Messages(mark, ICAP_BITDEPTH));
 }
@@ -317,7 +321,8 @@ TEST_F(NegotiationWhiteBoxTest, BrightnessRangeOfTheSourceIsLearntWithItsStep) {
     EXPECT_EQ(1.0, module->brightnessStep);
     short value = 0;
     ASSERT_EQ(0, module->SetBrightness(128, 0, 255));
-    EXPECT_EQ(0, module->GetBrightness(&value, 0, 255));
+    const LONG rc = module->GetBrightness(&value, 0, 255);
+    EXPECT_EQ(0, rc) << TwccName(rc);
     EXPECT_EQ(128, value) << "128 of 0..255 is 0.0 at the source, and 0.0 reads back as 128";
 }
 

@@ -11,6 +11,19 @@ std::string CapLine(TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 rc) {
     return line;
 }
 
+::testing::AssertionResult IsStatus(LONG expected, LONG actual) {
+    if (expected == actual)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "status " << actual << " (" << TwccName(actual) << "), expected "
+                                         << expected << " (" << TwccName(expected) << ")";
+}
+
+::testing::AssertionResult IsReturnCode(TW_UINT16 expected, TW_UINT16 actual) {
+    if (expected == actual)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << TwrcName(actual) << ", expected " << TwrcName(expected);
+}
+
 std::string StatusLine() {
     return "DAT_STATUS";
 }

@@ -49,6 +49,9 @@ protected:
 };
 
 std::string CapLine(TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 rc);
+// A status (SM_OK, a TWCC_ code) or a TWAIN return code as expected, with both named on failure.
+::testing::AssertionResult IsStatus(LONG expected, LONG actual);
+::testing::AssertionResult IsReturnCode(TW_UINT16 expected, TW_UINT16 actual);
 std::string StatusLine();
 
 } // namespace smtest
