@@ -38,7 +38,6 @@ struct Domain {
 
 constexpr double kNoRange = 0;
 constexpr int kMaxListed = 256; // a range enumerates at most this many items
-constexpr double kFix32Scale = 65536.0;
 constexpr double kCentimetresPerInch = 2.54;
 constexpr double kPicasPerInch = 6;
 constexpr double kPointsPerInch = 72;
@@ -247,7 +246,7 @@ void OnChange(Source &s, TW_UINT16 cap) {
 
 // Fits a value into the domain: exact, or moved to the nearest supported one for kSnap capabilities.
 bool Fit(const Domain &domain, unsigned flags, double value, double &fitted) {
-    constexpr double kSame = 1.0 / kFix32Scale;
+    constexpr double kSame = kFix32Step;
     if ((flags & kNoZero) && value == 0)
         return false;
     if (!domain.IsRange()) {
@@ -541,11 +540,6 @@ void Malform(TW_CAPABILITY &cap, int kind) {
     GlobalUnlock(cap.hContainer);
 }
 
-TW_UINT16 Fail(TW_UINT16 &cc, TW_UINT16 code) {
-    cc = code;
-    return TWRC_FAILURE;
-}
-
 } // namespace
 
 int AnswerSlot(TW_UINT16 msg) {
@@ -714,11 +708,11 @@ bool PaperSize(int size, double &width, double &height) {
 }
 
 double FromFix32(TW_FIX32 value) {
-    return value.Whole + value.Frac / kFix32Scale;
+    return value.Whole + value.Frac * kFix32Step;
 }
 
 TW_FIX32 ToFix32(double value) {
-    const TW_INT32 scaled = static_cast<TW_INT32>(std::lround(value * kFix32Scale));
+    const TW_INT32 scaled = static_cast<TW_INT32>(std::lround(value / kFix32Step));
     TW_FIX32 fix;
     fix.Whole = static_cast<TW_INT16>(scaled >> 16);
     fix.Frac = static_cast<TW_UINT16>(scaled & 0xffff);

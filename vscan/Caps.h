@@ -39,7 +39,9 @@ constexpr double kBedHeight = 14.0;
 // Width and height in inches of a TWSS_ size; false for TWSS_NONE and unknown codes.
 bool PaperSize(int size, double &width, double &height);
 
-// TW_FIX32 to and from double, rounding to the nearest 1/65536.
+// The smallest step of a TW_FIX32: 1/65536. Values closer than this are the same value.
+constexpr double kFix32Step = 1.0 / 65536;
+// TW_FIX32 to and from double, rounding to the nearest step.
 double FromFix32(TW_FIX32 value);
 TW_FIX32 ToFix32(double value);
 

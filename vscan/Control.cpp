@@ -1,8 +1,6 @@
 // The test controls: the exported Vscan... functions and the switches they and vscan.ini share.
 #include "Control.h"
 
-#include <cstring>
-
 #include "Caps.h"
 #include "Settings.h"
 
@@ -12,11 +10,10 @@ namespace {
 
 constexpr size_t kMaxTripletFaults = 16;
 
+// A name of the identity; NULL keeps the one it has.
 void CopyName(char *to, size_t size, const char *from) {
-    if (!from)
-        return;
-    std::memset(to, 0, size);
-    std::strncpy(to, from, size - 1);
+    if (from)
+        CopyText(to, size, from);
 }
 
 bool IsContainer(TW_UINT16 conType) {

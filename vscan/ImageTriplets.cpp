@@ -11,7 +11,6 @@ namespace vscan {
 
 namespace {
 
-constexpr double kFix32Step = 1.0 / 65536.0;
 constexpr int kPaletteSlots = 256;
 
 TW_UINT16 Mechanism(const Source &s) {
@@ -38,7 +37,7 @@ TW_UINT16 UndoBegin(Call &call, TW_UINT16 cc) {
     s.xfer = Transfer{};
     --s.imagesStarted;
     s.state = VSCAN_STATE_XFERREADY;
-    return Fail(call, cc);
+    return Fail(call.cc, cc);
 }
 
 // The cancel fault for native and file transfers: the image CANCELIMAGE.
@@ -81,7 +80,7 @@ Frame BedFrame() {
 
 // Limits a frame to the bed; false when nothing of it is left.
 bool FitFrame(Frame &frame, bool &clipped) {
-    const double tolerance = kFix32Step;
+    constexpr double tolerance = kFix32Step;
     clipped = false;
     if (frame.left < -tolerance || frame.top < -tolerance)
         return false;
@@ -173,7 +172,7 @@ TW_UINT16 SetImageLayout(Call &call) {
                 UnitsToInches(s, FromFix32(layout->Frame.Bottom), true)};
     bool clipped;
     if (!FitFrame(frame, clipped))
-        return Fail(call, TWCC_BADVALUE);
+        return Fail(call.cc, TWCC_BADVALUE);
     SetCapValue(s, ICAP_SUPPORTEDSIZES, TWSS_NONE);
     s.frame = frame;
     PutLayout(s, s.frame, *layout);
@@ -207,7 +206,7 @@ TW_UINT16 GetPalette(Call &call) {
 TW_UINT16 NativeXfer(Call &call) {
     Source &s = call.source;
     if (Mechanism(s) != TWSX_NATIVE)
-        return Fail(call, TWCC_SEQERROR);
+        return Fail(call.cc, TWCC_SEQERROR);
     BeginImage(s);
     if (CancelsImage(s))
         return Cancelled(s);
@@ -230,7 +229,7 @@ TW_UINT16 NativeXfer(Call &call) {
 TW_UINT16 FileXfer(Call &call) {
     Source &s = call.source;
     if (Mechanism(s) != TWSX_FILE)
-        return Fail(call, TWCC_SEQERROR);
+        return Fail(call.cc, TWCC_SEQERROR);
     BeginImage(s);
     if (CancelsImage(s))
         return Cancelled(s);
@@ -244,7 +243,7 @@ TW_UINT16 FileXfer(Call &call) {
 TW_UINT16 MemoryXfer(Call &call) {
     Source &s = call.source;
     if (Mechanism(s) != TWSX_MEMORY || s.xfer.done)
-        return Fail(call, TWCC_SEQERROR);
+        return Fail(call.cc, TWCC_SEQERROR);
     auto *mx = static_cast<TW_IMAGEMEMXFER *>(call.data);
     const PageFormat f = CurrentFormat(s);
     const bool handle = (mx->Memory.Flags & TWMF_HANDLE) != 0;
@@ -254,7 +253,7 @@ TW_UINT16 MemoryXfer(Call &call) {
     const TW_UINT32 rows = std::min(mx->Memory.Length / MemoryBytesPerRow(f), rowsLeft);
     TW_UINT16 rc;
     if (!buffer || rows == 0) {
-        rc = Fail(call, TWCC_BADVALUE);
+        rc = Fail(call.cc, TWCC_BADVALUE);
     } else {
         if (!s.xfer.started)
             BeginImage(s);

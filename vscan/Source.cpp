@@ -18,24 +18,19 @@ constexpr int kDefaultPages = 3;
 const char kDefaultFileName[] = "TWAIN.TMP";
 const char kNotifyName[] = "smkernal virtual scanner event";
 
-void CopyString(char *to, size_t size, const char *from) {
-    std::memset(to, 0, size);
-    std::strncpy(to, from, size - 1);
-}
-
 void DefaultIdentity(TW_IDENTITY &id) {
     std::memset(&id, 0, sizeof id);
     id.Version.MajorNum = 1;
     id.Version.MinorNum = 0;
     id.Version.Language = TWLG_USA;
     id.Version.Country = TWCY_USA;
-    CopyString(id.Version.Info, sizeof id.Version.Info, "1.0 virtual scanner");
+    CopyText(id.Version.Info, sizeof id.Version.Info, "1.0 virtual scanner");
     id.ProtocolMajor = TWON_PROTOCOLMAJOR;
     id.ProtocolMinor = TWON_PROTOCOLMINOR;
     id.SupportedGroups = DG_CONTROL | DG_IMAGE;
-    CopyString(id.Manufacturer, sizeof id.Manufacturer, "smkernal project");
-    CopyString(id.ProductFamily, sizeof id.ProductFamily, "Virtual Devices");
-    CopyString(id.ProductName, sizeof id.ProductName, "Virtual Scanner");
+    CopyText(id.Manufacturer, sizeof id.Manufacturer, "smkernal project");
+    CopyText(id.ProductFamily, sizeof id.ProductFamily, "Virtual Devices");
+    CopyText(id.ProductName, sizeof id.ProductName, "Virtual Scanner");
 }
 
 int Pixels(double inches, double resolution, double scaling) {
@@ -43,6 +38,23 @@ int Pixels(double inches, double resolution, double scaling) {
 }
 
 } // namespace
+
+void CopyText(char *to, size_t size, const char *from) {
+    std::memset(to, 0, size);
+    std::strncpy(to, from, size - 1);
+}
+
+TW_UINT16 Fail(TW_UINT16 &cc, TW_UINT16 code) {
+    cc = code;
+    return TWRC_FAILURE;
+}
+
+TW_SETUPFILEXFER DefaultFileXfer() {
+    TW_SETUPFILEXFER setup{};
+    CopyText(setup.FileName, sizeof setup.FileName, kDefaultFileName);
+    setup.Format = TWFF_BMP;
+    return setup;
+}
 
 Source &TheSource() {
     static Source source;
@@ -61,9 +73,7 @@ HINSTANCE ModuleInstance() {
 void ResetNegotiation(Source &s) {
     ResetCaps(s);
     s.frame = Frame{0, 0, kBedWidth, kBedHeight};
-    std::memset(&s.fileXfer, 0, sizeof s.fileXfer);
-    CopyString(s.fileXfer.FileName, sizeof s.fileXfer.FileName, kDefaultFileName);
-    s.fileXfer.Format = TWFF_BMP;
+    s.fileXfer = DefaultFileXfer();
     s.sheetsLeft = s.pages;
     s.batch.clear();
     s.imagesStarted = 0;

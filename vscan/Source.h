@@ -90,6 +90,13 @@ struct Source {
     int settingsKeys = -1;
 };
 
+// Copies a C string into a fixed-size field, cut to fit and padded with zeros.
+void CopyText(char *to, size_t size, const char *from);
+// Records the condition code a failure leaves and answers TWRC_FAILURE.
+TW_UINT16 Fail(TW_UINT16 &cc, TW_UINT16 code);
+// What DAT_SETUPFILEXFER starts with: a BMP file named TWAIN.TMP.
+TW_SETUPFILEXFER DefaultFileXfer();
+
 // The one source of this module.
 Source &TheSource();
 HINSTANCE ModuleInstance();

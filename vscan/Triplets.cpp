@@ -101,13 +101,13 @@ TW_UINT16 EnableDs(Call &call) {
     s.batch.clear();
     if (s.showUi || s.uiOnly) {
         if (!ShowUi(s))
-            return Fail(call, TWCC_LOWMEMORY);
+            return Fail(call.cc, TWCC_LOWMEMORY);
         s.state = VSCAN_STATE_ENABLED;
         return TWRC_SUCCESS;
     }
     StartBatch(s);
     if (s.batch.empty())
-        return Fail(call, TWCC_OPERATIONERROR); // the feeder is empty
+        return Fail(call.cc, TWCC_OPERATIONERROR); // the feeder is empty
     s.state = VSCAN_STATE_ENABLED;
     Announce(s, MSG_XFERREADY);
     return TWRC_SUCCESS;
@@ -145,7 +145,7 @@ TW_UINT16 ProcessEvent(Call &call) {
     event->TWMessage = MSG_NULL;
     const MSG *msg = static_cast<const MSG *>(event->pEvent);
     if (!msg)
-        return Fail(call, TWCC_BADVALUE);
+        return Fail(call.cc, TWCC_BADVALUE);
     if (msg->message == NotifyMessage() && msg->wParam == kNotifyTag) {
         event->TWMessage = TakeEvent(s);
         return TWRC_DSEVENT;
@@ -221,13 +221,6 @@ TW_UINT16 GetSetupMem(Call &call) {
     return TWRC_SUCCESS;
 }
 
-TW_SETUPFILEXFER DefaultFileXfer() {
-    TW_SETUPFILEXFER setup{};
-    std::strcpy(setup.FileName, "TWAIN.TMP");
-    setup.Format = TWFF_BMP;
-    return setup;
-}
-
 // DG_CONTROL / DAT_SETUPFILEXFER / MSG_GET
 TW_UINT16 GetSetupFile(Call &call) {
     *static_cast<TW_SETUPFILEXFER *>(call.data) = call.source.fileXfer;
@@ -244,7 +237,7 @@ TW_UINT16 GetDefaultSetupFile(Call &call) {
 TW_UINT16 SetSetupFile(Call &call) {
     const auto *setup = static_cast<const TW_SETUPFILEXFER *>(call.data);
     if (setup->Format != TWFF_BMP || !setup->FileName[0] || !std::memchr(setup->FileName, 0, sizeof setup->FileName))
-        return Fail(call, TWCC_BADVALUE);
+        return Fail(call.cc, TWCC_BADVALUE);
     call.source.fileXfer = *setup;
     return TWRC_SUCCESS;
 }
@@ -323,20 +316,15 @@ TW_UINT16 Dispatch(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, Call &call) {
         if (route.dg != dg || route.dat != dat || route.msg != msg)
             continue;
         if (!(route.states & StateBit(call.source.state)))
-            return Fail(call, TWCC_SEQERROR);
+            return Fail(call.cc, TWCC_SEQERROR);
         if (route.needsData && !call.data)
-            return Fail(call, TWCC_BADVALUE);
+            return Fail(call.cc, TWCC_BADVALUE);
         return route.handler(call);
     }
-    return Fail(call, TWCC_BADPROTOCOL); // a triplet this source does not know
+    return Fail(call.cc, TWCC_BADPROTOCOL); // a triplet this source does not know
 }
 
 } // namespace
-
-TW_UINT16 Fail(Call &call, TW_UINT16 cc) {
-    call.cc = cc;
-    return TWRC_FAILURE;
-}
 
 } // namespace vscan
 

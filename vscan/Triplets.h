@@ -16,9 +16,6 @@ struct Call {
 
 typedef TW_UINT16 (*Handler)(Call &call);
 
-// Records `cc` and answers TWRC_FAILURE.
-TW_UINT16 Fail(Call &call, TW_UINT16 cc);
-
 TW_UINT16 GetImageInfo(Call &call);
 TW_UINT16 GetImageLayout(Call &call);
 TW_UINT16 GetDefaultImageLayout(Call &call);
