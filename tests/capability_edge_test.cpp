@@ -328,6 +328,7 @@ TEST_F(CapabilityEdgeTest, PaperSizeListWithoutCodeSeven) {
 }
 
 TEST_F(CapabilityEdgeTest, ResolutionFollowsTheUnitFactor) {
+    ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_DPIINEVERYUNIT, 1)); // a source answering dots per inch in every unit
     ASSERT_EQ(SM_OK, sm.setXResolution(300));
     ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_UNITS, TWTY_UINT16, TWUN_CENTIMETERS));
     short current = 0, minimum = 0, maximum = 0;

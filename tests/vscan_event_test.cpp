@@ -2,6 +2,8 @@
 #include <algorithm>
 #include <fstream>
 #include <functional>
+#include <string>
+#include <vector>
 
 #include "VscanTest.h"
 
@@ -49,6 +51,25 @@ protected:
         return ds.Call(DG_CONTROL, DAT_USERINTERFACE, msg, &ui);
     }
     HWND Button(const char *text) { return FindWindowExA(ds.Info().window, nullptr, "Button", text); }
+    // Clicks a button of the interface, through the message loop as a user's click comes.
+    void Press(const char *text) {
+        const HWND button = Button(text);
+        ASSERT_NE(nullptr, button) << text;
+        PostMessageA(ds.Info().window, WM_COMMAND, MAKEWPARAM(GetDlgCtrlID(button), BN_CLICKED),
+                     reinterpret_cast<LPARAM>(button));
+    }
+    // The interface's list of resolutions, as shown.
+    std::vector<std::string> ResolutionTexts() {
+        const HWND list = FindWindowExA(ds.Info().window, nullptr, "ComboBox", nullptr);
+        std::vector<std::string> texts;
+        const LRESULT count = SendMessageA(list, CB_GETCOUNT, 0, 0);
+        for (LRESULT i = 0; i < count; ++i) {
+            char text[32] = {};
+            SendMessageA(list, CB_GETLBTEXT, i, reinterpret_cast<LPARAM>(text));
+            texts.push_back(text);
+        }
+        return texts;
+    }
     // Transfers the announced image natively and ends it; the count left.
     int TransferOne() {
         TW_UINT32 handle = 0;
@@ -130,10 +151,10 @@ TEST_F(VscanEventTest, InterfaceChoicesAndButtonsPressedByTheTest) {
     ASSERT_NE(nullptr, pixelType);
     EXPECT_EQ(2, SendMessageA(resolution, CB_GETCURSEL, 0, 0)) << "100 dpi shown";
     EXPECT_EQ(2, SendMessageA(pixelType, CB_GETCURSEL, 0, 0)) << "colour shown";
+    EXPECT_EQ((std::vector<std::string>{"50", "75", "100", "150", "200", "300", "400", "600"}), ResolutionTexts());
     SendMessageA(resolution, CB_SETCURSEL, 4, 0); // 200 dpi
     SendMessageA(pixelType, CB_SETCURSEL, 1, 0);  // gray
-    const HWND scan = Button("Scan");
-    PostMessageA(window, WM_COMMAND, MAKEWPARAM(GetDlgCtrlID(scan), BN_CLICKED), reinterpret_cast<LPARAM>(scan));
+    Press("Scan");
     EXPECT_EQ(MSG_XFERREADY, ds.WaitEvent());
     const TW_IMAGEINFO info = ImageInfo();
     EXPECT_EQ(TWPT_GRAY, info.PixelType);
@@ -143,6 +164,26 @@ TEST_F(VscanEventTest, InterfaceChoicesAndButtonsPressedByTheTest) {
     PostMessageA(window, WM_CLOSE, 0, 0);
     EXPECT_EQ(MSG_CLOSEDSREQ, ds.WaitEvent());
     EXPECT_TRUE(IsWindow(window)) << "the window stays until MSG_DISABLEDS";
+}
+
+TEST_F(VscanEventTest, InterfaceResolutionsAreTheCapabilitysValues) {
+    const double values[] = {72, 144, 288};
+    ASSERT_EQ(1, ds.setValues(ICAP_XRESOLUTION, 3, values));
+    ASSERT_EQ(1, ds.setValues(ICAP_YRESOLUTION, 3, values));
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS,
+                ds.SetCapContainer(ICAP_XRESOLUTION, TWON_ENUMERATION, MakeEnumeration(TWTY_FIX32, {144, 288}, 1)));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(true));
+    EXPECT_EQ((std::vector<std::string>{"144", "288"}), ResolutionTexts()) << "the constraint of the test's values";
+    const HWND resolution = FindWindowExA(ds.Info().window, nullptr, "ComboBox", nullptr);
+    EXPECT_EQ(1, SendMessageA(resolution, CB_GETCURSEL, 0, 0)) << "288 dpi shown";
+    SendMessageA(resolution, CB_SETCURSEL, 0, 0);
+    Press("Scan");
+    ASSERT_EQ(MSG_XFERREADY, ds.WaitEvent());
+    const TW_IMAGEINFO info = ImageInfo();
+    EXPECT_EQ(144, Fix32ToDouble(info.XResolution));
+    EXPECT_EQ(144, Fix32ToDouble(info.YResolution));
+    EXPECT_EQ(144, info.ImageWidth);
 }
 
 TEST_F(VscanEventTest, ModalInterfaceDisablesTheParentUntilDisabled) {
@@ -382,6 +423,21 @@ TEST_P(VscanFaultTest, CloseRequestAfterAnImage) {
     TW_PENDINGXFERS pending{};
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending));
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+}
+
+TEST_P(VscanFaultTest, DotsPerInchInEveryUnit) {
+    Switch("DpiInEveryUnit = 1", [&] { ds.setFault(VSCAN_FAULT_DPIINEVERYUNIT, 1); });
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_UNITS, TWTY_UINT16, TWUN_CENTIMETERS));
+    Container c;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GET, c));
+    EXPECT_EQ((std::vector<double>{50, 75, 100, 150, 200, 300, 400, 600}), c.items);
+    EXPECT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XRESOLUTION, TWTY_FIX32, 200)) << "taken as dots per inch";
+    EnableToReady();
+    const TW_IMAGEINFO info = ImageInfo();
+    EXPECT_EQ(200, Fix32ToDouble(info.XResolution));
+    EXPECT_EQ(100, Fix32ToDouble(info.YResolution));
+    EXPECT_EQ(2 * kWidth, info.ImageWidth);
 }
 
 TEST_P(VscanFaultTest, ManufacturerNamedByTheTest) {

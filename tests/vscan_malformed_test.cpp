@@ -11,15 +11,6 @@ namespace {
 
 class VscanMalformedTest : public VscanTest {
 protected:
-    void SetUp() override {
-        VscanTest::SetUp();
-        setMalformed = reinterpret_cast<VscanSetMalformedProc>(
-            reinterpret_cast<void *>(GetProcAddress(ds.Module(), "VscanSetMalformed")));
-        setSetType = reinterpret_cast<VscanSetSetTypeProc>(
-            reinterpret_cast<void *>(GetProcAddress(ds.Module(), "VscanSetSetType")));
-        ASSERT_NE(nullptr, setMalformed);
-        ASSERT_NE(nullptr, setSetType);
-    }
     // A get-like triplet, the answer left as the source made it (the caller frees hContainer).
     TW_UINT16 RawGet(TW_UINT16 cap, TW_UINT16 msg, TW_CAPABILITY &out) {
         out = TW_CAPABILITY{cap, TWON_DONTCARE16, nullptr};
@@ -33,12 +24,9 @@ protected:
             ASSERT_EQ(1, ds.Info().settingsKeys) << line;
             ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
         } else {
-            ASSERT_EQ(1, setMalformed(cap, msg, kind));
+            ASSERT_EQ(1, ds.setMalformed(cap, msg, kind));
         }
     }
-
-    VscanSetMalformedProc setMalformed = nullptr;
-    VscanSetSetTypeProc setSetType = nullptr;
 };
 
 class VscanMalformedBothWays : public VscanMalformedTest, public ::testing::WithParamInterface<bool> {};
@@ -135,12 +123,12 @@ INSTANTIATE_TEST_SUITE_P(ByControlAndByFile, VscanMalformedBothWays, ::testing::
 
 TEST_F(VscanMalformedTest, NoneRepairsAndResetForgets) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
-    ASSERT_EQ(1, setMalformed(ICAP_UNITS, MSG_GET, VSCAN_MALFORMED_NULLHANDLE));
-    ASSERT_EQ(1, setMalformed(ICAP_UNITS, MSG_GET, VSCAN_MALFORMED_NONE));
+    ASSERT_EQ(1, ds.setMalformed(ICAP_UNITS, MSG_GET, VSCAN_MALFORMED_NULLHANDLE));
+    ASSERT_EQ(1, ds.setMalformed(ICAP_UNITS, MSG_GET, VSCAN_MALFORMED_NONE));
     Container c;
     ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_UNITS, MSG_GET, c));
     EXPECT_EQ(6u, c.numItems);
-    ASSERT_EQ(1, setMalformed(ICAP_UNITS, MSG_GET, VSCAN_MALFORMED_NULLHANDLE));
+    ASSERT_EQ(1, ds.setMalformed(ICAP_UNITS, MSG_GET, VSCAN_MALFORMED_NULLHANDLE));
     ds.reset();
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
     ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_UNITS, MSG_GET, c));
@@ -148,12 +136,12 @@ TEST_F(VscanMalformedTest, NoneRepairsAndResetForgets) {
 }
 
 TEST_F(VscanMalformedTest, BadArgumentsAreRefused) {
-    EXPECT_EQ(0, setMalformed(0x7777, MSG_GET, VSCAN_MALFORMED_NULLHANDLE)) << "unknown capability";
-    EXPECT_EQ(0, setMalformed(ICAP_UNITS, MSG_SET, VSCAN_MALFORMED_NULLHANDLE)) << "not a get-like message";
-    EXPECT_EQ(0, setMalformed(ICAP_UNITS, MSG_GET, VSCAN_MALFORMED_COUNT)) << "unknown kind";
-    EXPECT_EQ(0, setMalformed(ICAP_UNITS, MSG_GET, -1));
-    EXPECT_EQ(0, setSetType(0x7777, TWTY_UINT16));
-    EXPECT_EQ(0, setSetType(CAP_FEEDERENABLED, TWTY_STR32)) << "only number types";
+    EXPECT_EQ(0, ds.setMalformed(0x7777, MSG_GET, VSCAN_MALFORMED_NULLHANDLE)) << "unknown capability";
+    EXPECT_EQ(0, ds.setMalformed(ICAP_UNITS, MSG_SET, VSCAN_MALFORMED_NULLHANDLE)) << "not a get-like message";
+    EXPECT_EQ(0, ds.setMalformed(ICAP_UNITS, MSG_GET, VSCAN_MALFORMED_COUNT)) << "unknown kind";
+    EXPECT_EQ(0, ds.setMalformed(ICAP_UNITS, MSG_GET, -1));
+    EXPECT_EQ(0, ds.setSetType(0x7777, TWTY_UINT16));
+    EXPECT_EQ(0, ds.setSetType(CAP_FEEDERENABLED, TWTY_STR32)) << "only number types";
     std::ofstream(IniPath()) << "Malformed = ICAP_UNITS, MSG_GET, 9\n";
     EXPECT_EQ(-1, ds.loadSettings(IniPath().c_str()));
 }
@@ -166,7 +154,7 @@ TEST_P(VscanSetTypeBothWays, SetTakesTheSubstitutedTypeOnly) {
         ds.reset();
         ASSERT_EQ(1, ds.Info().settingsKeys);
     } else {
-        ASSERT_EQ(1, setSetType(CAP_FEEDERENABLED, TWTY_UINT16));
+        ASSERT_EQ(1, ds.setSetType(CAP_FEEDERENABLED, TWTY_UINT16));
     }
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
     EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
@@ -178,7 +166,7 @@ TEST_P(VscanSetTypeBothWays, SetTakesTheSubstitutedTypeOnly) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(CAP_FEEDERENABLED, MSG_GETCURRENT, c));
     EXPECT_EQ(TWTY_BOOL, c.itemType) << "answers keep their own type";
     EXPECT_EQ(1, c.Value());
-    ASSERT_EQ(1, setSetType(CAP_FEEDERENABLED, TWON_DONTCARE16));
+    ASSERT_EQ(1, ds.setSetType(CAP_FEEDERENABLED, TWON_DONTCARE16));
     EXPECT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 0));
     EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCap(CAP_FEEDERENABLED, TWTY_UINT16, 1));
 }
@@ -193,16 +181,13 @@ INSTANTIATE_TEST_SUITE_P(ByControlAndByFile, VscanSetTypeBothWays, ::testing::Bo
 class VscanValuesBothWays : public VscanMalformedTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(VscanValuesBothWays, ListedAndAcceptedWithoutChecks) {
-    auto setValues =
-        reinterpret_cast<VscanSetValuesProc>(reinterpret_cast<void *>(GetProcAddress(ds.Module(), "VscanSetValues")));
-    ASSERT_NE(nullptr, setValues);
     if (GetParam()) {
         std::ofstream(IniPath()) << "Values = ICAP_SUPPORTEDSIZES, 0, 1, 7, 8\n";
         ds.reset();
         ASSERT_EQ(1, ds.Info().settingsKeys);
     } else {
         const double sizes[] = {0, 1, 7, 8};
-        ASSERT_EQ(1, setValues(ICAP_SUPPORTEDSIZES, 4, sizes));
+        ASSERT_EQ(1, ds.setValues(ICAP_SUPPORTEDSIZES, 4, sizes));
     }
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
     Container c;
@@ -212,12 +197,12 @@ TEST_P(VscanValuesBothWays, ListedAndAcceptedWithoutChecks) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_SUPPORTEDSIZES, MSG_GETCURRENT, c));
     EXPECT_EQ(8, c.Value());
     EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCap(ICAP_SUPPORTEDSIZES, TWTY_UINT16, 3)) << "no longer listed";
-    ASSERT_EQ(1, setValues(ICAP_SUPPORTEDSIZES, 0, nullptr));
+    ASSERT_EQ(1, ds.setValues(ICAP_SUPPORTEDSIZES, 0, nullptr));
     ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_SUPPORTEDSIZES, MSG_GET, c));
     EXPECT_EQ(7u, c.numItems) << "its own list again";
     const double many[VSCAN_MAX_VALUES + 1] = {};
-    EXPECT_EQ(0, setValues(ICAP_SUPPORTEDSIZES, VSCAN_MAX_VALUES + 1, many));
-    EXPECT_EQ(0, setValues(0x7777, 1, many));
+    EXPECT_EQ(0, ds.setValues(ICAP_SUPPORTEDSIZES, VSCAN_MAX_VALUES + 1, many));
+    EXPECT_EQ(0, ds.setValues(0x7777, 1, many));
 }
 
 INSTANTIATE_TEST_SUITE_P(ByControlAndByFile, VscanValuesBothWays, ::testing::Bool(),

@@ -433,6 +433,67 @@ TEST_F(VscanCapTest, PhysicalSizeFollowsTheUnits) {
     }
 }
 
+// Lengths of one inch in each unit that has a length.
+struct UnitCase {
+    TW_UINT16 unit;
+    const char *name;
+    double perInch;
+};
+const UnitCase kLengthUnits[] = {{TWUN_INCHES, "TWUN_INCHES", 1},
+                                 {TWUN_CENTIMETERS, "TWUN_CENTIMETERS", 2.54},
+                                 {TWUN_PICAS, "TWUN_PICAS", 6},
+                                 {TWUN_POINTS, "TWUN_POINTS", 72},
+                                 {TWUN_TWIPS, "TWUN_TWIPS", 1440}};
+const double kResolutions[] = {50, 75, 100, 150, 200, 300, 400, 600};
+
+TEST_F(VscanCapTest, ResolutionsArePixelsPerCurrentUnit) {
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XRESOLUTION, TWTY_FIX32, 200));
+    for (const UnitCase &k : kLengthUnits) {
+        SCOPED_TRACE(k.name);
+        ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_UNITS, TWTY_UINT16, k.unit));
+        Container c;
+        ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GETCURRENT, c));
+        EXPECT_NEAR(200 / k.perInch, c.Value(), kFixTolerance);
+        ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_YRESOLUTION, MSG_GETDEFAULT, c));
+        EXPECT_NEAR(100 / k.perInch, c.Value(), kFixTolerance);
+        ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GET, c));
+        ASSERT_EQ(8u, c.items.size());
+        for (size_t i = 0; i < c.items.size(); ++i)
+            EXPECT_NEAR(kResolutions[i] / k.perInch, c.items[i], kFixTolerance) << "item " << i;
+        EXPECT_EQ(4u, c.currentIndex);
+        EXPECT_EQ(2u, c.defaultIndex);
+        EXPECT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XRESOLUTION, TWTY_FIX32, 300 / k.perInch)) << "a listed value";
+        ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GETCURRENT, c));
+        EXPECT_NEAR(300 / k.perInch, c.Value(), kFixTolerance);
+        ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XRESOLUTION, TWTY_FIX32, 200 / k.perInch));
+    }
+
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_UNITS, TWTY_UINT16, TWUN_CENTIMETERS));
+    EXPECT_TWRC(TWRC_CHECKSTATUS, ds.SetCap(ICAP_XRESOLUTION, TWTY_FIX32, 100)) << "254 dpi is no listed value";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCapContainer(ICAP_YRESOLUTION, TWON_ENUMERATION,
+                                                 MakeEnumeration(TWTY_FIX32, {75 / 2.54, 150 / 2.54}, 1)));
+    ASSERT_EQ(1, ds.setContainer(ICAP_YRESOLUTION, MSG_GET, TWON_RANGE));
+    Container c;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_YRESOLUTION, MSG_GET, c));
+    ASSERT_EQ(5u, c.items.size());
+    EXPECT_NEAR(75 / 2.54, c.items[0], kFixTolerance) << "the constraint's minimum";
+    EXPECT_NEAR(150 / 2.54, c.items[1], kFixTolerance);
+    EXPECT_NEAR(75 / 2.54, c.items[2], kFixTolerance) << "the step";
+    EXPECT_NEAR(150 / 2.54, c.items[4], kFixTolerance);
+
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_UNITS, TWTY_UINT16, TWUN_INCHES));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GETCURRENT, c));
+    EXPECT_NEAR(300, c.Value(), kFixTolerance) << "snapped to the nearest listed resolution";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_YRESOLUTION, MSG_GETCURRENT, c));
+    EXPECT_NEAR(150, c.Value(), kFixTolerance) << "the constraint was taken in pixels per centimetre";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_UNITS, TWTY_UINT16, TWUN_PIXELS));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GETCURRENT, c));
+    EXPECT_NEAR(300, c.Value(), kFixTolerance) << "pixels keep dots per inch";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_PHYSICALWIDTH, MSG_GETCURRENT, c));
+    EXPECT_NEAR(8.5 * 300, c.Value(), kFixTolerance);
+}
+
 TEST_F(VscanCapTest, ImageLayoutGetSetResetAndClipping) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
     TW_IMAGELAYOUT layout{};

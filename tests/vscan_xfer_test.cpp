@@ -307,6 +307,22 @@ TEST_F(VscanXferTest, ResolutionScalingAndPaperSizeSetTheImageSize) {
     EXPECT_EQ(550, info.ImageLength) << "11 inches at 50 dpi";
 }
 
+TEST_F(VscanXferTest, ImageInfoResolutionIsPerCurrentUnitAndTheSizeStays) {
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_YRESOLUTION, TWTY_FIX32, 200));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_UNITS, TWTY_UINT16, TWUN_CENTIMETERS));
+    EnableToReady();
+    const TW_IMAGEINFO info = ImageInfo();
+    EXPECT_NEAR(100 / 2.54, Fix32ToDouble(info.XResolution), 1.0 / 65536) << "pixels per centimetre";
+    EXPECT_NEAR(200 / 2.54, Fix32ToDouble(info.YResolution), 1.0 / 65536);
+    EXPECT_EQ(kWidth, info.ImageWidth) << "1 inch at 100 dpi, whatever the unit";
+    EXPECT_EQ(2 * kHeight, info.ImageLength) << "0.5 inch at 200 dpi";
+    Dib dib;
+    Native(dib);
+    EXPECT_EQ(3937, dib.header.biXPelsPerMeter);
+    EXPECT_EQ(7874, dib.header.biYPelsPerMeter);
+}
+
 TEST_F(VscanXferTest, ThresholdAndPixelFlavourDecideBlackAndWhite) {
     OpenSmall();
     Negotiate(Make(TWPT_BW, 1), TWSX_NATIVE);

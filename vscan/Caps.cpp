@@ -159,7 +159,8 @@ const CapDesc *Find(TW_UINT16 cap) {
     return nullptr;
 }
 
-// --- Values of one capability, with the few that depend on others.
+// --- Values of one capability, with the few that depend on others. They are kept in the scanner's own units
+// (resolutions in dots per inch) and converted where an application gives or reads them.
 
 Domain DomainOf(const Source &s, const CapDesc &desc) {
     Domain domain;
@@ -231,6 +232,25 @@ std::vector<double> CurrentOf(const Source &s, const CapDesc &desc) {
     if (state == s.caps.end() || state->second.current.empty())
         return DefaultOf(s, desc);
     return state->second.current;
+}
+
+// The values as an application sees them: resolutions per current unit.
+double AnswerFactor(const Source &s, const CapDesc &desc) {
+    return desc.cap == ICAP_XRESOLUTION || desc.cap == ICAP_YRESOLUTION ? ResolutionFactor(s) : 1;
+}
+
+std::vector<double> Scaled(std::vector<double> values, double factor) {
+    for (double &value : values)
+        value *= factor;
+    return values;
+}
+
+Domain Scaled(Domain domain, double factor) {
+    domain.list = Scaled(domain.list, factor);
+    domain.min *= factor;
+    domain.max *= factor;
+    domain.step *= factor;
+    return domain;
 }
 
 // What other values follow a change of this capability.
@@ -429,9 +449,10 @@ double First(const std::vector<double> &values) {
 
 // The answer of a get-like message in the container chosen for it.
 HGLOBAL BuildAnswer(const Source &s, const CapDesc &desc, TW_UINT16 msg, TW_UINT16 container, TW_UINT16 type) {
-    const Domain domain = DomainOf(s, desc);
-    const std::vector<double> current = CurrentOf(s, desc);
-    const std::vector<double> def = DefaultOf(s, desc);
+    const double factor = AnswerFactor(s, desc);
+    const Domain domain = Scaled(DomainOf(s, desc), factor);
+    const std::vector<double> current = Scaled(CurrentOf(s, desc), factor);
+    const std::vector<double> def = Scaled(DefaultOf(s, desc), factor);
     const std::vector<double> &shown = msg == MSG_GETDEFAULT ? def : current;
     switch (container) {
     case TWON_ENUMERATION:
@@ -481,23 +502,22 @@ bool ReadSet(const CapDesc &desc, TW_UINT16 setType, TW_UINT16 conType, const vo
     return true;
 }
 
-// Applies set values; false when one is not supported. `changed` tells that a value was moved.
+// Applies set values as the application gives them; false when one is not supported. `changed` tells that a value
+// was moved.
 bool Apply(Source &s, const CapDesc &desc, TW_UINT16 conType, std::vector<double> items, TW_UINT32 currentIndex,
            bool &changed) {
-    Domain domain = DomainOf(s, desc);
-    if (conType == TWON_ENUMERATION) {
-        // A constraint is taken against all values, not against an earlier constraint.
-        s.caps[desc.cap].allowed.clear();
-        domain = DomainOf(s, desc);
-    }
+    const double factor = AnswerFactor(s, desc);
+    if (conType == TWON_ENUMERATION)
+        s.caps[desc.cap].allowed.clear(); // a constraint is taken against all values, not against an earlier one
+    const Domain domain = Scaled(DomainOf(s, desc), factor);
     const unsigned strict = conType == TWON_ONEVALUE ? desc.flags : desc.flags & ~kSnap;
     changed = false;
     for (double &item : items) {
         double fitted;
         if (!Fit(domain, strict, item, fitted))
             return false;
-        changed = changed || fitted != item;
-        item = fitted;
+        changed = changed || std::fabs(fitted - item) >= kFix32Step;
+        item = fitted / factor;
     }
     CapState &state = s.caps[desc.cap];
     if (conType == TWON_ENUMERATION) {
@@ -593,7 +613,15 @@ double CapValue(const Source &s, TW_UINT16 cap) {
 bool SetCapValue(Source &s, TW_UINT16 cap, double value) {
     const CapDesc *desc = Find(cap);
     bool changed;
-    return desc && !(desc->flags & kReadOnly) && Apply(s, *desc, TWON_ONEVALUE, {value}, 0, changed);
+    return desc && !(desc->flags & kReadOnly) &&
+           Apply(s, *desc, TWON_ONEVALUE, {value * AnswerFactor(s, *desc)}, 0, changed);
+}
+
+std::vector<double> CapChoices(const Source &s, TW_UINT16 cap) {
+    const CapDesc *desc = Find(cap);
+    if (!desc)
+        return {};
+    return Listing(DomainOf(s, *desc), First(CurrentOf(s, *desc)), First(DefaultOf(s, *desc)), desc->flags);
 }
 
 std::vector<double> BitDepthsFor(int pixelType) {
@@ -686,6 +714,12 @@ double InchesToUnits(const Source &s, double inches, bool vertical) {
 
 double UnitsToInches(const Source &s, double units, bool vertical) {
     return units / InchesToUnits(s, 1.0, vertical);
+}
+
+double ResolutionFactor(const Source &s) {
+    if (s.faults[VSCAN_FAULT_DPIINEVERYUNIT] || CapValue(s, ICAP_UNITS) == TWUN_PIXELS)
+        return 1;
+    return 1 / InchesToUnits(s, 1.0, false);
 }
 
 bool PaperSize(int size, double &width, double &height) {

@@ -23,15 +23,21 @@ TW_UINT16 CapSet(Source &s, TW_CAPABILITY &cap, TW_UINT16 &cc);
 TW_UINT16 CapReset(Source &s, TW_CAPABILITY &cap, TW_UINT16 &cc);
 TW_UINT16 CapQuerySupport(Source &s, TW_CAPABILITY &cap, TW_UINT16 &cc);
 
-// The current value of a scalar capability, and a set through the same checks as MSG_SET (false: refused).
+// The current value of a scalar capability, and a set through the same checks as MSG_SET (false: refused), in the
+// scanner's own units: resolutions in dots per inch whatever ICAP_UNITS says.
 double CapValue(const Source &s, TW_UINT16 cap);
 bool SetCapValue(Source &s, TW_UINT16 cap, double value);
+// The values a capability offers now (its own, VscanSetValues' or a constraint's), in the scanner's own units.
+std::vector<double> CapChoices(const Source &s, TW_UINT16 cap);
 // The bit depths ICAP_BITDEPTH offers for a pixel type; the first is the default.
 std::vector<double> BitDepthsFor(int pixelType);
 
 // Lengths between inches and the current ICAP_UNITS (pixels use the resolution of that axis).
 double InchesToUnits(const Source &s, double inches, bool vertical);
 double UnitsToInches(const Source &s, double units, bool vertical);
+// Resolutions are answered and set in pixels per current unit: dots per inch times this factor. Pixels keep dots
+// per inch (a pixel per pixel says nothing), and so does every unit with VSCAN_FAULT_DPIINEVERYUNIT.
+double ResolutionFactor(const Source &s);
 
 // The bed: 8.5 x 14 inches.
 constexpr double kBedWidth = 8.5;

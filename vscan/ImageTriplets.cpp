@@ -136,8 +136,8 @@ TW_UINT16 GetImageInfo(Call &call) {
     auto *info = static_cast<TW_IMAGEINFO *>(call.data);
     const PageFormat f = CurrentFormat(s);
     std::memset(info, 0, sizeof *info);
-    info->XResolution = ToFix32(XResolution(s));
-    info->YResolution = ToFix32(YResolution(s));
+    info->XResolution = ToFix32(XResolution(s) * ResolutionFactor(s));
+    info->YResolution = ToFix32(YResolution(s) * ResolutionFactor(s));
     info->ImageWidth = f.width;
     info->ImageLength = s.faults[VSCAN_FAULT_UNKNOWNLENGTH] ? -1 : f.height;
     info->SamplesPerPixel = static_cast<TW_INT16>(SamplesPerPixel(f.pixelType));

@@ -146,6 +146,7 @@ const Name kFaultKeys[] = {
     {"MaxBufSize", VSCAN_FAULT_MAXBUFSIZE},
     {"PreferredBufSize", VSCAN_FAULT_PREFERREDBUFSIZE},
     {"ZeroRangeStep", VSCAN_FAULT_ZERORANGESTEP},
+    {"DpiInEveryUnit", VSCAN_FAULT_DPIINEVERYUNIT},
 };
 
 std::string Trim(const std::string &text) {

@@ -2,7 +2,8 @@
 #include "Ui.h"
 
 #include <cmath>
-#include <string>
+#include <cstdio>
+#include <vector>
 
 #include "Caps.h"
 
@@ -15,7 +16,6 @@ const char kTitle[] = "Virtual Scanner";
 
 enum ControlId { kIdResolution = 101, kIdPixelType = 102, kIdScan = 110, kIdClose = 111 };
 
-const int kResolutions[] = {50, 75, 100, 150, 200, 300, 400, 600};
 struct PixelTypeName {
     int type;
     const char *name;
@@ -38,13 +38,20 @@ HWND Child(HWND window, const char *cls, const char *text, DWORD style, int id, 
                            reinterpret_cast<HMENU>(static_cast<INT_PTR>(id)), ModuleInstance(), nullptr);
 }
 
+// The resolutions offered, in dots per inch: what ICAP_XRESOLUTION lists now (its own, a test's, a constraint).
+std::vector<double> Resolutions(const Source &s) {
+    return CapChoices(s, ICAP_XRESOLUTION);
+}
+
 void FillLists(const Source &s, HWND window) {
     HWND resolution = GetDlgItem(window, kIdResolution);
     HWND pixelType = GetDlgItem(window, kIdPixelType);
-    const int currentDpi = static_cast<int>(std::lround(XResolution(s)));
-    for (int i = 0; i < static_cast<int>(sizeof kResolutions / sizeof *kResolutions); ++i) {
-        SendMessageA(resolution, CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(std::to_string(kResolutions[i]).c_str()));
-        if (kResolutions[i] == currentDpi)
+    const std::vector<double> resolutions = Resolutions(s);
+    for (size_t i = 0; i < resolutions.size(); ++i) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%g", resolutions[i]);
+        SendMessageA(resolution, CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(text));
+        if (std::fabs(resolutions[i] - XResolution(s)) < kFix32Step)
             SendMessageA(resolution, CB_SETCURSEL, i, 0);
     }
     const int currentType = static_cast<int>(CapValue(s, ICAP_PIXELTYPE));
@@ -74,10 +81,11 @@ void CreateControls(const Source &s, HWND window) {
 
 // The lists' choices become the negotiated values (a pixel type change resets the bit depth only when it differs).
 void ApplyChoices(Source &s, HWND window) {
+    const std::vector<double> resolutions = Resolutions(s);
     const LRESULT dpi = SendMessageA(GetDlgItem(window, kIdResolution), CB_GETCURSEL, 0, 0);
-    if (dpi >= 0 && dpi < static_cast<LRESULT>(sizeof kResolutions / sizeof *kResolutions)) {
-        SetCapValue(s, ICAP_XRESOLUTION, kResolutions[dpi]);
-        SetCapValue(s, ICAP_YRESOLUTION, kResolutions[dpi]);
+    if (dpi >= 0 && dpi < static_cast<LRESULT>(resolutions.size())) {
+        SetCapValue(s, ICAP_XRESOLUTION, resolutions[dpi]);
+        SetCapValue(s, ICAP_YRESOLUTION, resolutions[dpi]);
     }
     const LRESULT type = SendMessageA(GetDlgItem(window, kIdPixelType), CB_GETCURSEL, 0, 0);
     if (type >= 0 && type < static_cast<LRESULT>(sizeof kPixelTypes / sizeof *kPixelTypes) &&

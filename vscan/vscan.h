@@ -34,7 +34,8 @@ extern "C" {
 #define VSCAN_FAULT_MAXBUFSIZE 9        /* DAT_SETUPMEMXFER answers MaxBufSize N */
 #define VSCAN_FAULT_PREFERREDBUFSIZE 10 /* DAT_SETUPMEMXFER answers Preferred N */
 #define VSCAN_FAULT_ZERORANGESTEP 11    /* every range answered has StepSize 0 */
-#define VSCAN_FAULT_COUNT 12
+#define VSCAN_FAULT_DPIINEVERYUNIT 12   /* resolutions are answered and set in dots per inch whatever ICAP_UNITS says */
+#define VSCAN_FAULT_COUNT 13
 
 /* Spoiled capability answers (VscanSetMalformed, key Malformed): a source that answers a get with TWRC_SUCCESS and a
    container a careful application must not trust. */

@@ -298,6 +298,9 @@ bool VscanLibrary::Load(const std::string &path) {
     setItemType = Resolve<VscanSetItemTypeProc>(module_, "VscanSetItemType");
     setFault = Resolve<VscanSetFaultProc>(module_, "VscanSetFault");
     getInfo = Resolve<VscanGetInfoProc>(module_, "VscanGetInfo");
+    setMalformed = Resolve<VscanSetMalformedProc>(module_, "VscanSetMalformed");
+    setSetType = Resolve<VscanSetSetTypeProc>(module_, "VscanSetSetType");
+    setValues = Resolve<VscanSetValuesProc>(module_, "VscanSetValues");
     app = TW_IDENTITY{};
     app.Id = 77;
     app.ProtocolMajor = TWON_PROTOCOLMAJOR;
@@ -305,7 +308,7 @@ bool VscanLibrary::Load(const std::string &path) {
     app.SupportedGroups = DG_CONTROL | DG_IMAGE;
     std::strcpy(app.ProductName, "vscan test");
     return entry && reset && loadSettings && setPages && setAutoScan && setIdentity && failTriplet && setContainer &&
-           setItemType && setFault && getInfo;
+           setItemType && setFault && getInfo && setMalformed && setSetType && setValues;
 }
 
 void VscanLibrary::Free() {

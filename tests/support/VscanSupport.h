@@ -113,6 +113,9 @@ public:
     VscanSetItemTypeProc setItemType = nullptr;
     VscanSetFaultProc setFault = nullptr;
     VscanGetInfoProc getInfo = nullptr;
+    VscanSetMalformedProc setMalformed = nullptr;
+    VscanSetSetTypeProc setSetType = nullptr;
+    VscanSetValuesProc setValues = nullptr;
 
 private:
     HMODULE module_ = nullptr;
