@@ -26,10 +26,17 @@ Format Make(int pixelType, int bitDepth, bool planar = false) {
     return f;
 }
 
-const NamedFormat kChunkyFormats[] = {
-    {"BW1", Make(TWPT_BW, 1)},           {"Gray8", Make(TWPT_GRAY, 8)},       {"Gray16", Make(TWPT_GRAY, 16)},
-    {"Palette4", Make(TWPT_PALETTE, 4)}, {"Palette8", Make(TWPT_PALETTE, 8)}, {"RGB24", Make(TWPT_RGB, 24)},
+// Native and file transfers: planar RGB negotiated still gives a chunky bitmap.
+const NamedFormat kBitmapFormats[] = {
+    {"BW1", Make(TWPT_BW, 1)},
+    {"Gray8", Make(TWPT_GRAY, 8)},
+    {"Gray16", Make(TWPT_GRAY, 16)},
+    {"Palette4", Make(TWPT_PALETTE, 4)},
+    {"Palette8", Make(TWPT_PALETTE, 8)},
+    {"RGB24", Make(TWPT_RGB, 24)},
     {"RGB48", Make(TWPT_RGB, 48)},
+    {"PlanarRGB24", Make(TWPT_RGB, 24, true)},
+    {"PlanarRGB48", Make(TWPT_RGB, 48, true)},
 };
 
 const NamedFormat kMemoryFormats[] = {
@@ -125,7 +132,7 @@ TEST_P(VscanNativeTest, PackedDibBottomUpBgrWithColourTable) {
     EXPECT_EQ(f.pixelType, info.PixelType);
     EXPECT_EQ(f.pixelType == TWPT_RGB ? 3 : 1, info.SamplesPerPixel);
     EXPECT_EQ(f.pixelType == TWPT_RGB ? f.bitDepth / 3 : f.bitDepth, info.BitsPerSample[0]);
-    EXPECT_EQ(0, info.Planar);
+    EXPECT_EQ(0, info.Planar) << "a bitmap is chunky";
     EXPECT_EQ(100, Fix32ToDouble(info.XResolution));
 
     TW_UINT32 handle = 0;
@@ -151,7 +158,7 @@ TEST_P(VscanNativeTest, PackedDibBottomUpBgrWithColourTable) {
     EXPECT_EQ(0, count);
     EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
 }
-INSTANTIATE_TEST_SUITE_P(Formats, VscanNativeTest, ::testing::ValuesIn(kChunkyFormats), FormatName);
+INSTANTIATE_TEST_SUITE_P(Formats, VscanNativeTest, ::testing::ValuesIn(kBitmapFormats), FormatName);
 
 TEST_P(VscanFileTest, BmpFileWhereSetupFileXferSaid) {
     const Format f = GetParam().format;
@@ -167,6 +174,7 @@ TEST_P(VscanFileTest, BmpFileWhereSetupFileXferSaid) {
     std::snprintf(setup.FileName, sizeof setup.FileName, "%s", path.c_str());
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup));
     EnableToReady();
+    EXPECT_EQ(0, ImageInfo().Planar) << "a bitmap is chunky";
     ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGEFILEXFER, MSG_GET, nullptr));
 
     std::ifstream file(path, std::ios::binary);
@@ -185,7 +193,7 @@ TEST_P(VscanFileTest, BmpFileWhereSetupFileXferSaid) {
     ExpectColourTable(f, dib);
     EXPECT_TRUE(DibMatches(f, dib, kWidth, kHeight, 1));
 }
-INSTANTIATE_TEST_SUITE_P(Formats, VscanFileTest, ::testing::ValuesIn(kChunkyFormats), FormatName);
+INSTANTIATE_TEST_SUITE_P(Formats, VscanFileTest, ::testing::ValuesIn(kBitmapFormats), FormatName);
 
 TEST_P(VscanMemoryTest, StripsOfWholeRowsInRgbOrder) {
     const Format f = GetParam().format;
@@ -305,6 +313,21 @@ TEST_F(VscanXferTest, ResolutionScalingAndPaperSizeSetTheImageSize) {
     info = ImageInfo();
     EXPECT_EQ(425, info.ImageWidth) << "8.5 inches at 50 dpi";
     EXPECT_EQ(550, info.ImageLength) << "11 inches at 50 dpi";
+}
+
+TEST_F(VscanXferTest, YScalingSetsTheHeight) {
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_YSCALING, TWTY_FIX32, 1.5));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY));
+    EnableToReady();
+    const TW_IMAGEINFO info = ImageInfo();
+    EXPECT_EQ(kWidth, info.ImageWidth);
+    EXPECT_EQ(75, info.ImageLength) << "0.5 inch x 100 dpi x 1.5";
+    EXPECT_EQ(100, Fix32ToDouble(info.YResolution)) << "scaling is no resolution";
+    Dib dib;
+    Native(dib);
+    EXPECT_EQ(75, dib.header.biHeight);
+    EXPECT_TRUE(DibMatches(Make(TWPT_GRAY, 8), dib, kWidth, 75, 1));
 }
 
 TEST_F(VscanXferTest, ImageInfoResolutionIsPerCurrentUnitAndTheSizeStays) {

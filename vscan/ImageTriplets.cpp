@@ -144,7 +144,7 @@ TW_UINT16 GetImageInfo(Call &call) {
     for (int i = 0; i < info->SamplesPerPixel; ++i)
         info->BitsPerSample[i] = static_cast<TW_INT16>(BitsPerSample(f));
     info->BitsPerPixel = static_cast<TW_INT16>(f.bitDepth);
-    info->Planar = f.planar;
+    info->Planar = f.planar && Mechanism(s) == TWSX_MEMORY; // bitmaps are always chunky
     info->PixelType = static_cast<TW_INT16>(f.pixelType);
     info->Compression = TWCP_NONE;
     return TWRC_SUCCESS;
