@@ -422,7 +422,44 @@ TEST_P(VscanFaultTest, CloseRequestAfterAnImage) {
     EXPECT_EQ(VSCAN_STATE_XFERREADY, ds.Info().state);
     TW_PENDINGXFERS pending{};
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending));
+    EXPECT_EQ(MSG_NULL, ds.WaitEvent(300)) << "one request: MSG_RESET after image 1 announces none";
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+}
+
+TEST_P(VscanFaultTest, CloseRequestAfterTheLastImageOfTheAutomaticMode) {
+    Switch("CloseRequestAfter = 2\nAutoScan = VSCAN_AUTO_SCAN_CLOSE", [&] {
+        ds.setFault(VSCAN_FAULT_CLOSEREQUESTAFTER, 2);
+        ds.setAutoScan(VSCAN_AUTO_SCAN_CLOSE);
+    });
+    ds.setPages(2);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(true));
+    ASSERT_EQ(MSG_XFERREADY, ds.WaitEvent());
+    EXPECT_EQ(1, TransferOne());
+    EXPECT_EQ(0, TransferOne());
+    EXPECT_EQ(MSG_CLOSEDSREQ, ds.WaitEvent());
+    EXPECT_EQ(MSG_NULL, ds.WaitEvent(500)) << "the fault and the automatic Close make one request";
+}
+
+TEST_P(VscanFaultTest, CloseRequestInPlaceOfTheTransfer) {
+    Switch("CloseRequestAfter = 0", [&] { ds.setFault(VSCAN_FAULT_CLOSEREQUESTAFTER, 0); });
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(false));
+    EXPECT_EQ(MSG_CLOSEDSREQ, ds.WaitEvent()) << "the user cancelled before any scan";
+    EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
+    EXPECT_EQ(MSG_NULL, ds.WaitEvent(300)) << "no transfer is announced";
+    TW_PENDINGXFERS pending{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_GET, &pending));
+    EXPECT_EQ(0, pending.Count);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+
+    ds.setAutoScan(VSCAN_AUTO_SCAN);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(true));
+    EXPECT_NE(nullptr, ds.Info().window);
+    EXPECT_EQ(MSG_CLOSEDSREQ, ds.WaitEvent()) << "again, with the interface";
+    EXPECT_EQ(MSG_NULL, ds.WaitEvent(300)) << "the automatic mode does not scan";
+    EXPECT_EQ(0, ds.Info().imagesStarted);
 }
 
 TEST_P(VscanFaultTest, DotsPerInchInEveryUnit) {
@@ -486,7 +523,7 @@ TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
                                 "BytesWrittenDelta = 0\n"
                                 "ZeroBufferSizes = 0\n"
                                 "PaletteColors = 0\n"
-                                "CloseRequestAfter = 0\n";
+                                "CloseRequestAfter = VSCAN_CLOSEREQUEST_OFF\n";
     ds.reset();
     EXPECT_EQ(15, ds.Info().settingsKeys);
     EXPECT_EQ(7, ds.Info().sheetsLeft);

@@ -80,6 +80,7 @@ void ResetNegotiation(Source &s) {
     s.imagesDone = 0;
     s.xfer = Transfer{};
     s.events.clear();
+    s.closeRequested = false;
 }
 
 void ResetAll(Source &s) {
@@ -87,6 +88,7 @@ void ResetAll(Source &s) {
     s = Source{};
     DefaultIdentity(s.identity);
     s.pages = kDefaultPages;
+    s.faults[VSCAN_FAULT_CLOSEREQUESTAFTER] = VSCAN_CLOSEREQUEST_OFF;
     ResetAnswers(s);
     ResetNegotiation(s);
     s.settingsKeys = LoadSettings(s, DefaultSettingsPath());
@@ -103,6 +105,13 @@ void Announce(Source &s, TW_UINT16 event) {
         PostMessageA(s.parent, NotifyMessage(), kNotifyTag, event);
     else
         PostThreadMessageA(s.thread, NotifyMessage(), kNotifyTag, event);
+}
+
+void RequestClose(Source &s) {
+    if (s.closeRequested)
+        return;
+    s.closeRequested = true;
+    Announce(s, MSG_CLOSEDSREQ);
 }
 
 void StartBatch(Source &s) {

@@ -82,6 +82,7 @@ struct Source {
     DWORD thread = 0;
     HWND window = nullptr;
     std::deque<TW_UINT16> events; // MSG_XFERREADY / MSG_CLOSEDSREQ / MSG_CLOSEDSOK waiting for MSG_PROCESSEVENT
+    bool closeRequested = false;  // MSG_CLOSEDSREQ announced since MSG_ENABLEDS
     int autoScan = VSCAN_AUTO_OFF;
 
     // Switches.
@@ -110,6 +111,8 @@ void ResetAll(Source &s);
 UINT NotifyMessage();
 constexpr WPARAM kNotifyTag = 0x5653; // "VS" in the notice's wParam
 void Announce(Source &s, TW_UINT16 event);
+// MSG_CLOSEDSREQ, announced once per MSG_ENABLEDS however many reasons come (Close, the fault, the automatic mode).
+void RequestClose(Source &s);
 
 // The batch: images announced by a scan, per the feeder, ICAP_IMAGEDATASET and CAP_XFERCOUNT.
 void StartBatch(Source &s);

@@ -88,7 +88,8 @@ TW_UINT16 QueryCapability(Call &call) {
     return CapQuerySupport(call.source, *static_cast<TW_CAPABILITY *>(call.data), call.cc);
 }
 
-// DG_CONTROL / DAT_USERINTERFACE / MSG_ENABLEDS: without the interface the transfer is announced at once.
+// DG_CONTROL / DAT_USERINTERFACE / MSG_ENABLEDS: without the interface the transfer is announced at once, unless
+// the close-request fault has the user cancel before any scan.
 TW_UINT16 EnableDs(Call &call) {
     Source &s = call.source;
     const auto *ui = static_cast<const TW_USERINTERFACE *>(call.data);
@@ -99,17 +100,20 @@ TW_UINT16 EnableDs(Call &call) {
     s.thread = GetCurrentThreadId();
     s.events.clear();
     s.batch.clear();
+    s.closeRequested = false;
+    const bool cancelled = s.faults[VSCAN_FAULT_CLOSEREQUESTAFTER] == 0;
     if (s.showUi || s.uiOnly) {
-        if (!ShowUi(s))
+        if (!ShowUi(s, !cancelled))
             return Fail(call.cc, TWCC_LOWMEMORY);
-        s.state = VSCAN_STATE_ENABLED;
-        return TWRC_SUCCESS;
+    } else if (!cancelled) {
+        StartBatch(s);
+        if (s.batch.empty())
+            return Fail(call.cc, TWCC_OPERATIONERROR); // the feeder is empty
+        Announce(s, MSG_XFERREADY);
     }
-    StartBatch(s);
-    if (s.batch.empty())
-        return Fail(call.cc, TWCC_OPERATIONERROR); // the feeder is empty
+    if (cancelled)
+        RequestClose(s);
     s.state = VSCAN_STATE_ENABLED;
-    Announce(s, MSG_XFERREADY);
     return TWRC_SUCCESS;
 }
 
@@ -171,7 +175,7 @@ TW_UINT16 GetPending(Call &call) {
 void AfterImage(Source &s) {
     const int closeAfter = s.faults[VSCAN_FAULT_CLOSEREQUESTAFTER];
     if (closeAfter > 0 && s.imagesDone == closeAfter)
-        Announce(s, MSG_CLOSEDSREQ);
+        RequestClose(s);
     if (!s.batch.empty()) {
         s.state = VSCAN_STATE_XFERREADY;
         return;

@@ -115,12 +115,12 @@ LRESULT CALLBACK WindowProc(HWND window, UINT message, WPARAM wParam, LPARAM lPa
             return 0;
         }
         if (LOWORD(wParam) == kIdClose) {
-            Announce(s, MSG_CLOSEDSREQ);
+            RequestClose(s);
             return 0;
         }
     }
     if (message == WM_CLOSE) {
-        Announce(s, MSG_CLOSEDSREQ); // the application closes us, through MSG_DISABLEDS
+        RequestClose(s); // the application closes us, through MSG_DISABLEDS
         return 0;
     }
     return DefWindowProcA(window, message, wParam, lParam);
@@ -149,7 +149,7 @@ void Press(Source &s, int id) {
 
 } // namespace
 
-bool ShowUi(Source &s) {
+bool ShowUi(Source &s, bool autoPress) {
     DestroyUi(s);
     if (!RegisterWindowClass())
         return false;
@@ -163,7 +163,7 @@ bool ShowUi(Source &s) {
     s.modalParent = s.modalUi && owner && IsWindowEnabled(owner);
     if (s.modalParent)
         EnableWindow(owner, FALSE); // the application's window waits for us, without a loop of ours
-    if (s.autoScan != VSCAN_AUTO_OFF)
+    if (autoPress && s.autoScan != VSCAN_AUTO_OFF)
         PostScan(s);
     return true;
 }

@@ -6,8 +6,8 @@
 namespace vscan {
 
 // Opens the window for MSG_ENABLEDS (Scan announces a transfer) or MSG_ENABLEDSUIONLY (Scan reads OK and
-// announces MSG_CLOSEDSOK); false when it cannot be created.
-bool ShowUi(Source &s);
+// announces MSG_CLOSEDSOK); `autoPress` lets the automatic modes press Scan. False when it cannot be created.
+bool ShowUi(Source &s, bool autoPress);
 void DestroyUi(Source &s);
 // Presses a button later, through the application's message loop.
 void PostScan(Source &s);

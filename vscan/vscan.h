@@ -22,20 +22,23 @@ extern "C" {
 #define VSCAN_AUTO_SCAN 1       /* Scan is pressed as soon as the interface opens */
 #define VSCAN_AUTO_SCAN_CLOSE 2 /* Scan, then Close once every image of the batch is transferred */
 
-/* Single-value faults (VscanSetFault); 0 switches each off. The settings key is the name after VSCAN_FAULT_. */
+/* Single-value faults (VscanSetFault); 0 switches each off but CLOSEREQUESTAFTER, off at VSCAN_CLOSEREQUEST_OFF.
+   The settings key is the name after VSCAN_FAULT_. */
 #define VSCAN_FAULT_UNKNOWNLENGTH 1     /* DAT_IMAGEINFO answers ImageLength -1 */
 #define VSCAN_FAULT_CANCELIMAGE 2       /* image N (1 = first since MSG_OPENDS) is cancelled with TWRC_CANCEL */
 #define VSCAN_FAULT_CANCELBLOCK 3       /* memory transfers cancel at block N (of image CANCELIMAGE, or of each) */
 #define VSCAN_FAULT_BYTESWRITTENDELTA 4 /* BytesWritten = Rows x BytesPerRow + N in memory strips */
 #define VSCAN_FAULT_ZEROBUFFERSIZES 5   /* DAT_SETUPMEMXFER answers 0 for all three sizes */
 #define VSCAN_FAULT_PALETTECOLORS 6     /* DAT_PALETTE8 answers NumColors = N (e.g. 300) */
-#define VSCAN_FAULT_CLOSEREQUESTAFTER 7 /* MSG_CLOSEDSREQ is announced after MSG_ENDXFER of image N */
+#define VSCAN_FAULT_CLOSEREQUESTAFTER 7 /* MSG_CLOSEDSREQ after MSG_ENDXFER of image N, or at MSG_ENABLEDS for 0 */
 #define VSCAN_FAULT_MINBUFSIZE 8        /* DAT_SETUPMEMXFER answers MinBufSize N */
 #define VSCAN_FAULT_MAXBUFSIZE 9        /* DAT_SETUPMEMXFER answers MaxBufSize N */
 #define VSCAN_FAULT_PREFERREDBUFSIZE 10 /* DAT_SETUPMEMXFER answers Preferred N */
 #define VSCAN_FAULT_ZERORANGESTEP 11    /* every range answered has StepSize 0 */
 #define VSCAN_FAULT_DPIINEVERYUNIT 12   /* resolutions are answered and set in dots per inch whatever ICAP_UNITS says */
 #define VSCAN_FAULT_COUNT 13
+/* VSCAN_FAULT_CLOSEREQUESTAFTER switched off, its default. */
+#define VSCAN_CLOSEREQUEST_OFF (-1)
 
 /* Spoiled capability answers (VscanSetMalformed, key Malformed): a source that answers a get with TWRC_SUCCESS and a
    container a careful application must not trust. */
