@@ -477,6 +477,24 @@ TEST_P(VscanFaultTest, DotsPerInchInEveryUnit) {
     EXPECT_EQ(2 * kWidth, info.ImageWidth);
 }
 
+TEST_P(VscanFaultTest, UnknownPendingCountWhileImagesRemain) {
+    Switch("UnknownPending = 1", [&] { ds.setFault(VSCAN_FAULT_UNKNOWNPENDING, 1); });
+    ds.setPages(3);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    TW_PENDINGXFERS pending{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_GET, &pending));
+    EXPECT_EQ(0, pending.Count) << "nothing announced yet";
+    EnableToReady();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_GET, &pending));
+    EXPECT_EQ(0xFFFF, pending.Count);
+    EXPECT_EQ(0xFFFF, TransferOne()) << "two sheets left";
+    EXPECT_EQ(0xFFFF, TransferOne()) << "one sheet left";
+    EXPECT_EQ(1, ds.Info().pending) << "the source knows its count";
+    EXPECT_EQ(0, TransferOne()) << "the batch is over";
+    EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
+}
+
 TEST_P(VscanFaultTest, ManufacturerNamedByTheTest) {
     Switch("Manufacturer = EPSON", [&] { ds.setIdentity("EPSON", nullptr, nullptr); });
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());

@@ -148,6 +148,7 @@ const Name kFaultKeys[] = {
     {"PreferredBufSize", VSCAN_FAULT_PREFERREDBUFSIZE},
     {"ZeroRangeStep", VSCAN_FAULT_ZERORANGESTEP},
     {"DpiInEveryUnit", VSCAN_FAULT_DPIINEVERYUNIT},
+    {"UnknownPending", VSCAN_FAULT_UNKNOWNPENDING},
 };
 
 std::string Trim(const std::string &text) {

@@ -162,11 +162,13 @@ TW_UINT16 ProcessEvent(Call &call) {
     return TWRC_NOTDSEVENT;
 }
 
-// DG_CONTROL / DAT_PENDINGXFERS / MSG_GET
+// DG_CONTROL / DAT_PENDINGXFERS / MSG_GET: the images left, or -1 for "some" with the unknown-count fault.
 TW_UINT16 GetPending(Call &call) {
+    const Source &s = call.source;
     auto *pending = static_cast<TW_PENDINGXFERS *>(call.data);
-    const bool announced = call.source.state >= VSCAN_STATE_XFERREADY;
-    pending->Count = static_cast<TW_UINT16>(announced ? call.source.batch.size() : 0);
+    const int left = s.state >= VSCAN_STATE_XFERREADY ? static_cast<int>(s.batch.size()) : 0;
+    const bool unknown = s.faults[VSCAN_FAULT_UNKNOWNPENDING] != 0 && left > 0;
+    pending->Count = static_cast<TW_UINT16>(unknown ? -1 : left);
     pending->EOJ = 0;
     return TWRC_SUCCESS;
 }

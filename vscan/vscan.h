@@ -36,7 +36,8 @@ extern "C" {
 #define VSCAN_FAULT_PREFERREDBUFSIZE 10 /* DAT_SETUPMEMXFER answers Preferred N */
 #define VSCAN_FAULT_ZERORANGESTEP 11    /* every range answered has StepSize 0 */
 #define VSCAN_FAULT_DPIINEVERYUNIT 12   /* resolutions are answered and set in dots per inch whatever ICAP_UNITS says */
-#define VSCAN_FAULT_COUNT 13
+#define VSCAN_FAULT_UNKNOWNPENDING 13   /* TW_PENDINGXFERS.Count is -1 while images remain, as feeders may answer */
+#define VSCAN_FAULT_COUNT 14
 /* VSCAN_FAULT_CLOSEREQUESTAFTER switched off, its default. */
 #define VSCAN_CLOSEREQUEST_OFF (-1)
 
@@ -58,7 +59,7 @@ extern "C" {
 /* What VscanGetInfo reports. */
 typedef struct VscanInfo {
     int state;          /* VSCAN_STATE_... */
-    int pending;        /* images left in this batch (what TW_PENDINGXFERS.Count says) */
+    int pending;        /* images left in this batch (what TW_PENDINGXFERS.Count says, unless it says -1) */
     int sheetsLeft;     /* sheets still in the feeder */
     int imagesStarted;  /* images whose transfer began since MSG_OPENDS */
     int imagesDone;     /* images ended with MSG_ENDXFER since MSG_OPENDS */
