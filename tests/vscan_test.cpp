@@ -209,6 +209,8 @@ TEST_F(VscanCapTest, EveryCapabilityWithEveryMessage) {
         EXPECT_EQ(expected, static_cast<int>(c.Value()));
         if (k.readOnly) {
             EXPECT_TWFAIL(TWCC_CAPBADOPERATION, ds.SetCap(k.cap, k.itemType, k.other));
+            EXPECT_TWFAIL(TWCC_CAPBADOPERATION, ds.GetCap(k.cap, MSG_RESET, c));
+            EXPECT_TRUE(c.items.empty()) << "a refused reset answers no container";
             continue;
         }
         EXPECT_TWRC(TWRC_SUCCESS, ds.SetCap(k.cap, k.itemType, k.other));
@@ -301,6 +303,7 @@ TEST_F(VscanCapTest, SupportedCapsListsEveryCapability) {
     for (TW_UINT16 cap : {CAP_SUPPORTEDCAPS, ICAP_IMAGEDATASET, ICAP_COMPRESSION})
         EXPECT_TRUE(Contains(c.items, cap)) << cap;
     EXPECT_TWFAIL(TWCC_CAPBADOPERATION, ds.SetCapContainer(CAP_SUPPORTEDCAPS, TWON_ARRAY, MakeArray(TWTY_UINT16, {1})));
+    EXPECT_TWFAIL(TWCC_CAPBADOPERATION, ds.GetCap(CAP_SUPPORTEDCAPS, MSG_RESET, c));
 }
 
 TEST_F(VscanCapTest, ValuesBetweenSupportedOnesAreSnappedWithCheckStatus) {

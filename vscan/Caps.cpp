@@ -672,11 +672,13 @@ TW_UINT16 CapSet(Source &s, TW_CAPABILITY &cap, TW_UINT16 &cc) {
     return changed ? TWRC_CHECKSTATUS : TWRC_SUCCESS;
 }
 
-// DG_CONTROL / DAT_CAPABILITY / MSG_RESET
+// DG_CONTROL / DAT_CAPABILITY / MSG_RESET: refused, as MSG_SET is, for read-only capabilities.
 TW_UINT16 CapReset(Source &s, TW_CAPABILITY &cap, TW_UINT16 &cc) {
     const CapDesc *desc = Find(cap.Cap);
     if (!desc)
         return Fail(cc, TWCC_CAPUNSUPPORTED);
+    if (desc->flags & kReadOnly)
+        return Fail(cc, TWCC_CAPBADOPERATION);
     s.caps[desc->cap] = CapState{};
     OnChange(s, desc->cap);
     return CapGet(s, MSG_RESET, cap, cc);
