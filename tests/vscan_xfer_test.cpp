@@ -3,6 +3,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <string>
 
 #include "VscanTest.h"
 
@@ -94,6 +95,8 @@ void ExpectColourTable(const Format &f, const Dib &dib) {
         unsigned r = i, g = i, b = i;
         if (f.pixelType == TWPT_PALETTE)
             ExpectedPaletteEntry(f.bitDepth, static_cast<int>(i), r, g, b);
+        else if (f.vanilla)
+            r = g = b = 255 - i; // the ramp starts at white
         EXPECT_EQ(r, dib.colours[i].rgbRed) << "entry " << i;
         EXPECT_EQ(g, dib.colours[i].rgbGreen) << "entry " << i;
         EXPECT_EQ(b, dib.colours[i].rgbBlue) << "entry " << i;
@@ -361,6 +364,52 @@ TEST_F(VscanXferTest, ThresholdAndPixelFlavourDecideBlackAndWhite) {
     EXPECT_TRUE(DibMatches(f, dib, kWidth, kHeight, 1));
     f.vanilla = false;
     EXPECT_FALSE(DibMatches(f, dib, kWidth, kHeight, 1)) << "the flavour must show in the bits";
+}
+
+TEST_F(VscanXferTest, VanillaInvertsGraySamplesButNotPaletteIndexes) {
+    for (Format f : {Make(TWPT_GRAY, 8), Make(TWPT_GRAY, 16), Make(TWPT_PALETTE, 8)}) {
+        SCOPED_TRACE(std::to_string(f.pixelType) + "/" + std::to_string(f.bitDepth));
+        f.vanilla = true;
+        ds.reset();
+        OpenSmall();
+        Negotiate(f, TWSX_NATIVE);
+        ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELFLAVOR, TWTY_UINT16, TWPF_VANILLA));
+        TW_PALETTE8 palette{};
+        ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_PALETTE8, MSG_GET, &palette));
+        EnableToReady();
+        Dib dib;
+        Native(dib);
+        ExpectColourTable(f, dib);
+        EXPECT_TRUE(DibMatches(f, dib, kWidth, kHeight, 1));
+        Format chocolate = f;
+        chocolate.vanilla = false;
+        EXPECT_EQ(f.pixelType == TWPT_PALETTE, DibMatches(chocolate, dib, kWidth, kHeight, 1))
+            << "only gray shows the flavour";
+        if (f.pixelType == TWPT_GRAY) {
+            EXPECT_EQ(255, palette.Colors[0].Channel1) << "the gray ramp starts at white";
+            EXPECT_EQ(0, palette.Colors[255].Channel3);
+        } else {
+            EXPECT_EQ(0, palette.Colors[0].Channel1) << "a palette keeps its colours";
+            EXPECT_EQ(255, palette.Colors[0].Channel2);
+        }
+        TW_UINT16 count;
+        ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
+        ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+
+        ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XFERMECH, TWTY_UINT16, TWSX_MEMORY));
+        EnableToReady();
+        const unsigned rowBytes = kWidth * f.bitDepth / 8;
+        std::vector<unsigned char> image(rowBytes * kHeight);
+        TW_IMAGEMEMXFER mx{};
+        mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
+        mx.Memory.Length = static_cast<TW_UINT32>(image.size());
+        mx.Memory.TheMem = image.data();
+        ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx));
+        for (int y = 0; y < kHeight; ++y)
+            for (int x = 0; x < kWidth; ++x)
+                ASSERT_EQ(ExpectedSamples(f, kWidth, kHeight, 1, x, y), ReadSamples(f, &image[y * rowBytes], x))
+                    << "memory pixel (" << x << ", " << y << ")";
+    }
 }
 
 TEST_F(VscanXferTest, TransfersOfAnotherMechanismAreSequenceErrors) {

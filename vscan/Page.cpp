@@ -88,12 +88,14 @@ void PutPixel(const PageFormat &f, uint8_t *row, int x, Rgb16 c, int plane) {
         else
             row[x] = Gray8(c);
         return;
-    case TWPT_GRAY:
+    case TWPT_GRAY: {
+        const uint16_t gray = f.vanilla ? kMaxSample16 - Gray16(c) : Gray16(c);
         if (f.bitDepth == 16)
-            Put16(row + 2 * x, Gray16(c));
+            Put16(row + 2 * x, gray);
         else
-            row[x] = Gray8(c);
+            row[x] = static_cast<uint8_t>(gray >> 8);
         return;
+    }
     default:
         break;
     }
@@ -109,18 +111,11 @@ void PutPixel(const PageFormat &f, uint8_t *row, int x, Rgb16 c, int plane) {
     }
 }
 
-// Colour table of a DIB: palette entries, a gray ramp, or black and white in the order of the bits.
+// Colour table of a DIB: the palette's entries, in the order of the samples (none for RGB and 16-bit gray).
 std::vector<RGBQUAD> DibColours(const PageFormat &f) {
     std::vector<RGBQUAD> table;
     if (f.pixelType == TWPT_RGB || f.bitDepth == 16)
         return table;
-    if (f.pixelType == TWPT_BW) {
-        const BYTE first = f.vanilla ? kMaxSample8 : 0;
-        table.push_back(RGBQUAD{first, first, first, 0});
-        table.push_back(RGBQUAD{static_cast<BYTE>(kMaxSample8 - first), static_cast<BYTE>(kMaxSample8 - first),
-                                static_cast<BYTE>(kMaxSample8 - first), 0});
-        return table;
-    }
     for (const TW_ELEMENT8 &e : PaletteOf(f))
         table.push_back(RGBQUAD{e.Channel3, e.Channel2, e.Channel1, 0});
     return table;
@@ -183,7 +178,8 @@ std::vector<TW_ELEMENT8> PaletteOf(const PageFormat &f) {
     }
     const int n = f.pixelType == TWPT_BW ? 2 : kMaxSample8 + 1;
     for (int i = 0; i < n; ++i) {
-        const TW_UINT8 level = static_cast<TW_UINT8>(i * kMaxSample8 / (n - 1));
+        const int ramp = i * kMaxSample8 / (n - 1);
+        const TW_UINT8 level = static_cast<TW_UINT8>(f.vanilla ? kMaxSample8 - ramp : ramp);
         colours.push_back(TW_ELEMENT8{static_cast<TW_UINT8>(i), level, level, level});
     }
     return colours;

@@ -17,7 +17,7 @@ struct PageFormat {
     int bitDepth = 24;
     bool planar = false;  // RGB only: memory transfers deliver the red, green and blue planes one after the other
     int threshold = 128;  // black-and-white: a pixel is white when its 8-bit gray is at least this
-    bool vanilla = false; // black-and-white: 1 is black instead of white
+    bool vanilla = false; // black-and-white and gray: 0 is white (samples and their colour table inverted)
 };
 
 struct Rgb16 {
@@ -35,7 +35,8 @@ uint32_t MemoryBytesPerRow(const PageFormat &f);
 // One row in memory-transfer layout (RGB order, 16-bit samples little-endian); `plane` -1 for chunky.
 void RenderRow(const PageFormat &f, int y, int plane, uint8_t *out);
 
-// Palette entries of palette images: index i of n = 2^depth has L = i*255/(n-1) and colour (L, 255-L, L/2).
+// Palette entries of palette images: index i of n = 2^depth has L = i*255/(n-1) and colour (L, 255-L, L/2), whatever
+// the pixel flavour; black-and-white and gray: a ramp from black, or from white for vanilla.
 std::vector<TW_ELEMENT8> PaletteOf(const PageFormat &f);
 
 // The packed DIB (BITMAPINFOHEADER, colour table, bottom-up rows padded to 4 bytes, BGR) of a page.

@@ -126,8 +126,10 @@ std::vector<unsigned> ExpectedSamples(const Format &f, int w, int h, int page, i
         return {static_cast<unsigned>((static_cast<int>(gray8) >= f.threshold) != f.vanilla)};
     case TWPT_PALETTE:
         return {f.bitDepth == 4 ? gray8 >> 4 : gray8};
-    case TWPT_GRAY:
-        return {f.bitDepth == 16 ? gray16 : gray8};
+    case TWPT_GRAY: {
+        const unsigned gray = f.vanilla ? 65535 - gray16 : gray16;
+        return {f.bitDepth == 16 ? gray : gray >> 8};
+    }
     default:
         if (f.bitDepth == 48)
             return {c.r, c.g, c.b};

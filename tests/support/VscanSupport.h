@@ -34,7 +34,7 @@ struct Format {
     int bitDepth = 24;
     bool planar = false;
     int threshold = 128;
-    bool vanilla = false;
+    bool vanilla = false; // TWPF_VANILLA: black-and-white bits and gray samples inverted, palette indexes not
 };
 // Channels of the pixel as a transfer must deliver it: {bit} for black and white, {index} for palette images,
 // {gray} for gray, {r, g, b} for RGB (8-bit formats keep the high byte of each 16-bit value).
