@@ -377,6 +377,25 @@ TEST_F(VscanCapTest, EnumerationSetsConstrainTheValuesUntilReset) {
     EXPECT_NEAR(297 / 25.4, Fix32ToDouble(layout.Frame.Bottom), kFixTolerance);
 }
 
+TEST_F(VscanCapTest, AFrameOfItsOwnIsNoPaperSizeEvenOutsideAConstraint) {
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCapContainer(ICAP_SUPPORTEDSIZES, TWON_ENUMERATION,
+                                                 MakeEnumeration(TWTY_UINT16, {TWSS_USLETTER, TWSS_A4LETTER}, 1)));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetFrame(0, 0, 1, 2));
+    Container c;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_SUPPORTEDSIZES, MSG_GETCURRENT, c));
+    EXPECT_EQ(TWSS_NONE, c.Value()) << "the constraint leaves NONE out, the frame is none of its sizes";
+    TW_IMAGELAYOUT layout{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_GET, &layout));
+    EXPECT_EQ(2, Fix32ToDouble(layout.Frame.Bottom)) << "the frame as set";
+
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_SUPPORTEDSIZES, TWTY_UINT16, TWSS_USLETTER));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_RESET, &layout));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_SUPPORTEDSIZES, MSG_GETCURRENT, c));
+    EXPECT_EQ(TWSS_NONE, c.Value()) << "the whole bed is no paper size either";
+    EXPECT_EQ(14, Fix32ToDouble(layout.Frame.Bottom));
+}
+
 TEST_F(VscanCapTest, ImageDataSetTakesAnArrayOfPages) {
     ds.setPages(5);
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());

@@ -617,6 +617,10 @@ bool SetCapValue(Source &s, TW_UINT16 cap, double value) {
            Apply(s, *desc, TWON_ONEVALUE, {value * AnswerFactor(s, *desc)}, 0, changed);
 }
 
+void ForceCapValue(Source &s, TW_UINT16 cap, double value) {
+    s.caps[cap].current = {value};
+}
+
 std::vector<double> CapChoices(const Source &s, TW_UINT16 cap) {
     const CapDesc *desc = Find(cap);
     if (!desc)

@@ -27,6 +27,8 @@ TW_UINT16 CapQuerySupport(Source &s, TW_CAPABILITY &cap, TW_UINT16 &cc);
 // scanner's own units: resolutions in dots per inch whatever ICAP_UNITS says.
 double CapValue(const Source &s, TW_UINT16 cap);
 bool SetCapValue(Source &s, TW_UINT16 cap, double value);
+// Puts a value in place without any check and without what follows a change (a constraint stays as it is).
+void ForceCapValue(Source &s, TW_UINT16 cap, double value);
 // The values a capability offers now (its own, VscanSetValues' or a constraint's), in the scanner's own units.
 std::vector<double> CapChoices(const Source &s, TW_UINT16 cap);
 // The bit depths ICAP_BITDEPTH offers for a pixel type; the first is the default.

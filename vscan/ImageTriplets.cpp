@@ -173,7 +173,7 @@ TW_UINT16 SetImageLayout(Call &call) {
     bool clipped;
     if (!FitFrame(frame, clipped))
         return Fail(call.cc, TWCC_BADVALUE);
-    SetCapValue(s, ICAP_SUPPORTEDSIZES, TWSS_NONE);
+    ForceCapValue(s, ICAP_SUPPORTEDSIZES, TWSS_NONE); // even outside a constraint
     s.frame = frame;
     PutLayout(s, s.frame, *layout);
     return clipped ? TWRC_CHECKSTATUS : TWRC_SUCCESS;
@@ -182,7 +182,7 @@ TW_UINT16 SetImageLayout(Call &call) {
 // DG_IMAGE / DAT_IMAGELAYOUT / MSG_RESET
 TW_UINT16 ResetImageLayout(Call &call) {
     Source &s = call.source;
-    SetCapValue(s, ICAP_SUPPORTEDSIZES, TWSS_NONE);
+    ForceCapValue(s, ICAP_SUPPORTEDSIZES, TWSS_NONE); // even outside a constraint
     s.frame = BedFrame();
     return GetImageLayout(call);
 }
