@@ -186,6 +186,32 @@ TEST_F(VscanEventTest, InterfaceResolutionsAreTheCapabilitysValues) {
     EXPECT_EQ(144, info.ImageWidth);
 }
 
+TEST_F(VscanEventTest, UnloadingWithTheInterfaceOpenTakesTheWindowAndItsClassAlong) {
+    AppWindow app;
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, EnableModal(app.Handle()));
+    const HWND window = ds.Info().window;
+    ASSERT_TRUE(IsWindow(window));
+    const HINSTANCE instance = ds.Module();
+    WNDCLASSA cls;
+    ASSERT_TRUE(GetClassInfoA(instance, kWindowClass, &cls));
+    ds.Free();
+    EXPECT_FALSE(IsWindow(window)) << "no window may outlive the module's window procedure";
+    EXPECT_EQ(nullptr, FindWindowA(kWindowClass, nullptr));
+    EXPECT_FALSE(GetClassInfoA(instance, kWindowClass, &cls)) << "the class is unregistered";
+    EXPECT_TRUE(IsWindowEnabled(app.Handle())) << "the modal interface gave its parent back";
+    DrainMessages();
+
+    ASSERT_TRUE(ds.Load());
+    ds.reset();
+    ds.setAutoScan(VSCAN_AUTO_SCAN);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(true));
+    EXPECT_TRUE(IsWindow(ds.Info().window));
+    EXPECT_TRUE(GetClassInfoA(ds.Module(), kWindowClass, &cls)) << "registered again by the new module";
+    EXPECT_EQ(MSG_XFERREADY, ds.WaitEvent()) << "the new window works";
+}
+
 TEST_F(VscanEventTest, ModalInterfaceDisablesTheParentUntilDisabled) {
     AppWindow app;
     OpenSmall();

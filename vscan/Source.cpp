@@ -14,6 +14,8 @@ namespace vscan {
 namespace {
 
 HINSTANCE moduleInstance = nullptr;
+Source theSource;
+bool sourceReady = false; // TheSource() filled it in
 constexpr int kDefaultPages = 3;
 const char kDefaultFileName[] = "TWAIN.TMP";
 const char kNotifyName[] = "smkernal virtual scanner event";
@@ -57,13 +59,11 @@ TW_SETUPFILEXFER DefaultFileXfer() {
 }
 
 Source &TheSource() {
-    static Source source;
-    static bool ready = false;
-    if (!ready) {
-        ready = true;
-        ResetAll(source);
+    if (!sourceReady) {
+        sourceReady = true;
+        ResetAll(theSource);
     }
-    return source;
+    return theSource;
 }
 
 HINSTANCE ModuleInstance() {
@@ -171,7 +171,8 @@ BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
         vscan::moduleInstance = instance;
         DisableThreadLibraryCalls(instance);
     } else if (reason == DLL_PROCESS_DETACH && !reserved) {
-        vscan::UnregisterUi(instance); // unloaded by FreeLibrary: the process and its classes go on
+        // Unloaded by FreeLibrary: the process, its windows and classes go on without our code.
+        vscan::UnloadUi(vscan::sourceReady ? &vscan::theSource : nullptr, instance);
     }
     return TRUE;
 }

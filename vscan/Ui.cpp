@@ -177,7 +177,13 @@ void DestroyUi(Source &s) {
     s.modalParent = false;
 }
 
-void UnregisterUi(HINSTANCE instance) {
+void UnloadUi(Source *s, HINSTANCE instance) {
+    if (s && s->window && GetWindowThreadProcessId(s->window, nullptr) != GetCurrentThreadId()) {
+        // Only its own thread may destroy it: it stays, but answers with the default procedure from now on.
+        SetWindowLongPtrA(s->window, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(DefWindowProcA));
+    }
+    if (s)
+        DestroyUi(*s);
     if (registered)
         UnregisterClassA(kWindowClass, instance);
     registered = false;

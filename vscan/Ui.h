@@ -12,7 +12,8 @@ void DestroyUi(Source &s);
 // Presses a button later, through the application's message loop.
 void PostScan(Source &s);
 void PostClose(Source &s);
-// Forgets the window class when the module is unloaded, so that a reload registers its own again.
-void UnregisterUi(HINSTANCE instance);
+// The module is unloaded while the process goes on: the window (of `s`, when there is a source) is destroyed and
+// the class unregistered, so that no window procedure of ours outlives the code and a reload registers its own.
+void UnloadUi(Source *s, HINSTANCE instance);
 
 } // namespace vscan
