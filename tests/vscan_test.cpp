@@ -351,6 +351,43 @@ TEST_F(VscanCapTest, UnsupportedValuesContainersAndItemTypesAreBadValues) {
     EXPECT_EQ(TWPT_RGB, c.Value()) << "failed sets change nothing";
 }
 
+// The container cut to `size` bytes, its counts left claiming more.
+HGLOBAL CutTo(HGLOBAL container, SIZE_T size) {
+    HGLOBAL cut = GlobalReAlloc(container, size, GMEM_MOVEABLE);
+    EXPECT_NE(nullptr, cut);
+    EXPECT_EQ(size, GlobalSize(cut));
+    return cut;
+}
+
+TEST_F(VscanCapTest, SetContainersClaimingMoreThanTheirBlockAreBadValues) {
+    ds.setPages(4);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    const std::vector<double> types = {TWPT_BW, TWPT_GRAY, TWPT_RGB, TWPT_PALETTE};
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCapContainer(ICAP_PIXELTYPE, TWON_ENUMERATION,
+                                                    CutTo(MakeEnumeration(TWTY_UINT16, types, 1),
+                                                          offsetof(TW_ENUMERATION, ItemList) + 2 * sizeof(TW_UINT16))))
+        << "four items claimed, two in the block";
+    EXPECT_TWFAIL(TWCC_BADVALUE,
+                  ds.SetCapContainer(ICAP_IMAGEDATASET, TWON_ARRAY,
+                                     CutTo(MakeArray(TWTY_UINT32, {1, 2, 3, 4}), offsetof(TW_ARRAY, ItemList) + 4)))
+        << "four pages claimed, one in the block";
+    EXPECT_TWFAIL(TWCC_BADVALUE,
+                  ds.SetCapContainer(ICAP_XRESOLUTION, TWON_ONEVALUE, CutTo(MakeOneValue(TWTY_FIX32, 200), 4)))
+        << "a one value without its whole item";
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCapContainer(ICAP_PIXELTYPE, TWON_ENUMERATION,
+                                                    CutTo(MakeEnumeration(TWTY_UINT16, types, 1), 1)))
+        << "not even an item type";
+    Container c;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_PIXELTYPE, MSG_GET, c));
+    EXPECT_EQ(4u, c.numItems) << "no constraint was taken";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GETCURRENT, c));
+    EXPECT_EQ(100, c.Value());
+    EXPECT_TWRC(TWRC_SUCCESS, ds.SetCapContainer(ICAP_PIXELTYPE, TWON_ENUMERATION,
+                                                 CutTo(MakeEnumeration(TWTY_UINT16, {TWPT_BW, TWPT_GRAY}, 1),
+                                                       offsetof(TW_ENUMERATION, ItemList) + 2 * sizeof(TW_UINT16))))
+        << "a block that just holds its items";
+}
+
 TEST_F(VscanCapTest, EnumerationSetsConstrainTheValuesUntilReset) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
     ASSERT_TWRC(TWRC_SUCCESS, ds.SetCapContainer(ICAP_PIXELTYPE, TWON_ENUMERATION,

@@ -469,33 +469,38 @@ HGLOBAL BuildAnswer(const Source &s, const CapDesc &desc, TW_UINT16 msg, TW_UINT
     }
 }
 
-// Reads the values of a set: one value, an enumeration's items (constraint) or an array's items.
-bool ReadSet(const CapDesc &desc, TW_UINT16 setType, TW_UINT16 conType, const void *container,
+// Reads the values of a set: one value, an enumeration's items (constraint) or an array's items. False for a
+// container of another kind or item type, and for one whose items would run past its block of `size` bytes.
+bool ReadSet(const CapDesc &desc, TW_UINT16 setType, TW_UINT16 conType, const void *container, size_t size,
              std::vector<double> &items, TW_UINT32 &currentIndex) {
+    if (size < sizeof(TW_UINT16))
+        return false;
     const TW_UINT16 type = *static_cast<const TW_UINT16 *>(container);
     if (type != (setType == TWON_DONTCARE16 ? desc.itemType : setType))
         return false;
     currentIndex = 0;
     if (conType == TWON_ONEVALUE) {
+        if (size < offsetof(TW_ONEVALUE, Item) + ItemSize(type))
+            return false;
         items = {ReadItem(&static_cast<const TW_ONEVALUE *>(container)->Item, type)};
         return !(desc.flags & kList) || (desc.flags & kSetArray);
     }
-    const TW_UINT8 *list;
+    size_t listOffset;
     TW_UINT32 count;
-    if (conType == TWON_ENUMERATION && (desc.flags & kSetEnum)) {
+    if (conType == TWON_ENUMERATION && (desc.flags & kSetEnum) && size >= offsetof(TW_ENUMERATION, ItemList)) {
         auto *en = static_cast<const TW_ENUMERATION *>(container);
-        list = en->ItemList;
+        listOffset = offsetof(TW_ENUMERATION, ItemList);
         count = en->NumItems;
         currentIndex = en->CurrentIndex;
-    } else if (conType == TWON_ARRAY && (desc.flags & kSetArray)) {
-        auto *array = static_cast<const TW_ARRAY *>(container);
-        list = array->ItemList;
-        count = array->NumItems;
+    } else if (conType == TWON_ARRAY && (desc.flags & kSetArray) && size >= offsetof(TW_ARRAY, ItemList)) {
+        listOffset = offsetof(TW_ARRAY, ItemList);
+        count = static_cast<const TW_ARRAY *>(container)->NumItems;
     } else {
         return false;
     }
-    if (count == 0 || count > kMaxListed || currentIndex >= count)
+    if (count == 0 || count > kMaxListed || currentIndex >= count || listOffset + count * ItemSize(type) > size)
         return false;
+    const TW_UINT8 *list = static_cast<const TW_UINT8 *>(container) + listOffset;
     items.clear();
     for (TW_UINT32 i = 0; i < count; ++i)
         items.push_back(ReadItem(list + i * ItemSize(type), type));
@@ -668,7 +673,8 @@ TW_UINT16 CapSet(Source &s, TW_CAPABILITY &cap, TW_UINT16 &cc) {
         return Fail(cc, TWCC_BADVALUE);
     std::vector<double> items;
     TW_UINT32 currentIndex;
-    const bool read = ReadSet(*desc, s.answers[cap.Cap].setType, cap.ConType, container, items, currentIndex);
+    const bool read = ReadSet(*desc, s.answers[cap.Cap].setType, cap.ConType, container, GlobalSize(cap.hContainer),
+                              items, currentIndex);
     GlobalUnlock(cap.hContainer);
     bool changed = false;
     if (!read || !Apply(s, *desc, cap.ConType, items, currentIndex, changed))
