@@ -1,6 +1,7 @@
 // Virtual scanner: identity, states and sequence errors, and every capability with every message and container.
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "VscanTest.h"
 
@@ -71,8 +72,61 @@ double Shown(const Container &c) {
     }
 }
 
+// A triplet the source refuses in some state.
+struct Triplet {
+    TW_UINT32 dg;
+    TW_UINT16 dat;
+    TW_UINT16 msg;
+    const char *name;
+};
+
+const Triplet kRefusedInState6[] = {
+    {DG_CONTROL, DAT_CAPABILITY, MSG_SET, "DAT_CAPABILITY/MSG_SET"},
+    {DG_CONTROL, DAT_CAPABILITY, MSG_RESET, "DAT_CAPABILITY/MSG_RESET"},
+    {DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, "DAT_IMAGELAYOUT/MSG_SET"},
+    {DG_IMAGE, DAT_IMAGELAYOUT, MSG_RESET, "DAT_IMAGELAYOUT/MSG_RESET"},
+    {DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, "DAT_USERINTERFACE/MSG_DISABLEDS"},
+    {DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, "DAT_USERINTERFACE/MSG_ENABLEDS"},
+    {DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDSUIONLY, "DAT_USERINTERFACE/MSG_ENABLEDSUIONLY"},
+    {DG_CONTROL, DAT_IDENTITY, MSG_CLOSEDS, "DAT_IDENTITY/MSG_CLOSEDS"},
+    {DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, "DAT_IDENTITY/MSG_OPENDS"},
+    {DG_CONTROL, DAT_SETUPFILEXFER, MSG_RESET, "DAT_SETUPFILEXFER/MSG_RESET"},
+};
+
+const Triplet kRefusedInState7[] = {
+    {DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, "DAT_SETUPMEMXFER/MSG_GET"},
+    {DG_IMAGE, DAT_IMAGELAYOUT, MSG_GET, "DAT_IMAGELAYOUT/MSG_GET"},
+    {DG_IMAGE, DAT_IMAGELAYOUT, MSG_GETDEFAULT, "DAT_IMAGELAYOUT/MSG_GETDEFAULT"},
+    {DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, "DAT_IMAGELAYOUT/MSG_SET"},
+    {DG_IMAGE, DAT_PALETTE8, MSG_GET, "DAT_PALETTE8/MSG_GET"},
+    {DG_IMAGE, DAT_PALETTE8, MSG_GETDEFAULT, "DAT_PALETTE8/MSG_GETDEFAULT"},
+    {DG_CONTROL, DAT_SETUPFILEXFER, MSG_GET, "DAT_SETUPFILEXFER/MSG_GET"},
+    {DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, "DAT_SETUPFILEXFER/MSG_SET"},
+    {DG_CONTROL, DAT_XFERGROUP, MSG_GET, "DAT_XFERGROUP/MSG_GET"},
+    {DG_CONTROL, DAT_CAPABILITY, MSG_SET, "DAT_CAPABILITY/MSG_SET"},
+    {DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, "DAT_PENDINGXFERS/MSG_RESET"},
+    {DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, "DAT_USERINTERFACE/MSG_DISABLEDS"},
+    {DG_CONTROL, DAT_IDENTITY, MSG_CLOSEDS, "DAT_IDENTITY/MSG_CLOSEDS"},
+    {DG_IMAGE, DAT_IMAGEFILEXFER, MSG_GET, "DAT_IMAGEFILEXFER/MSG_GET"},
+};
+
 class VscanIdentityTest : public VscanTest {};
-class VscanStateTest : public VscanTest {};
+class VscanStateTest : public VscanTest {
+protected:
+    // Each triplet fails with TWCC_SEQERROR, which DAT_STATUS then gives back (another failure comes first, so
+    // that a status left from before would show), and the state stays.
+    template <size_t N> void ExpectRefused(const Triplet (&triplets)[N], int state) {
+        for (const Triplet &t : triplets) {
+            SCOPED_TRACE(t.name);
+            Container c;
+            ASSERT_TWRC(TWRC_FAILURE, ds.GetCap(0x7777, MSG_GET, c));
+            ASSERT_EQ(TWCC_CAPUNSUPPORTED, ds.Status());
+            alignas(TW_UINT32) unsigned char data[sizeof(TW_PALETTE8)] = {};
+            EXPECT_TWFAIL(TWCC_SEQERROR, ds.Call(t.dg, t.dat, t.msg, data));
+            EXPECT_EQ(state, ds.Info().state);
+        }
+    }
+};
 class VscanCapTest : public VscanTest {};
 
 TEST_F(VscanIdentityTest, AnswersItsIdentityBeforeAndAfterOpening) {
@@ -165,6 +219,25 @@ TEST_F(VscanStateTest, InState7ANewNativeTransferIsASequenceError) {
     EXPECT_TWFAIL(TWCC_SEQERROR, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
     TW_PENDINGXFERS pending{};
     EXPECT_TWFAIL(TWCC_SEQERROR, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending));
+}
+
+TEST_F(VscanStateTest, NegotiationAndSessionTripletsInState6AreSequenceErrors) {
+    OpenSmall();
+    EnableToReady();
+    ExpectRefused(kRefusedInState6, VSCAN_STATE_XFERREADY);
+}
+
+TEST_F(VscanStateTest, SetupLayoutAndPaletteInState7AreSequenceErrors) {
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XFERMECH, TWTY_UINT16, TWSX_MEMORY));
+    EnableToReady();
+    std::vector<unsigned char> strip(10 * 300);
+    TW_IMAGEMEMXFER mx{};
+    mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
+    mx.Memory.Length = static_cast<TW_UINT32>(strip.size());
+    mx.Memory.TheMem = strip.data();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx)) << "10 rows of 50: state 7";
+    ExpectRefused(kRefusedInState7, VSCAN_STATE_XFERRING);
 }
 
 TEST_F(VscanStateTest, UnknownTripletsAndMissingDataFail) {
