@@ -346,6 +346,34 @@ TEST_P(VscanFaultTest, MemoryTransferCancelledAtBlock) {
     EXPECT_EQ(0, count);
 }
 
+TEST_P(VscanFaultTest, MemoryTransferCancelledAtABlockOfOneImage) {
+    Switch("CancelImage = 2\nCancelBlock = 3", [&] {
+        ds.setFault(VSCAN_FAULT_CANCELIMAGE, 2);
+        ds.setFault(VSCAN_FAULT_CANCELBLOCK, 3);
+    });
+    ds.setPages(3);
+    MemoryGray();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    EnableToReady();
+    std::vector<unsigned char> buffer(kWidth * 10);
+    TW_IMAGEMEMXFER mx;
+    for (int image = 1; image <= 3; ++image) {
+        SCOPED_TRACE("image " + std::to_string(image));
+        const int blocks = image == 2 ? 3 : kHeight / 10;
+        for (int block = 1; block <= blocks; ++block) {
+            const TW_UINT16 expected =
+                image == 2 && block == 3 ? TWRC_CANCEL : (block == kHeight / 10 ? TWRC_XFERDONE : TWRC_SUCCESS);
+            EXPECT_TWRC(expected, Strip(buffer, mx)) << "block " << block;
+        }
+        if (image == 2) {
+            EXPECT_TWFAIL(TWCC_SEQERROR, Strip(buffer, mx)) << "nothing more of the cancelled image";
+        }
+        TW_UINT16 count;
+        ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
+        EXPECT_EQ(3 - image, count);
+    }
+}
+
 TEST_P(VscanFaultTest, NativeTransferOfOneImageCancelled) {
     Switch("CancelImage = 2", [&] { ds.setFault(VSCAN_FAULT_CANCELIMAGE, 2); });
     ds.setPages(3);
@@ -599,11 +627,38 @@ TEST_F(VscanSettingsTest, TheReadmeExample) {
                                 "CloseRequestAfter = 4\n";
     ds.reset();
     EXPECT_EQ(8, ds.Info().settingsKeys);
-    EXPECT_EQ(5, ds.Info().sheetsLeft);
+    EXPECT_EQ(5, ds.Info().sheetsLeft) << "Pages";
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
-    EXPECT_STREQ("EPSON", ds.ds.Manufacturer);
-    EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY));
-    EXPECT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY)) << "only once";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetFrame(0, 0, 1, 0.5));
+    EXPECT_STREQ("EPSON", ds.ds.Manufacturer) << "Manufacturer";
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY)) << "Fail";
+    EXPECT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY)) << "Fail: only once";
+    Container c;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GET, c));
+    EXPECT_STREQ("TWON_RANGE", ConName(c.conType)) << "Container";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(CAP_FEEDERENABLED, MSG_GET, c));
+    EXPECT_EQ(TWTY_UINT16, c.itemType) << "ItemType";
+
+    // Five sheets through memory transfers: image 3 is cancelled at block 2, the close is asked after image 4.
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XFERMECH, TWTY_UINT16, TWSX_MEMORY));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(false));
+    ASSERT_EQ(MSG_XFERREADY, ds.WaitEvent());
+    std::vector<unsigned char> buffer(kWidth * 25);
+    for (int image = 1; image <= 5; ++image) {
+        SCOPED_TRACE("image " + std::to_string(image));
+        TW_IMAGEMEMXFER mx{};
+        mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
+        mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
+        mx.Memory.TheMem = buffer.data();
+        EXPECT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx));
+        EXPECT_TWRC(image == 3 ? TWRC_CANCEL : TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx))
+            << "CancelImage and CancelBlock";
+        TW_PENDINGXFERS pending{};
+        ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_ENDXFER, &pending));
+        EXPECT_EQ(5 - image, pending.Count);
+        EXPECT_EQ(image == 4 ? MSG_CLOSEDSREQ : MSG_NULL, ds.WaitEvent(200)) << "CloseRequestAfter";
+    }
 }
 
 TEST_F(VscanSettingsTest, ABadKeyStopsTheFile) {
