@@ -262,6 +262,40 @@ TEST_P(VscanMemoryTest, StripsOfWholeRowsInRgbOrder) {
 }
 INSTANTIATE_TEST_SUITE_P(Formats, VscanMemoryTest, ::testing::ValuesIn(kMemoryFormats), FormatName);
 
+// DAT_SETUPMEMXFER for an image: a row at least, whole rows within 64 KB preferred (a row at least), a plane at
+// most (the preferred size at least).
+struct SetupCase {
+    const char *name;
+    Format format;
+    double right, bottom, xResolution, xScaling;
+    TW_UINT32 min, preferred, max;
+};
+const SetupCase kSetupCases[] = {
+    {"small gray", Make(TWPT_GRAY, 8), 1, 0.5, 100, 1, 100, 655 * 100, 655 * 100},
+    {"bed of gray", Make(TWPT_GRAY, 8), 8.5, 14, 100, 1, 850, 77 * 850, 850 * 1400},
+    {"bed of RGB", Make(TWPT_RGB, 24), 8.5, 14, 100, 1, 2550, 25 * 2550, 2550 * 1400},
+    {"bed of planar RGB", Make(TWPT_RGB, 24, true), 8.5, 14, 100, 1, 850, 77 * 850, 850 * 1400},
+    {"bed of BW", Make(TWPT_BW, 1), 8.5, 14, 100, 1, 107, 612 * 107, 107 * 1400},
+    {"rows above 64 KB", Make(TWPT_RGB, 48), 8.5, 1, 400, 4, 81600, 81600, 81600 * 100},
+};
+
+TEST_F(VscanXferTest, SetupMemXferSizesOfEachImage) {
+    for (const SetupCase &k : kSetupCases) {
+        SCOPED_TRACE(k.name);
+        ds.reset();
+        ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+        ASSERT_TWRC(TWRC_SUCCESS, ds.SetFrame(0, 0, k.right, k.bottom));
+        ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XRESOLUTION, TWTY_FIX32, k.xResolution));
+        ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XSCALING, TWTY_FIX32, k.xScaling));
+        Negotiate(k.format, TWSX_MEMORY);
+        TW_SETUPMEMXFER setup{};
+        ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup));
+        EXPECT_EQ(k.min, setup.MinBufSize);
+        EXPECT_EQ(k.preferred, setup.Preferred);
+        EXPECT_EQ(k.max, setup.MaxBufSize);
+    }
+}
+
 TEST_F(VscanXferTest, MemoryBufferByHandleAndTooSmallBuffers) {
     OpenSmall();
     Negotiate(Make(TWPT_GRAY, 8), TWSX_MEMORY);

@@ -206,7 +206,8 @@ TW_UINT16 ResetPending(Call &call) {
     return TWRC_SUCCESS;
 }
 
-// DG_CONTROL / DAT_SETUPMEMXFER / MSG_GET: a row at least, 64 KB of whole rows preferred, a plane at most.
+// DG_CONTROL / DAT_SETUPMEMXFER / MSG_GET: a row at least, 64 KB of whole rows preferred (a row at least), a plane
+// at most (the preferred size at least).
 TW_UINT16 GetSetupMem(Call &call) {
     constexpr TW_UINT32 kPreferredBytes = 64 * 1024;
     auto *setup = static_cast<TW_SETUPMEMXFER *>(call.data);
