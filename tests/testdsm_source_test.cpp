@@ -426,7 +426,7 @@ TEST_F(TdsmScriptTest, UserSelectOfEntriesSharingAFileSticksToTheChosenOne) {
 }
 
 TEST_F(TdsmScriptTest, UnusableScriptedEntriesAreSkipped) {
-    dsm.AddSource("Missing", (TwainDir() + "\\missing.ds").c_str());
+    dsm.AddSource("Missing", (TwainSourceDir() + "\\missing.ds").c_str());
     dsm.AddSource("No entry", (BinDir() + "\\fakeds_noentry.ds").c_str());
     dsm.AddSource("Good", (BinDir() + "\\fakeds.ds").c_str());
     ASSERT_RC(TWRC_SUCCESS, OpenDsm());
@@ -448,7 +448,7 @@ TEST_F(TdsmScriptTest, ClearingListsNothingAndUseDirectoryGoesBack) {
 TEST_F(TdsmScriptTest, AnotherDirectoryCanBeListed) {
     PutSource("InDirectory.ds");
     PutSource("elsewhere\\Other.ds");
-    dsm.UseDirectory((TwainDir() + "\\elsewhere").c_str());
+    dsm.UseDirectory((TwainSourceDir() + "\\elsewhere").c_str());
     ASSERT_RC(TWRC_SUCCESS, OpenDsm());
     EXPECT_EQ(std::vector<std::string>{"Other"}, ListNames());
 }

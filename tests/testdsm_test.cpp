@@ -256,7 +256,7 @@ TEST_F(TdsmDefaultTest, AnEntryNamingNoUsableSourceFallsBackToTheFirst) {
     const std::string noEntry = PutSource("NoEntry.ds", "fakeds_noentry.ds");
     ASSERT_RC(TWRC_SUCCESS, OpenDsm());
     for (const std::string &entry :
-         {text, noEntry, TwainDir() + "\\Missing.ds", std::string("garbage"), BinDir() + "\\fakeds.ds"}) {
+         {text, noEntry, TwainSourceDir() + "\\Missing.ds", std::string("garbage"), BinDir() + "\\fakeds.ds"}) {
         SetDefaultSourceEntry(entry);
         TW_IDENTITY identity = {};
         ASSERT_RC(TWRC_SUCCESS, Identity(MSG_GETDEFAULT, &identity)) << entry;

@@ -17,7 +17,8 @@ class TdsmVscanTest : public DsmTest {
 protected:
     void SetUp() override {
         DsmTest::SetUp();
-        path = PutSource("vscan\\vscan.ds", "vscan.ds");
+        path = InstallVscan("vscan\\vscan.ds");
+        ASSERT_FALSE(path.empty()) << "installing the virtual scanner in a subdirectory of " << TwainSourceDir();
     }
     void TearDown() override {
         dsm.Reset();

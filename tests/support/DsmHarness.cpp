@@ -34,39 +34,22 @@ void RemoveTree(const std::string &dir) {
     FindClose(search);
 }
 
-// Creates every directory of `path`'s parent.
-void MakeParents(const std::string &path) {
-    for (size_t at = path.find('\\', 3); at != std::string::npos; at = path.find('\\', at + 1))
-        CreateDirectoryA(path.substr(0, at).c_str(), nullptr);
-}
-
-std::string InTwainDir(const std::string &relative) {
-    const std::string path = TwainDir() + "\\" + relative;
-    MakeParents(path);
-    return path;
-}
-
 } // namespace
 
-std::string TwainDir() {
-    return WindowsDir() + "\\twain_32";
-}
-
 void CleanTwainDir() {
-    CreateDirectoryA(TwainDir().c_str(), nullptr);
-    RemoveTree(TwainDir());
+    CreateDirectoryA(TwainSourceDir().c_str(), nullptr);
+    RemoveTree(TwainSourceDir());
 }
 
 std::string PutSource(const std::string &relative, const char *binary) {
-    const std::string path = InTwainDir(relative);
-    const std::string from = BinDir() + "\\" + binary;
-    if (!CopyFileA(from.c_str(), path.c_str(), FALSE))
-        ADD_FAILURE() << "copying " << from << " to " << path << " failed";
-    return path;
+    const std::string path = InstallSource("twain_32\\" + relative, binary);
+    if (path.empty())
+        ADD_FAILURE() << "installing " << binary << " as twain_32\\" << relative << " failed";
+    return path.empty() ? TwainSourceDir() + "\\" + relative : path;
 }
 
 std::string PutNonSource(const std::string &relative) {
-    const std::string path = InTwainDir(relative);
+    const std::string path = MakeWindowsPath("twain_32\\" + relative);
     std::ofstream(path) << "this is no data source\n";
     return path;
 }

@@ -7,15 +7,14 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "VscanSupport.h"
 #include "fakeds.h"
 
 namespace smtest {
 
-// <windows>\twain_32, where the manager looks for sources.
-std::string TwainDir();
 // Empties twain_32 (keeping the directory itself).
 void CleanTwainDir();
-// Copies a built source (fakeds.ds by default) to twain_32\<relative>, making directories; returns the full path.
+// Installs a built source (fakeds.ds by default) as twain_32\<relative>; returns the full path.
 std::string PutSource(const std::string &relative, const char *binary = "fakeds.ds");
 // Writes a file that is no DLL at twain_32\<relative>; returns the full path.
 std::string PutNonSource(const std::string &relative);

@@ -97,10 +97,20 @@ std::string TwainSourceDir() {
     return WindowsDir() + "\\twain_32";
 }
 
+std::string MakeWindowsPath(const std::string &relativePath) {
+    const std::string path = WindowsDir() + "\\" + relativePath;
+    for (size_t at = path.find('\\', WindowsDir().size() + 1); at != std::string::npos; at = path.find('\\', at + 1))
+        CreateDirectoryA(path.substr(0, at).c_str(), nullptr);
+    return path;
+}
+
+std::string InstallSource(const std::string &relativePath, const char *binary) {
+    const std::string target = MakeWindowsPath(relativePath);
+    return CopyFileA((BinDir() + "\\" + binary).c_str(), target.c_str(), FALSE) ? target : std::string();
+}
+
 std::string InstallVscan(const std::string &name) {
-    CreateDirectoryA(TwainSourceDir().c_str(), nullptr);
-    const std::string target = TwainSourceDir() + "\\" + name;
-    return CopyFileA(VscanBuildPath().c_str(), target.c_str(), FALSE) ? target : std::string();
+    return InstallSource("twain_32\\" + name);
 }
 
 void UninstallVscan(const std::string &name) {

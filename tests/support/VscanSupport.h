@@ -16,8 +16,14 @@ namespace smtest {
 std::string VscanBuildPath();
 // The source manager's directory of sources in the test prefix (C:\windows\twain_32).
 std::string TwainSourceDir();
-// Copies vscan.ds into C:\windows\twain_32 as `name` (vscan.ds for a classic source manager, sane.ds for Wine's);
-// returns the full path of the copy, or "" when copying failed.
+// <windows>\<relativePath>, its directories made.
+std::string MakeWindowsPath(const std::string &relativePath);
+// Installs a data source the build made (bin\vscan.ds unless `binary` names another) as <windows>\<relativePath>,
+// making its directories; the full path of the copy, or "" when copying failed. The virtual scanner goes to
+// twain_32\vscan.ds for the stand-in source manager (which finds any .ds under twain_32), and to twain_32\sane.ds
+// for Wine's own, which loads no other name.
+std::string InstallSource(const std::string &relativePath, const char *binary = "vscan.ds");
+// The virtual scanner as twain_32\<name>: vscan.ds for the stand-in, sane.ds for Wine's source manager.
 std::string InstallVscan(const std::string &name = "vscan.ds");
 void UninstallVscan(const std::string &name = "vscan.ds");
 
