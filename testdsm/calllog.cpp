@@ -6,6 +6,7 @@
 #include <deque>
 
 #include "lock.h"
+#include "records.h"
 
 namespace tdsm {
 
@@ -24,44 +25,6 @@ int dropped = 0;
 constexpr size_t kOneValueItem = offsetof(TW_ONEVALUE, Item);
 constexpr size_t kEnumerationItems = offsetof(TW_ENUMERATION, ItemList);
 constexpr size_t kArrayItems = offsetof(TW_ARRAY, ItemList);
-
-// Bytes that a triplet's data record holds, for the log.
-TW_UINT32 DataSize(TW_UINT16 dat) {
-    switch (dat) {
-    case DAT_CAPABILITY:
-        return sizeof(TW_CAPABILITY);
-    case DAT_EVENT:
-        return sizeof(TW_EVENT);
-    case DAT_IDENTITY:
-        return sizeof(TW_IDENTITY);
-    case DAT_PARENT:
-        return sizeof(HWND);
-    case DAT_PENDINGXFERS:
-        return sizeof(TW_PENDINGXFERS);
-    case DAT_SETUPMEMXFER:
-        return sizeof(TW_SETUPMEMXFER);
-    case DAT_SETUPFILEXFER:
-        return sizeof(TW_SETUPFILEXFER);
-    case DAT_STATUS:
-        return sizeof(TW_STATUS);
-    case DAT_USERINTERFACE:
-        return sizeof(TW_USERINTERFACE);
-    case DAT_XFERGROUP:
-        return sizeof(TW_UINT32);
-    case DAT_IMAGEINFO:
-        return sizeof(TW_IMAGEINFO);
-    case DAT_IMAGELAYOUT:
-        return sizeof(TW_IMAGELAYOUT);
-    case DAT_IMAGEMEMXFER:
-        return sizeof(TW_IMAGEMEMXFER);
-    case DAT_IMAGENATIVEXFER:
-        return sizeof(TW_UINT32);
-    case DAT_PALETTE8:
-        return sizeof(TW_PALETTE8);
-    default:
-        return 0;
-    }
-}
 
 void CopyName(char *to, const TW_IDENTITY *identity) {
     std::memset(to, 0, sizeof(TW_STR32));

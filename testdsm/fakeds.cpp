@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "fakeds.h"
+#include "records.h"
 
 namespace {
 
@@ -45,31 +46,6 @@ std::string FileProductName() {
         name = name.substr(slash + 1);
     const size_t dot = name.find_last_of('.');
     return dot == std::string::npos ? name : name.substr(0, dot);
-}
-
-TW_UINT32 DataSize(TW_UINT16 dat) {
-    switch (dat) {
-    case DAT_CAPABILITY:
-        return sizeof(TW_CAPABILITY);
-    case DAT_EVENT:
-        return sizeof(TW_EVENT);
-    case DAT_IDENTITY:
-        return sizeof(TW_IDENTITY);
-    case DAT_STATUS:
-        return sizeof(TW_STATUS);
-    case DAT_USERINTERFACE:
-        return sizeof(TW_USERINTERFACE);
-    case DAT_PENDINGXFERS:
-        return sizeof(TW_PENDINGXFERS);
-    case DAT_SETUPMEMXFER:
-        return sizeof(TW_SETUPMEMXFER);
-    case DAT_IMAGEINFO:
-        return sizeof(TW_IMAGEINFO);
-    case DAT_IMAGELAYOUT:
-        return sizeof(TW_IMAGELAYOUT);
-    default:
-        return 0;
-    }
 }
 
 void FillIdentity(TW_IDENTITY *identity) {
@@ -321,7 +297,7 @@ TW_UINT16 WINAPI DS_Entry(pTW_IDENTITY origin, TW_UINT32 dg, TW_UINT16 dat, TW_U
     call.dat = dat;
     call.msg = msg;
     call.hasData = data != nullptr;
-    call.dataSize = data ? DataSize(dat) : 0;
+    call.dataSize = data ? tdsm::DataSize(dat) : 0;
     if (call.dataSize)
         std::memcpy(call.data, data, call.dataSize);
     call.rc = Answer(origin, dg, dat, msg, data);
