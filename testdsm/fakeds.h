@@ -1,5 +1,5 @@
-/* Control interface of fakeds.ds, a recording data source for the stand-in source manager's tests.
-   Its ProductName is its file name without extension unless FakeDsSetProductName says otherwise. */
+/* Control interface of fakeds.ds, a recording data source for the stand-in source manager's tests. */
+/* Its ProductName is its file name without extension unless FakeDsSetProductName says otherwise. */
 #ifndef FAKEDS_H
 #define FAKEDS_H
 

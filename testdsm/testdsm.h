@@ -1,5 +1,5 @@
-/* Control interface of the stand-in TWAIN_32.DLL used by the tests: its call log and its switches.
-   Tests load the same file the library loads (C:\windows\TWAIN_32.DLL) and resolve these names. */
+/* Control interface of the stand-in TWAIN_32.DLL used by the tests: its call log and its switches. */
+/* Tests load the same file the library loads (C:\windows\TWAIN_32.DLL) and resolve these names. */
 #ifndef TESTDSM_H
 #define TESTDSM_H
 
@@ -9,7 +9,7 @@
 extern "C" {
 #endif
 
-/* Largest data record a triplet carries (TW_PALETTE8). */
+/* Largest data record a triplet carries (TW_PALETTE8; records.h checks it against every record a log copies). */
 #define TDSM_MAX_DATA 1028
 /* Items of a capability container kept as numbers, and bytes of its item list kept as they lie. */
 #define TDSM_MAX_ITEMS 64

@@ -1,5 +1,5 @@
-/* Control interface of the virtual scanner data source (vscan.ds): switches, faults and read-back for tests.
-   A test loads the same .ds file the source manager loads and resolves these cdecl names. Every switch also has a
+/* Control interface of the virtual scanner data source (vscan.ds): switches, faults and read-back for tests. */
+/* A test loads the same .ds file the source manager loads and resolves these cdecl names. Every switch also has a
    key in vscan.ini beside the .ds (see the README); the file is read when the source is loaded and by VscanReset. */
 #ifndef VSCAN_H
 #define VSCAN_H
