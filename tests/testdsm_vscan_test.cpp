@@ -140,6 +140,13 @@ TEST_F(TdsmVscanTest, ScriptedNamesBackedByTheVirtualScanner) {
     EXPECT_EQ("Scanner Two", NameOf(source));
     Attach();
     EXPECT_EQ(VSCAN_STATE_OPEN, Info().state);
+    TW_IDENTITY other = IdentityNamed("Scanner One");
+    EXPECT_RC(TWRC_FAILURE, Identity(MSG_OPENDS, &other)) << "one scanner: one of its identities open at a time";
+    EXPECT_CC(TWCC_SEQERROR, Status());
+    EXPECT_EQ(1, dsm.OpenSourceCount());
+    ASSERT_RC(TWRC_SUCCESS, Identity(MSG_CLOSEDS, &source));
+    other = OpenSource("Scanner One");
+    EXPECT_EQ("Scanner One", NameOf(other));
 }
 
 TEST_F(TdsmVscanTest, EventsReachTheApplicationThroughProcessEvent) {

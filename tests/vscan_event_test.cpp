@@ -595,9 +595,11 @@ TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
                                 "BytesWrittenDelta = 0\n"
                                 "ZeroBufferSizes = 0\n"
                                 "PaletteColors = 0\n"
-                                "CloseRequestAfter = VSCAN_CLOSEREQUEST_OFF\n";
+                                "CloseRequestAfter = VSCAN_CLOSEREQUEST_OFF\n"
+                                "UnknownPending = 0\n"
+                                "DpiInEveryUnit = 0\n";
     ds.reset();
-    EXPECT_EQ(15, ds.Info().settingsKeys);
+    EXPECT_EQ(17, ds.Info().settingsKeys);
     EXPECT_EQ(7, ds.Info().sheetsLeft);
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
     EXPECT_STREQ("EPSON", ds.ds.Manufacturer);
