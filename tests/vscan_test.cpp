@@ -8,8 +8,6 @@
 namespace smtest {
 namespace {
 
-constexpr double kFixTolerance = 2.0 / 65536.0;
-
 // What each capability answers by default, and another value it takes.
 struct CapCase {
     TW_UINT16 cap;

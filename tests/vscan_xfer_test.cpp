@@ -373,8 +373,8 @@ TEST_F(VscanXferTest, ImageInfoResolutionIsPerCurrentUnitAndTheSizeStays) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_UNITS, TWTY_UINT16, TWUN_CENTIMETERS));
     EnableToReady();
     const TW_IMAGEINFO info = ImageInfo();
-    EXPECT_NEAR(100 / 2.54, Fix32ToDouble(info.XResolution), 1.0 / 65536) << "pixels per centimetre";
-    EXPECT_NEAR(200 / 2.54, Fix32ToDouble(info.YResolution), 1.0 / 65536);
+    EXPECT_NEAR(100 / 2.54, Fix32ToDouble(info.XResolution), kFixTolerance) << "pixels per centimetre";
+    EXPECT_NEAR(200 / 2.54, Fix32ToDouble(info.YResolution), kFixTolerance);
     EXPECT_EQ(kWidth, info.ImageWidth) << "1 inch at 100 dpi, whatever the unit";
     EXPECT_EQ(2 * kHeight, info.ImageLength) << "0.5 inch at 200 dpi";
     Dib dib;

@@ -16,6 +16,9 @@
 
 namespace smtest {
 
+// Two steps of a TW_FIX32: a value sent and read back through containers is this close.
+constexpr double kFixTolerance = 2.0 / 65536;
+
 inline ::testing::AssertionResult TwrcIs(VscanLibrary &ds, TW_UINT16 expected, TW_UINT16 rc, const char *expr) {
     if (rc == expected)
         return ::testing::AssertionSuccess();
