@@ -70,7 +70,8 @@ TScanModule::TScanModule(HINSTANCE instance) {
     std::memset(&disabledWindows, 0, sizeof disabledWindows);
     parentWindow = GetDesktopWindow();
     lstrcpyA(appTitle, kDefaultTitle);
-    brightnessMin = -1000.0, brightnessMax = 1000.0, brightnessStep = 1.0;
+    brightnessMin = kDefaultBrightnessMin, brightnessMax = kDefaultBrightnessMax,
+    brightnessStep = kDefaultBrightnessStep;
     contrastMin = -1000.0, contrastMax = 1000.0, contrastStep = 1.0;
     highlightMin = 0.0, highlightMax = 255.0, highlightStep = 1.0;
     shadowMin = 0.0, shadowMax = 255.0, shadowStep = 1.0;

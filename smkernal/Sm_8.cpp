@@ -12,7 +12,6 @@ const char kSource[] = SM_SOURCE("Sm_8");
 const char kMemoryTransfer[] = "DoMemXfer";
 // One maker's sources want blocks of at least their minimum size.
 const char kBlockSizeMaker[] = "EPSON";
-constexpr DWORD kImageEnded = 0xFFFFFFFF;
 constexpr TW_UINT32 kAppOwnedPointer = TWMF_APPOWNS | TWMF_POINTER;
 constexpr int kGrayBytes = 1;
 constexpr int kRgbBytes = 3;
@@ -105,7 +104,7 @@ LONG TScanModule::ReadBlock(BYTE *destination, DWORD destinationSize, DWORD *cou
         rc = CallDsm(&sourceIdentity, DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &block);
         if (rc == TWRC_CANCEL) {
             readBlockBytesPerPixel = 0;
-            *count = kImageEnded;
+            *count = SM_IMAGE_ENDED;
             EndThisXfer(&pending);
             SetForegroundWindow(parentWindow);
             result = -4;
@@ -122,17 +121,17 @@ LONG TScanModule::ReadBlock(BYTE *destination, DWORD destinationSize, DWORD *cou
             result = -5;
         } else if (rc == TWRC_XFERDONE) {
             readBlockBytesPerPixel = 0;
-            *count = kImageEnded;
+            *count = SM_IMAGE_ENDED;
             EndThisXfer(&pending);
             SetForegroundWindow(parentWindow);
         }
     }
     if (result == TWCC_OPERATIONERROR || result == -4) {
         EndAllXfer();
-        *count = kImageEnded;
+        *count = SM_IMAGE_ENDED;
     }
     if (cancelAllXfer || result == TWCC_OPERATIONERROR) {
-        *count = kImageEnded;
+        *count = SM_IMAGE_ENDED;
         EndAllXfer();
     }
     return result;

@@ -161,7 +161,7 @@ TEST_F(CapabilityEdgeTest, RangeWhereOnlyOneValuesAreAcceptedIsReleased) {
 TEST_F(CapabilityEdgeTest, BrightnessRangeIsReadWhenTheSourceOpens) {
     // The source's range -100..100 with a step of 1: its values, whose smallest gap is the step it answers.
     const double range[] = {-100, -99, 0, 100};
-    ASSERT_EQ(1, setValues(ICAP_BRIGHTNESS, 4, range));
+    ASSERT_EQ(1, scanner.setValues(ICAP_BRIGHTNESS, 4, range));
     ASSERT_EQ(SM_OK, closeDS());
     Reset();
     ASSERT_EQ(SM_OK, openDS(window, "Capability test"));
@@ -205,7 +205,7 @@ TEST_F(CapabilityEdgeTest, ContrastKeepsItsInitialRange) {
 
 TEST_F(CapabilityEdgeTest, BrightnessEnumerationGivesItsSmallestAndLargestItems) {
     const double items[] = {-50, 0, 50};
-    ASSERT_EQ(1, setValues(ICAP_BRIGHTNESS, 3, items));
+    ASSERT_EQ(1, scanner.setValues(ICAP_BRIGHTNESS, 3, items));
     ASSERT_EQ(1, scanner.setContainer(ICAP_BRIGHTNESS, MSG_GET, TWON_ENUMERATION));
     Reopen();
     EXPECT_EQ(SM_OK, sm.setBrightness(100, 0, 100));
@@ -218,7 +218,7 @@ TEST_F(CapabilityEdgeTest, BrightnessEnumerationGivesItsSmallestAndLargestItems)
 
 TEST_F(CapabilityEdgeTest, BrightnessRangeWithoutWidthFallsBack) {
     const double single[] = {5};
-    ASSERT_EQ(1, setValues(ICAP_BRIGHTNESS, 1, single));
+    ASSERT_EQ(1, scanner.setValues(ICAP_BRIGHTNESS, 1, single));
     ASSERT_EQ(SM_OK, closeDS());
     viewer.Clear();
     ASSERT_EQ(SM_OK, openDS(window, "Capability test"));
@@ -260,7 +260,7 @@ TEST_F(CapabilityEdgeTest, EqualApplicationBoundsAreRefusedWithoutContactingTheS
 
 TEST_F(CapabilityEdgeTest, UnknownPixelTypeCodeReadsAsGray) {
     const double codes[] = {TWPT_GRAY, 9};
-    ASSERT_EQ(1, setValues(ICAP_PIXELTYPE, 2, codes));
+    ASSERT_EQ(1, scanner.setValues(ICAP_PIXELTYPE, 2, codes));
     WORD flag = 0;
     ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY));
     EXPECT_EQ(SM_OK, sm.getPixelType(&flag));
@@ -272,13 +272,13 @@ TEST_F(CapabilityEdgeTest, UnknownPixelTypeCodeReadsAsGray) {
 
 TEST_F(CapabilityEdgeTest, UnknownPaperAndUnitCodesReadAsTheirFirstFlag) {
     const double sizes[] = {TWSS_NONE, 9};
-    ASSERT_EQ(1, setValues(ICAP_SUPPORTEDSIZES, 2, sizes));
+    ASSERT_EQ(1, scanner.setValues(ICAP_SUPPORTEDSIZES, 2, sizes));
     ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_SUPPORTEDSIZES, TWTY_UINT16, 9));
     WORD flag = 0;
     EXPECT_EQ(SM_OK, sm.getPaperSize(&flag));
     EXPECT_EQ(1, flag);
     const double units[] = {TWUN_INCHES, 6};
-    ASSERT_EQ(1, setValues(ICAP_UNITS, 2, units));
+    ASSERT_EQ(1, scanner.setValues(ICAP_UNITS, 2, units));
     ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_UNITS, TWTY_UINT16, 6));
     EXPECT_EQ(SM_OK, sm.getUnit(&flag));
     EXPECT_EQ(1, flag);
@@ -321,7 +321,7 @@ TEST_F(CapabilityEdgeTest, SetIndexWithoutListSendsAOneValue) {
 
 TEST_F(CapabilityEdgeTest, PaperSizeListWithoutCodeSeven) {
     const double sizes[] = {0, 1, 7, 8};
-    ASSERT_EQ(1, setValues(ICAP_SUPPORTEDSIZES, 4, sizes));
+    ASSERT_EQ(1, scanner.setValues(ICAP_SUPPORTEDSIZES, 4, sizes));
     WORD flags = 0;
     EXPECT_EQ(SM_OK, sm.getSupportedPaperSize(&flags));
     EXPECT_EQ(0x103, flags);
@@ -403,7 +403,7 @@ TEST_F(CapabilityEdgeTest, ProductNameOfTheOpenSource) {
 TEST_F(CapabilityEdgeTest, IndexesCompareAsUnsignedNumbers) {
     // 40000 is 0x9C40: as a TW_FIX32 its whole part would read -25536, below 3.
     const double sets[] = {3, 40000};
-    ASSERT_EQ(1, setValues(ICAP_IMAGEDATASET, 2, sets));
+    ASSERT_EQ(1, scanner.setValues(ICAP_IMAGEDATASET, 2, sets));
     DWORD list[] = {3, 40000};
     ASSERT_TRUE(IsStatus(SM_OK, sm.setIndex(2, list)));
     ASSERT_EQ(1, scanner.setContainer(ICAP_IMAGEDATASET, MSG_GET, TWON_ENUMERATION));
@@ -458,7 +458,7 @@ TEST_P(AccessorReadingTest, CodecCallsAreExactlyWhatTheAccessorNeeds) {
         ASSERT_EQ(1, scanner.setContainer(r.cap, msg, r.container));
     }
     if (!r.values.empty()) {
-        ASSERT_EQ(1, setValues(r.cap, static_cast<int>(r.values.size()), r.values.data()));
+        ASSERT_EQ(1, scanner.setValues(r.cap, static_cast<int>(r.values.size()), r.values.data()));
     }
     Reset();
     r.call(sm);
@@ -589,7 +589,7 @@ INSTANTIATE_TEST_SUITE_P(CapabilityReadings, AccessorReadingTest, ::testing::Val
 // The brightness range read at open: an enumeration is walked only, a one-value is taken but not read.
 TEST_F(CapabilityEdgeTest, BrightnessRangeReadsOnlyWhatItStores) {
     const double items[] = {-50, 0, 50};
-    ASSERT_EQ(1, setValues(ICAP_BRIGHTNESS, 3, items));
+    ASSERT_EQ(1, scanner.setValues(ICAP_BRIGHTNESS, 3, items));
     ASSERT_EQ(1, scanner.setContainer(ICAP_BRIGHTNESS, MSG_GET, TWON_ENUMERATION));
     ASSERT_EQ(SM_OK, closeDS());
     viewer.Clear();
@@ -653,7 +653,7 @@ TEST_F(CapabilityEdgeTest, SnapshotOfTheOpenSource) {
 
 TEST_F(CapabilityEdgeTest, SnapshotKeepsALowResolutionUnderALowMaximum) {
     const double low[] = {150, 200, 299};
-    ASSERT_EQ(1, setValues(ICAP_XRESOLUTION, 3, low));
+    ASSERT_EQ(1, scanner.setValues(ICAP_XRESOLUTION, 3, low));
     ASSERT_EQ(SM_OK, sm.setXResolution(200));
     ScanCapBytes record;
     EXPECT_EQ(SM_OK, sm.getScanCap(&record));
@@ -661,7 +661,7 @@ TEST_F(CapabilityEdgeTest, SnapshotKeepsALowResolutionUnderALowMaximum) {
     EXPECT_EQ(150, record.At(64));
     EXPECT_EQ(200, record.At(68)) << "a maximum of 299 keeps the current 200";
     const double reaching[] = {200, 300};
-    ASSERT_EQ(1, setValues(ICAP_XRESOLUTION, 2, reaching));
+    ASSERT_EQ(1, scanner.setValues(ICAP_XRESOLUTION, 2, reaching));
     ASSERT_EQ(SM_OK, sm.setXResolution(200));
     EXPECT_EQ(SM_OK, sm.getScanCap(&record));
     EXPECT_EQ(300, record.At(68)) << "a maximum of exactly 300";
@@ -759,7 +759,7 @@ TEST_P(MalformedAnswerTest, RefusedPastTheBlockTakenOtherwise) {
     const Malformed &m = GetParam();
     for (TW_UINT16 msg : {MSG_GET, MSG_GETCURRENT}) {
         ASSERT_EQ(1, scanner.setContainer(m.cap, msg, m.container));
-        ASSERT_EQ(1, setMalformed(m.cap, msg, m.kind));
+        ASSERT_EQ(1, scanner.setMalformed(m.cap, msg, m.kind));
     }
     Reset();
     double output = -4242;
@@ -821,7 +821,7 @@ INSTANTIATE_TEST_SUITE_P(CapabilityAnswers, MalformedAnswerTest, ::testing::Valu
                          [](const ::testing::TestParamInfo<Malformed> &info) { return std::string(info.param.name); });
 
 TEST_F(CapabilityEdgeTest, UnknownItemTypeReadsNothing) {
-    ASSERT_EQ(1, setMalformed(CAP_FEEDERENABLED, MSG_GETCURRENT, VSCAN_MALFORMED_ITEMTYPE));
+    ASSERT_EQ(1, scanner.setMalformed(CAP_FEEDERENABLED, MSG_GETCURRENT, VSCAN_MALFORMED_ITEMTYPE));
     LONG answer = 77;
     const LONG rc = sm.getADFEnable(&answer);
     EXPECT_EQ(SM_OK, rc) << TwccName(rc) << ": the container is taken as it is";

@@ -880,7 +880,7 @@ class SetRetryTest : public SetAccessorTest {};
 // The source takes the second candidate only: the first is refused, the second sets the value.
 TEST_P(SetRetryTest, SecondItemTypeIsTriedAfterARefusal) {
     const SetRow &row = GetParam();
-    ASSERT_EQ(1, setSetType(row.cap, row.types[1]));
+    ASSERT_EQ(1, scanner.setSetType(row.cap, row.types[1]));
     const LONG rc = Call();
     EXPECT_EQ(SM_OK, rc) << TwccName(rc);
     const std::vector<TdsmCall> calls = CapCalls(row.cap);

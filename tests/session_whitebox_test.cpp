@@ -198,23 +198,17 @@ TEST_F(SessionWhiteBoxTest, MechanismThroughTheAccessorAndGetsLeaveItAlone) {
 
 TEST_F(SessionWhiteBoxTest, BrightnessRangeIsLearntWhenTheSourceOpens) {
     // The scanner is told to list brightness as the enumeration {-50, 0, 50} before it is opened.
-    HMODULE scanner = LoadLibraryA((WindowsDir() + "\\twain_32\\vscan.ds").c_str());
-    ASSERT_NE(nullptr, scanner);
-    auto setContainer =
-        reinterpret_cast<VscanSetContainerProc>(reinterpret_cast<void *>(GetProcAddress(scanner, "VscanSetContainer")));
-    auto setValues =
-        reinterpret_cast<VscanSetValuesProc>(reinterpret_cast<void *>(GetProcAddress(scanner, "VscanSetValues")));
-    ASSERT_TRUE(setContainer && setValues);
+    VscanLibrary scanner;
+    ASSERT_TRUE(scanner.Load(WindowsDir() + "\\twain_32\\vscan.ds"));
     const double values[] = {-50.0, 0.0, 50.0};
-    ASSERT_NE(0, setValues(ICAP_BRIGHTNESS, 3, values));
-    ASSERT_NE(0, setContainer(ICAP_BRIGHTNESS, MSG_GET, TWON_ENUMERATION));
+    ASSERT_NE(0, scanner.setValues(ICAP_BRIGHTNESS, 3, values));
+    ASSERT_NE(0, scanner.setContainer(ICAP_BRIGHTNESS, MSG_GET, TWON_ENUMERATION));
     module->brightnessStep = 2.0;
     ASSERT_EQ(0, module->OpenDS(window, "White box"));
     EXPECT_EQ(-50.0, module->brightnessMin);
     EXPECT_EQ(50.0, module->brightnessMax);
     EXPECT_EQ(2.0, module->brightnessStep) << "an enumeration leaves the step as it was";
     module->CloseDS();
-    FreeLibrary(scanner);
 }
 
 } // namespace
@@ -232,9 +226,6 @@ protected:
             return;
         ASSERT_TRUE(scanner.Load(WindowsDir() + "\\twain_32\\vscan.ds"));
         scanner.reset();
-        setValues = reinterpret_cast<VscanSetValuesProc>(
-            reinterpret_cast<void *>(GetProcAddress(scanner.Module(), "VscanSetValues")));
-        ASSERT_NE(nullptr, setValues);
     }
     void TearDown() override {
         SessionWhiteBoxTest::TearDown();
@@ -251,7 +242,6 @@ protected:
     }
 
     VscanLibrary scanner;
-    VscanSetValuesProc setValues = nullptr;
 };
 
 TEST_F(NegotiationWhiteBoxTest, MechanismSetWithAnArrayOrARangeIsMemory) {
@@ -276,7 +266,7 @@ TEST_F(NegotiationWhiteBoxTest, BitDepthIsTheCurrentValueFirstAndTheLargestItemA
     ASSERT_EQ(0, module->OpenDS(window, "White box"));
     // 40000 read as a TW_FIX32 would have the whole part -25536.
     const double depths[] = {8, 40000, 16};
-    ASSERT_NE(0, setValues(ICAP_BITDEPTH, 3, depths));
+    ASSERT_NE(0, scanner.setValues(ICAP_BITDEPTH, 3, depths));
     ASSERT_NE(0, scanner.setContainer(ICAP_BITDEPTH, MSG_GETCURRENT, TWON_ENUMERATION));
     size_t mark = dsm.Calls().size();
     LONG depth = 0;
@@ -313,7 +303,7 @@ TEST_F(NegotiationWhiteBoxTest, BitDepthIsTheCurrentValueFirstAndTheLargestItemA
 TEST_F(NegotiationWhiteBoxTest, BrightnessRangeOfTheSourceIsLearntWithItsStep) {
     // A range -100..100 with a step of 1: the smallest gap of the values is the step the scanner answers.
     const double values[] = {-100.0, -99.0, 0.0, 100.0};
-    ASSERT_NE(0, setValues(ICAP_BRIGHTNESS, 4, values));
+    ASSERT_NE(0, scanner.setValues(ICAP_BRIGHTNESS, 4, values));
     module->brightnessStep = 5.0;
     ASSERT_EQ(0, module->OpenDS(window, "White box"));
     EXPECT_EQ(-100.0, module->brightnessMin);

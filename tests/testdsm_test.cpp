@@ -347,6 +347,22 @@ TEST_F(TdsmUserSelectTest, CancelLeavesIdentityAndDefaultAlone) {
     EXPECT_EQ(1, dsm.Get<TdsmUserSelectCountProc>("TdsmUserSelectCount")());
 }
 
+TEST_F(TdsmUserSelectTest, CancelCanLeaveANameBehindAndNothingElse) {
+    PutSource("Alpha.ds");
+    const std::string bravo = PutSource("Bravo.ds");
+    SetDefaultSourceEntry(bravo);
+    ASSERT_RC(TWRC_SUCCESS, OpenDsm());
+    dsm.SelectCancelLeaving("Half typed");
+    TW_IDENTITY identity = IdentityNamed("untouched");
+    lstrcpyA(identity.Manufacturer, "kept");
+    identity.Id = 77;
+    EXPECT_RC(TWRC_CANCEL, Identity(MSG_USERSELECT, &identity));
+    EXPECT_EQ("Half typed", NameOf(identity));
+    EXPECT_STREQ("kept", identity.Manufacturer);
+    EXPECT_EQ(77u, identity.Id);
+    EXPECT_EQ(bravo, DefaultSourceEntry());
+}
+
 TEST_F(TdsmUserSelectTest, AChoiceThatIsNotListedIsNoSource) {
     PutSource("Alpha.ds");
     ASSERT_RC(TWRC_SUCCESS, OpenDsm());

@@ -36,13 +36,6 @@ void CapabilityTest::SetUp() {
     ASSERT_EQ(std::vector<std::string>{}, sm.Missing()) << "exports missing";
     ASSERT_EQ(SM_OK, openDS(window, "Capability test"));
     ASSERT_TRUE(scanner.Load(TwainSourceDir() + "\\vscan.ds")) << "the source the manager loaded";
-    auto resolve = [this](const char *name) {
-        return reinterpret_cast<void *>(GetProcAddress(scanner.Module(), name));
-    };
-    setMalformed = reinterpret_cast<VscanSetMalformedProc>(resolve("VscanSetMalformed"));
-    setSetType = reinterpret_cast<VscanSetSetTypeProc>(resolve("VscanSetSetType"));
-    setValues = reinterpret_cast<VscanSetValuesProc>(resolve("VscanSetValues"));
-    ASSERT_TRUE(setMalformed && setSetType && setValues);
     ASSERT_GE(tracker.Attach(library.Module()), 2) << "smkernal.dll imports GlobalAlloc and GlobalFree";
     ASSERT_GE(tracker.Attach(scanner.Module()), 2) << "vscan.ds imports GlobalAlloc and GlobalFree";
     Reset();

@@ -42,9 +42,6 @@ protected:
 
     CapabilityExports sm;
     VscanLibrary scanner;
-    VscanSetMalformedProc setMalformed = nullptr;
-    VscanSetSetTypeProc setSetType = nullptr;
-    VscanSetValuesProc setValues = nullptr;
     GlobalMemoryTracker tracker;
 };
 

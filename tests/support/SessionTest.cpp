@@ -1,6 +1,8 @@
 // Fixture of the session suites: source files in the prefix, the stand-in's script controls, the session exports.
 #include "SessionTest.h"
 
+#include "VscanSupport.h"
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -49,13 +51,9 @@ void RemoveSourceDirectories() {
 }
 
 std::string InstallVirtualScanner(const std::string &relativePath) {
-    const std::string target = WindowsDir() + "\\" + relativePath;
-    // Make every directory on the way.
-    for (size_t at = target.find('\\', WindowsDir().size() + 1); at != std::string::npos;
-         at = target.find('\\', at + 1))
-        CreateDirectoryA(target.substr(0, at).c_str(), nullptr);
-    if (!CopyFileA((BinDir() + "\\vscan.ds").c_str(), target.c_str(), FALSE)) {
-        std::fprintf(stderr, "session fixture: cannot install %s (error %lu)\n", target.c_str(), GetLastError());
+    const std::string target = InstallSource(relativePath);
+    if (target.empty()) {
+        std::fprintf(stderr, "session fixture: cannot install %s (error %lu)\n", relativePath.c_str(), GetLastError());
         std::abort();
     }
     return target;

@@ -124,6 +124,9 @@ public:
     void SelectByName(const char *productName) { Get<TdsmSelectByNameProc>("TdsmSelectByName")(productName); }
     void SelectByIndex(int index) { Get<TdsmSelectByIndexProc>("TdsmSelectByIndex")(index); }
     void SelectCancel() { Get<TdsmSelectCancelProc>("TdsmSelectCancel")(); }
+    void SelectCancelLeaving(const char *productName) {
+        Get<TdsmSelectCancelLeavingProc>("TdsmSelectCancelLeaving")(productName);
+    }
     int OpenSourceCount() const { return Get<TdsmOpenSourceCountProc>("TdsmOpenSourceCount")(); }
 
 private:
