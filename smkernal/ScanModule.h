@@ -33,6 +33,24 @@ enum SessionState : LONG {
     kStateSourceEnabled = 5,
 };
 
+// What every gated method answers when the source manager cannot be loaded.
+constexpr LONG kNotAvailable = -1;
+
+// The range caches the module starts with, beside the brightness range of Negotiation.h.
+constexpr double kDefaultContrastMin = -1000.0;
+constexpr double kDefaultContrastMax = 1000.0;
+constexpr double kDefaultContrastStep = 1.0;
+constexpr double kDefaultHighlightMin = 0.0;
+constexpr double kDefaultHighlightMax = 255.0;
+constexpr double kDefaultHighlightStep = 1.0;
+constexpr double kDefaultShadowMin = 0.0;
+constexpr double kDefaultShadowMax = 255.0;
+constexpr double kDefaultShadowStep = 1.0;
+constexpr double kDefaultThresholdMin = 0.0;
+constexpr double kDefaultThresholdMax = 255.0;
+// Nothing ever learns a threshold step from the source; 1 matches the other ranges.
+constexpr double kDefaultThresholdStep = 1.0;
+
 // Transfer mechanisms as the module's bit values.
 constexpr WORD kMechNative = 1;
 constexpr WORD kMechFile = 2;

@@ -72,11 +72,10 @@ TScanModule::TScanModule(HINSTANCE instance) {
     lstrcpyA(appTitle, kDefaultTitle);
     brightnessMin = kDefaultBrightnessMin, brightnessMax = kDefaultBrightnessMax,
     brightnessStep = kDefaultBrightnessStep;
-    contrastMin = -1000.0, contrastMax = 1000.0, contrastStep = 1.0;
-    highlightMin = 0.0, highlightMax = 255.0, highlightStep = 1.0;
-    shadowMin = 0.0, shadowMax = 255.0, shadowStep = 1.0;
-    // Nothing ever learns a threshold step from the source; 1 matches the other ranges.
-    thresholdMin = 0.0, thresholdMax = 255.0, thresholdStep = 1.0;
+    contrastMin = kDefaultContrastMin, contrastMax = kDefaultContrastMax, contrastStep = kDefaultContrastStep;
+    highlightMin = kDefaultHighlightMin, highlightMax = kDefaultHighlightMax, highlightStep = kDefaultHighlightStep;
+    shadowMin = kDefaultShadowMin, shadowMax = kDefaultShadowMax, shadowStep = kDefaultShadowStep;
+    thresholdMin = kDefaultThresholdMin, thresholdMax = kDefaultThresholdMax, thresholdStep = kDefaultThresholdStep;
     transferMechanism = kMechMemory;
     scanToFileActive = FALSE;
     std::memset(scanToFileState, 0, sizeof scanToFileState);

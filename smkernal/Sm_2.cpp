@@ -9,6 +9,10 @@ namespace {
 const char kSource[] = SM_SOURCE("Sm_2");
 const char kDefaultTitle[] = "Calvex Scan Module";
 const char kSourceListSection[] = "DS";
+const char kSourceCountKey[] = "count";
+const char kDefaultNameKey[] = "name0";
+const char kFirstNameKey[] = "name1";
+const char kNameKeyFormat[] = "name%d";
 const char kTwainSection[] = "Twain";
 const char kDefaultSourceKey[] = "Default Source";
 constexpr int kPathSize = 260;
@@ -39,7 +43,7 @@ TW_UINT16 TScanModule::CallDsm(pTW_IDENTITY dest, TW_UINT32 group, TW_UINT16 typ
 LONG TScanModule::OpenDSM(HWND window) {
     TraceCall call(kSource, "OpenDSM", 111, 159);
     if (!Available(call, 117))
-        return -1;
+        return kNotAvailable;
     if (sessionState == kStateDsmOpen) {
         call.Warn(125, "Data Source Manager is already open");
         return 0;
@@ -60,7 +64,7 @@ LONG TScanModule::OpenDSM(HWND window) {
 LONG TScanModule::CloseDSM(HWND window) {
     TraceCall call(kSource, "CloseDSM", 703, 750);
     if (!Available(call, 709))
-        return -1;
+        return kNotAvailable;
     if (sessionState == kStateDsmLoaded) {
         call.Warn(717, "Data Source Manager is already closed");
         return 0;
@@ -82,7 +86,7 @@ LONG TScanModule::CloseDSM(HWND window) {
 LONG TScanModule::GetTWAINStatusCode() {
     TraceCall call(kSource, "GetTWAINStatusCode", 764, 788);
     if (!Available(call, 768))
-        return -1;
+        return kNotAvailable;
     TW_STATUS status = {};
     if (CallDsm(&sourceIdentity, DG_CONTROL, DAT_STATUS, MSG_GET, &status) != TWRC_SUCCESS) {
         call.Warn(782, "DSM_Entry returns failure");
@@ -95,7 +99,7 @@ LONG TScanModule::GetTWAINStatusCode() {
 LONG TScanModule::SelectDS(HWND window) {
     TraceCall call(kSource, "SelectDS", 173, 232);
     if (!Available(call, 177))
-        return -1;
+        return kNotAvailable;
     if (!window) {
         call.Warn(188, "Invalid parent window handle");
         window = GetDesktopWindow();
@@ -126,7 +130,7 @@ LONG TScanModule::SelectDS(HWND window) {
 LONG TScanModule::GetAllDS(const char *path) {
     TraceCall call(kSource, "GetAllDS", 251, 323);
     int counter = 0;
-    LONG result = -1;
+    LONG result = kNotAvailable;
     if (Available(call, 255))
         result = ListSources(call, path, counter);
     CloseDSM(GetDesktopWindow());
@@ -134,7 +138,7 @@ LONG TScanModule::GetAllDS(const char *path) {
     // The count is written on every path, so a failed call leaves "0".
     char count[kNumberTextSize];
     std::snprintf(count, sizeof count, "%d", counter == 0 ? 0 : counter - 1);
-    WritePrivateProfileStringA(kSourceListSection, "count", count, path);
+    WritePrivateProfileStringA(kSourceListSection, kSourceCountKey, count, path);
     return result;
 }
 
@@ -151,17 +155,17 @@ LONG TScanModule::ListSources(const TraceCall &call, const char *path, int &coun
         call.WarnText(281, openFailure);
         return 0;
     }
-    WritePrivateProfileStringA(kSourceListSection, "name1", identity.ProductName, path);
+    WritePrivateProfileStringA(kSourceListSection, kFirstNameKey, identity.ProductName, path);
     counter = 2;
     // Only the end of the list stops the walk; a failed step still writes what it left.
     while (CallDsm(nullptr, DG_CONTROL, DAT_IDENTITY, MSG_GETNEXT, &identity) != TWRC_ENDOFLIST) {
         char key[kNumberTextSize];
-        std::snprintf(key, sizeof key, "name%d", counter);
+        std::snprintf(key, sizeof key, kNameKeyFormat, counter);
         WritePrivateProfileStringA(kSourceListSection, key, identity.ProductName, path);
         ++counter;
     }
     if (CallDsm(nullptr, DG_CONTROL, DAT_IDENTITY, MSG_GETDEFAULT, &identity) == TWRC_SUCCESS)
-        WritePrivateProfileStringA(kSourceListSection, "name0", identity.ProductName, path);
+        WritePrivateProfileStringA(kSourceListSection, kDefaultNameKey, identity.ProductName, path);
     return 0;
 }
 
@@ -169,7 +173,7 @@ LONG TScanModule::ListSources(const TraceCall &call, const char *path, int &coun
 LONG TScanModule::OpenDS(HWND window, const char *title) {
     TraceCall call(kSource, "OpenDS", 345, 448);
     if (!Available(call, 351))
-        return -1;
+        return kNotAvailable;
     parentWindow = window;
     if (!window) {
         call.Warn(363, "Invalid parent window handle");
@@ -207,7 +211,7 @@ LONG TScanModule::OpenDS(HWND window, const char *title) {
 LONG TScanModule::EnableDS(BOOL show, BOOL modal) {
     TraceCall call(kSource, "EnableDS", 463, 547);
     if (!Available(call, 469))
-        return -1;
+        return kNotAvailable;
     if (sessionState == kStateSourceEnabled) {
         call.Warn(477, "DS is already enabled");
         return 0;
@@ -251,7 +255,7 @@ LONG TScanModule::EnableDS(BOOL show, BOOL modal) {
 LONG TScanModule::DisableDS() {
     TraceCall call(kSource, "DisableDS", 0, 620);
     if (!Available(call, 565))
-        return -1;
+        return kNotAvailable;
     LONG result = 0;
     if (sessionState == kStateSourceOpen) {
         call.Warn(573, "DS is already disabled");
@@ -279,7 +283,7 @@ LONG TScanModule::DisableDS() {
 LONG TScanModule::CloseDS() {
     TraceCall call(kSource, "CloseDS", 633, 690);
     if (!Available(call, 639))
-        return -1;
+        return kNotAvailable;
     if (sessionState == kStateDsmOpen) {
         call.Warn(647, "DS is already closed");
     } else if (sessionState != kStateSourceOpen) {
@@ -301,7 +305,7 @@ LONG TScanModule::CloseDS() {
 LONG TScanModule::SetDefaultDriver(HWND parent, const char *productName) {
     TraceCall call(kSource, "SetDefaultDriver", __LINE__, __LINE__);
     if (!Available(call, __LINE__))
-        return -1;
+        return kNotAvailable;
     if (!parent) {
         call.Warn(__LINE__, "Invalid parent window handle");
         parent = GetDesktopWindow();
