@@ -111,10 +111,13 @@ SMAPI BOOL SMCALL smIsTWAINAvailable(void);
 SMAPI LONG SMCALL smSelectDS(HWND parent);
 
 /* Ordinal 4. Opens the source manager if needed and the default source. `parent` (NULL: the
-   desktop) receives every notification; `title` (NULL: "Calvex Scan Module", cut to 33
-   characters) names the application to the source. Opening also reads the source's brightness
-   range; when that query answers 5 (TWCC_OPERATIONERROR) the source is closed again and 5 is
-   returned. */
+   desktop) receives every notification. `title` (NULL: "Calvex Scan Module") names the
+   application: its first 255 characters are kept as the application's title, the caption of the
+   module's message boxes, and its first 33 are the name the source manager and the source see.
+   The title is taken before the session state is checked further, so a call refused with
+   SM_ERR_SEQUENCE (a source is enabled) renames the application too. Opening also reads the
+   source's brightness range; when that query answers 5 (TWCC_OPERATIONERROR) the source is
+   closed again and 5 is returned. */
 SMAPI LONG SMCALL smOpenDS(HWND parent, const char *title);
 
 /* Ordinal 5. Enables the open source, with or without its user interface. With modalUI nonzero
@@ -130,7 +133,9 @@ SMAPI LONG SMCALL smCloseDS(void);
 /* Ordinal 58. Makes the installed source with this product name (compared ignoring case) the
    source manager's default, through win.ini [Twain] "Default Source", without a dialog.
    12 (TWCC_BADDEST) when no source in <windows>\twain_32 or <windows>\twain has that name; the
-   entry is then restored. */
+   entry is then restored. When the source manager failed to answer for a source file of the last
+   directory searched, the result can be that failure's condition code instead of 12 (the entry
+   is restored all the same). A NULL productName matches no source. */
 SMAPI LONG SMCALL smSetDefaultDriver(HWND parent, const char *productName);
 
 /* Ordinal 65. Writes the installed sources into section [DS] of the profile file `path`:
