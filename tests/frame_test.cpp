@@ -4,6 +4,9 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "ModuleTest.h"
 #include "smkernal.h"
@@ -95,29 +98,38 @@ FARPROC ByOrdinal(HMODULE module, int ordinal) {
     return GetProcAddress(module, reinterpret_cast<LPCSTR>(static_cast<ULONG_PTR>(ordinal)));
 }
 
+// The loaded module's image, its PE headers walked once: what lies at an address and where a data directory starts.
+class Image {
+public:
+    explicit Image(HMODULE module) : base_(reinterpret_cast<const BYTE *>(module)) {
+        const auto *dos = reinterpret_cast<const IMAGE_DOS_HEADER *>(base_);
+        headers_ = reinterpret_cast<const IMAGE_NT_HEADERS32 *>(base_ + dos->e_lfanew);
+    }
+    template <typename T> const T *At(DWORD rva) const { return reinterpret_cast<const T *>(base_ + rva); }
+    template <typename T> const T *Directory(int entry) const {
+        return At<T>(headers_->OptionalHeader.DataDirectory[entry].VirtualAddress);
+    }
+
+private:
+    const BYTE *base_;
+    const IMAGE_NT_HEADERS32 *headers_;
+};
+
 // The names in the DLL's export directory.
-std::vector<std::string> ExportedNames(HMODULE module) {
-    const BYTE *base = reinterpret_cast<const BYTE *>(module);
-    const auto *dos = reinterpret_cast<const IMAGE_DOS_HEADER *>(base);
-    const auto *nt = reinterpret_cast<const IMAGE_NT_HEADERS32 *>(base + dos->e_lfanew);
-    const DWORD rva = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT].VirtualAddress;
-    const auto *dir = reinterpret_cast<const IMAGE_EXPORT_DIRECTORY *>(base + rva);
-    const auto *names = reinterpret_cast<const DWORD *>(base + dir->AddressOfNames);
+std::vector<std::string> ExportedNames(const Image &image) {
+    const auto *dir = image.Directory<IMAGE_EXPORT_DIRECTORY>(IMAGE_DIRECTORY_ENTRY_EXPORT);
+    const DWORD *names = image.At<DWORD>(dir->AddressOfNames);
     std::vector<std::string> out;
     for (DWORD i = 0; i < dir->NumberOfNames; ++i)
-        out.emplace_back(reinterpret_cast<const char *>(base + names[i]));
+        out.emplace_back(image.At<char>(names[i]));
     return out;
 }
 
 // The DLLs that the file imports from, read from its import directory.
-std::vector<std::string> ImportedDlls(HMODULE module) {
-    const BYTE *base = reinterpret_cast<const BYTE *>(module);
-    const auto *dos = reinterpret_cast<const IMAGE_DOS_HEADER *>(base);
-    const auto *nt = reinterpret_cast<const IMAGE_NT_HEADERS32 *>(base + dos->e_lfanew);
-    const DWORD rva = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
+std::vector<std::string> ImportedDlls(const Image &image) {
     std::vector<std::string> out;
-    for (const auto *desc = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR *>(base + rva); desc->Name; ++desc)
-        out.emplace_back(reinterpret_cast<const char *>(base + desc->Name));
+    for (const auto *desc = image.Directory<IMAGE_IMPORT_DESCRIPTOR>(IMAGE_DIRECTORY_ENTRY_IMPORT); desc->Name; ++desc)
+        out.emplace_back(image.At<char>(desc->Name));
     return out;
 }
 
@@ -162,14 +174,14 @@ TEST_F(FrameTest, NothingIsExportedBeyondTheTable) {
     std::set<std::string> table;
     for (const auto &entry : kExportTable)
         table.insert(entry.second);
-    for (const std::string &name : ExportedNames(library.Module()))
+    for (const std::string &name : ExportedNames(Image(library.Module())))
         EXPECT_TRUE(table.count(name)) << "unexpected export " << name;
 }
 
 TEST_F(FrameTest, ImportsOnlySystemDlls) {
     char system[MAX_PATH];
     GetSystemDirectoryA(system, sizeof system);
-    const std::vector<std::string> imports = ImportedDlls(library.Module());
+    const std::vector<std::string> imports = ImportedDlls(Image(library.Module()));
     ASSERT_FALSE(imports.empty());
     for (const std::string &dll : imports) {
         std::string lower = dll;
@@ -275,31 +287,26 @@ TEST_F(DisableWndsTest, RecordLayoutIsTenPackedBytes) {
     EXPECT_EQ(6u, offsetof(DisabledWindowList, nextSlot));
 }
 
-TEST_F(DisableWndsTest, ChildWindowIsSkippedInBothPasses) {
+// A skipped window leaves the record as it found it, in the counting and in the filling pass.
+TEST_F(DisableWndsTest, ChildAndDisabledWindowsLeaveCountAndSlotAlone) {
     HWND parent = Make(WS_OVERLAPPED);
-    HWND child = Make(WS_CHILD, parent);
-    DisabledWindowList counting = {};
-    EXPECT_EQ(1, disableWnds(child, &counting));
-    EXPECT_EQ(0, counting.windowCount);
-    EXPECT_EQ(nullptr, counting.nextSlot);
-    HWND slots[2] = {};
-    DisabledWindowList filling = {nullptr, 0, slots};
-    EXPECT_EQ(1, disableWnds(child, &filling));
-    EXPECT_EQ(slots, filling.nextSlot);
-    EXPECT_EQ(nullptr, slots[0]);
-    EXPECT_TRUE(IsWindowEnabled(child));
-}
-
-TEST_F(DisableWndsTest, DisabledWindowIsSkippedInBothPasses) {
-    HWND disabled = Make(WS_OVERLAPPED | WS_DISABLED);
-    DisabledWindowList counting = {};
-    EXPECT_EQ(1, disableWnds(disabled, &counting));
-    EXPECT_EQ(0, counting.windowCount);
-    HWND slots[2] = {};
-    DisabledWindowList filling = {nullptr, 0, slots};
-    EXPECT_EQ(1, disableWnds(disabled, &filling));
-    EXPECT_EQ(slots, filling.nextSlot);
-    EXPECT_EQ(nullptr, slots[0]);
+    const std::pair<const char *, HWND> skipped[] = {{"child window", Make(WS_CHILD, parent)},
+                                                     {"disabled window", Make(WS_OVERLAPPED | WS_DISABLED)}};
+    const HWND untouched = reinterpret_cast<HWND>(0x5A5A5A5A);
+    for (const auto &[what, window] : skipped) {
+        SCOPED_TRACE(what);
+        DisabledWindowList counting = {nullptr, 7, nullptr};
+        EXPECT_EQ(1, disableWnds(window, &counting));
+        EXPECT_EQ(7, counting.windowCount);
+        EXPECT_EQ(nullptr, counting.nextSlot);
+        HWND slots[3] = {untouched, untouched, untouched};
+        DisabledWindowList filling = {nullptr, 7, slots + 1};
+        EXPECT_EQ(1, disableWnds(window, &filling));
+        EXPECT_EQ(7, filling.windowCount);
+        EXPECT_EQ(slots + 1, filling.nextSlot);
+        EXPECT_EQ((std::vector<HWND>{untouched, untouched, untouched}), std::vector<HWND>(slots, slots + 3));
+    }
+    EXPECT_TRUE(IsWindowEnabled(skipped[0].second)) << "the child window is not disabled";
 }
 
 TEST_F(DisableWndsTest, CountingPassCountsEnabledTopLevelWindows) {
