@@ -1,6 +1,8 @@
 // Test support: prefix files, the trace viewer stand-in, library loading and the stand-in source manager's controls.
 #include "TestSupport.h"
 
+#include "StandInDsm.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -39,18 +41,15 @@ std::string WindowsDir() {
 }
 
 std::string TwainPath() {
-    return WindowsDir() + "\\TWAIN_32.DLL";
+    char path[MAX_PATH];
+    TwainDllPath(path);
+    return path;
 }
 
 void InstallDsm(Dsm which) {
-    const std::string target = TwainPath();
-    DeleteFileA(target.c_str());
-    if (which == Dsm::Absent) {
-        Check(GetFileAttributesA(target.c_str()) == INVALID_FILE_ATTRIBUTES, "removing TWAIN_32.DLL");
-        return;
-    }
-    const std::string source = BinDir() + (which == Dsm::Present ? "\\testdsm.dll" : "\\testdsm_noentry.dll");
-    Check(CopyFileA(source.c_str(), target.c_str(), FALSE), "copying the stand-in TWAIN_32.DLL");
+    // In the order of Dsm: nothing, the stand-in, its variant without DSM_Entry.
+    static const char *const files[] = {nullptr, "testdsm.dll", "testdsm_noentry.dll"};
+    Check(PlaceTwainDll(files[static_cast<int>(which)]), "placing or removing TWAIN_32.DLL");
 }
 
 std::string DebugIniPath() {

@@ -1,0 +1,51 @@
+/* Placing the stand-in source manager as TWAIN_32.DLL in the Windows directory, with kernel32 calls only. */
+#ifndef SMT_STANDINDSM_H
+#define SMT_STANDINDSM_H
+
+#include <windows.h>
+
+/* Full path of TWAIN_32.DLL in the Windows directory, the one place the module loads it from. */
+static inline void TwainDllPath(char path[MAX_PATH]) {
+    GetWindowsDirectoryA(path, MAX_PATH - 16);
+    lstrcatA(path, "\\TWAIN_32.DLL");
+}
+
+/* Replaces <windows>\TWAIN_32.DLL by `fileName` from the running program's directory, or only removes it when
+   `fileName` is NULL. Nonzero on success. */
+static inline BOOL PlaceTwainDll(const char *fileName) {
+    char target[MAX_PATH];
+    char source[MAX_PATH];
+    TwainDllPath(target);
+    DeleteFileA(target);
+    if (!fileName)
+        return GetFileAttributesA(target) == INVALID_FILE_ATTRIBUTES;
+    DWORD length = GetModuleFileNameA(NULL, source, MAX_PATH);
+    while (length > 0 && source[length - 1] != '\\')
+        --length;
+    if (length + lstrlenA(fileName) >= MAX_PATH)
+        return FALSE;
+    source[length] = '\0';
+    lstrcatA(source, fileName);
+    return CopyFileA(source, target, FALSE);
+}
+
+/* The TWAIN_32.DLL loaded in this process, NULL when none is. */
+static inline HMODULE LoadedTwainDll(void) {
+    char path[MAX_PATH];
+    TwainDllPath(path);
+    return GetModuleHandleA(path);
+}
+
+/* Makes the stand-in the TWAIN_32.DLL that the module finds: a program linked with the module has it loaded at
+   start-up when it was in place; otherwise it is placed now, and the module's next availability test loads it. */
+static inline BOOL PrepareStandIn(void) {
+    return LoadedTwainDll() != NULL || PlaceTwainDll("testdsm.dll");
+}
+
+/* True when the loaded TWAIN_32.DLL is the stand-in, which has the call log's controls. */
+static inline BOOL StandInLoaded(void) {
+    HMODULE loaded = LoadedTwainDll();
+    return loaded != NULL && GetProcAddress(loaded, "TdsmReset") != NULL;
+}
+
+#endif /* SMT_STANDINDSM_H */
