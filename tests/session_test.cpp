@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "SessionTest.h"
 
@@ -28,18 +29,6 @@ TW_USERINTERFACE UserInterfaceOf(const TdsmCall &call) {
 
 class SessionStateTest : public SessionTest {
 protected:
-    // The state a further smOpenDS finds: from 2 it opens the source manager first, from 3 only the
-    // source; in 4 it answers that the source is open, in 5 it is refused. 0 for anything else.
-    int StateFoundByOpenDS() {
-        Reset();
-        const LONG result = openDS(window, "Probe");
-        const Strings sent = Triplets();
-        if (result == SM_OK && !sent.empty())
-            return sent[0] == kOpenDsm ? 2 : 3;
-        if (result == SM_OK)
-            return 4;
-        return result == SM_ERR_SEQUENCE && sent.empty() ? 5 : 0;
-    }
     // Line of the first record with this text, 0 when there is none.
     int LineOf(const std::string &text) const {
         for (const TraceLine &record : viewer.Records())
@@ -140,6 +129,7 @@ TEST_F(SessionStateTest, FailedSourceOpenClosesTheSourceManagerAgain) {
     script.failOnce(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, TWRC_FAILURE, TWCC_NODS);
     EXPECT_EQ(TWCC_NODS, openDS(window, "Session test")) << TwccName(TWCC_NODS);
     EXPECT_EQ((Strings{kOpenDsm, kGetDefault, Failed(kOpenDs), kStatus, kCloseDsm}), Triplets());
+    EXPECT_EQ(std::vector<HWND>{window}, ManagerClosedWith()) << "closed with the parent window";
     EXPECT_EQ((Strings{"DSM_Entry returns failure in TScanModule::OpenDS"}), Warnings());
     EXPECT_EQ(TDSM_STATE_LOADED, dsm.State());
     EXPECT_EQ(0, script.openSourceCount());
@@ -152,6 +142,7 @@ TEST_F(SessionStateTest, FailedManagerOpenReturnsItsConditionCode) {
     EXPECT_EQ((Strings{"DSM_Entry returns failure in TScanModule::OpenDSM",
                        "OpenDSM returns failure in TScanModule::OpenDS"}),
               Warnings());
+    EXPECT_EQ(2, StateFoundByOpenDS());
 }
 
 TEST_F(SessionStateTest, OpenDSMInStateThreeSendsNoSecondOpen) {
@@ -270,6 +261,14 @@ TEST_F(SessionStateTest, DisableDSWithoutSourceIsASequenceError) {
     EXPECT_EQ(2, StateFoundByOpenDS());
 }
 
+TEST_F(SessionStateTest, DisableDSWithOnlyTheManagerOpenIsASequenceError) {
+    LeaveManagerOpen();
+    EXPECT_EQ(SM_ERR_SEQUENCE, disableDS()) << TwccName(SM_ERR_SEQUENCE);
+    EXPECT_TRUE(Triplets().empty());
+    EXPECT_EQ((Strings{"Sequence error in TScanModule::DisableDS"}), Warnings());
+    EXPECT_EQ(3, StateFoundByOpenDS());
+}
+
 TEST_F(SessionStateTest, FailedDisableKeepsTheSourceEnabled) {
     Enable();
     script.failOnce(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, TWRC_FAILURE, TWCC_BUMMER);
@@ -285,6 +284,7 @@ TEST_F(SessionStateTest, CloseDSInStateFourClosesSourceAndManager) {
     Open();
     EXPECT_EQ(SM_OK, closeDS());
     EXPECT_EQ((Strings{kCloseDs, kCloseDsm}), Triplets());
+    EXPECT_EQ(std::vector<HWND>{window}, ManagerClosedWith()) << "closed with the parent window";
     EXPECT_EQ(TDSM_STATE_LOADED, dsm.State());
     EXPECT_EQ(0, script.openSourceCount());
     EXPECT_TRUE(Warnings().empty());
@@ -327,6 +327,58 @@ TEST_F(SessionStateTest, FailedSourceCloseKeepsEverythingOpen) {
     EXPECT_EQ((Strings{kCloseDs, kCloseDsm}), Triplets());
 }
 
+// The source is closed and forgotten even when the source manager then refuses to close: the session stays in 3.
+TEST_F(SessionStateTest, FailedManagerCloseInsideCloseDSStillForgetsTheSource) {
+    Open();
+    script.failOnce(DG_CONTROL, DAT_PARENT, MSG_CLOSEDSM, TWRC_FAILURE, TWCC_SEQERROR);
+    EXPECT_EQ(SM_OK, closeDS());
+    EXPECT_EQ((Strings{kCloseDs, Failed(kCloseDsm), Failed(kStatus)}), Triplets());
+    EXPECT_EQ(0, script.openSourceCount());
+    EXPECT_EQ(TDSM_STATE_OPEN, dsm.State());
+    // In state 3 a further close asks only the source manager; its failure's status query shows the
+    // source's identity zeroed.
+    Reset();
+    script.failOnce(DG_CONTROL, DAT_PARENT, MSG_CLOSEDSM, TWRC_FAILURE, TWCC_SEQERROR);
+    EXPECT_EQ(SM_OK, closeDS());
+    EXPECT_EQ(
+        (Strings{"DS is already closed in TScanModule::CloseDS", "DSM_Entry returns failure in TScanModule::CloseDSM"}),
+        Warnings());
+    const std::vector<TdsmCall> calls = CallsSinceMark();
+    ASSERT_EQ(2u, calls.size());
+    EXPECT_EQ(DAT_STATUS, calls[1].dat);
+    EXPECT_EQ(1, calls[1].hasDest);
+    EXPECT_STREQ("", calls[1].destName);
+    EXPECT_EQ(0u, calls[1].destId);
+    EXPECT_EQ(3, StateFoundByOpenDS());
+}
+
+// "DG_CONTROL/DAT_PARENT/MSG_OPENDSM -> TWRC_SUCCESS to nobody" or "... to 'Virtual Scanner'", per call.
+Strings Addressees(const std::vector<TdsmCall> &calls) {
+    Strings out;
+    for (const TdsmCall &call : calls)
+        out.push_back(Describe(call) + " to " + (call.hasDest ? "'" + std::string(call.destName) + "'" : "nobody"));
+    return out;
+}
+
+// The source manager's own triplets (DAT_PARENT, DAT_IDENTITY) have no destination; the source's (the user
+// interface, the status and the brightness query) go to the source's identity, zeroed before any source is chosen.
+TEST_F(SessionStateTest, SourceCallsAreAddressedToTheSourceAndManagerCallsToNobody) {
+    script.failOnce(DG_CONTROL, DAT_PARENT, MSG_OPENDSM, TWRC_FAILURE, TWCC_LOWMEMORY);
+    EXPECT_EQ(TWCC_LOWMEMORY, openDS(window, "Session test"));
+    EXPECT_EQ(SM_OK, openDS(window, "Session test"));
+    script.failOnce(DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, TWRC_FAILURE, TWCC_BUMMER);
+    EXPECT_EQ(TWCC_BUMMER, enableDS(FALSE, FALSE));
+    EXPECT_EQ(SM_OK, enableDS(FALSE, FALSE));
+    EXPECT_EQ(SM_OK, disableDS());
+    EXPECT_EQ(SM_OK, closeDS());
+    const std::string nobody = " to nobody";
+    const std::string source = " to 'Virtual Scanner'";
+    EXPECT_EQ((Strings{Failed(kOpenDsm) + nobody, kStatus + " to ''", kOpenDsm + nobody, kGetDefault + nobody,
+                       kOpenDs + nobody, kBrightnessRange + source, Failed(kEnableDs) + source, kStatus + source,
+                       kEnableDs + source, kDisableDs + source, kCloseDs + nobody, kCloseDsm + nobody}),
+              Addressees(CallsSinceMark()));
+}
+
 TEST_F(SessionStateTest, FailedStatusQueryReportsBummer) {
     script.failOnce(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, TWRC_FAILURE, TWCC_NODS);
     script.failOnce(DG_CONTROL, DAT_STATUS, MSG_GET, TWRC_FAILURE, TWCC_SUCCESS);
@@ -356,6 +408,7 @@ TEST_F(SelectTest, ChosenSourceBecomesTheDefaultAndTheManagerIsClosed) {
     script.selectByName("Virtual Scanner");
     EXPECT_EQ(SM_OK, selectDS(window));
     EXPECT_EQ((Strings{kOpenDsm, kUserSelect, kCloseDsm}), Triplets());
+    EXPECT_EQ(std::vector<HWND>{window}, ManagerClosedWith());
     EXPECT_EQ(1, script.userSelectCount());
     EXPECT_EQ(TDSM_STATE_LOADED, dsm.State());
     TW_IDENTITY chosen;
@@ -374,6 +427,7 @@ TEST_F(SelectTest, CancelledSelectionReturnsMinusSix) {
 TEST_F(SelectTest, NullWindowMeansTheDesktop) {
     EXPECT_EQ(SM_OK, selectDS(nullptr));
     EXPECT_EQ(GetDesktopWindow(), script.parentWindow());
+    EXPECT_EQ(std::vector<HWND>{GetDesktopWindow()}, ManagerClosedWith());
     EXPECT_EQ((Strings{"Invalid parent window handle in TScanModule::SelectDS"}), Warnings());
 }
 
@@ -382,6 +436,37 @@ TEST_F(SelectTest, FailedSelectionReturnsTheConditionCode) {
     EXPECT_EQ(TWCC_NODS, selectDS(window));
     EXPECT_EQ((Strings{kOpenDsm, Failed(kUserSelect), kStatus, kCloseDsm}), Triplets());
     EXPECT_EQ((Strings{"DSM_Entry returns failure in TScanModule::SelectDS"}), Warnings());
+}
+
+TEST_F(SelectTest, SelectionWithTheManagerOpenClosesItAfterwards) {
+    LeaveManagerOpen();
+    script.selectByName("Virtual Scanner");
+    EXPECT_EQ(SM_OK, selectDS(window));
+    EXPECT_EQ((Strings{kUserSelect, kCloseDsm}), Triplets());
+    EXPECT_EQ(std::vector<HWND>{window}, ManagerClosedWith());
+    EXPECT_EQ((Strings{"Data Source Manager is already open in TScanModule::OpenDSM"}), Warnings());
+    EXPECT_EQ(2, StateFoundByOpenDS());
+}
+
+// Whether the user chose or cancelled, a source manager that refuses to close changes no result; it stays open.
+TEST_F(SelectTest, FailedManagerCloseAfterTheDialogIsIgnored) {
+    const std::pair<bool, LONG> rounds[] = {{false, SM_OK}, {true, SM_ERR_USER_CANCEL}};
+    for (const auto &[cancel, expected] : rounds) {
+        SCOPED_TRACE(cancel ? "cancelled" : "chosen");
+        if (cancel)
+            script.selectCancel();
+        else
+            script.selectByName("Virtual Scanner");
+        script.failOnce(DG_CONTROL, DAT_PARENT, MSG_CLOSEDSM, TWRC_FAILURE, TWCC_BUMMER);
+        Reset();
+        EXPECT_EQ(expected, selectDS(window));
+        const std::string select = cancel ? Failed(kUserSelect, "TWRC_CANCEL") : kUserSelect;
+        EXPECT_EQ((Strings{kOpenDsm, select, Failed(kCloseDsm), kStatus}), Triplets());
+        EXPECT_EQ((Strings{"DSM_Entry returns failure in TScanModule::CloseDSM"}), Warnings());
+        EXPECT_EQ(3, StateFoundByOpenDS());
+        // Back to state 2 for the next round.
+        EXPECT_EQ(SM_OK, closeDS());
+    }
 }
 
 TEST_F(SelectTest, SelectionWhileASourceIsOpenIsRefused) {
@@ -441,6 +526,8 @@ TEST_F(ListTest, ThreeSourcesAndTheDefaultAreWrittenInOrder) {
                        "DG_CONTROL/DAT_IDENTITY/MSG_GETNEXT -> TWRC_ENDOFLIST", kGetDefault, kCloseDsm}),
               Triplets());
     EXPECT_EQ(GetDesktopWindow(), script.parentWindow()) << "the listing uses the desktop window";
+    EXPECT_EQ(std::vector<HWND>{GetDesktopWindow()}, ManagerClosedWith());
+    EXPECT_TRUE(Warnings().empty());
 }
 
 TEST_F(ListTest, KeysOfALongerEarlierListSurvive) {
@@ -451,6 +538,7 @@ TEST_F(ListTest, KeysOfALongerEarlierListSurvive) {
     EXPECT_EQ((Strings{"name1=Virtual Scanner", "name2=Old", "name3=Old", "name4=Old", "name5=Old", "count=1",
                        "name0=Virtual Scanner"}),
               SectionOf(path));
+    EXPECT_TRUE(Warnings().empty());
 }
 
 TEST_F(ListTest, FailedStepInsideTheListIsWrittenToo) {
@@ -461,6 +549,42 @@ TEST_F(ListTest, FailedStepInsideTheListIsWrittenToo) {
     // The failed step wrote the identity as it stood (Alpha), then Bravo and Charlie followed.
     EXPECT_EQ((Strings{"name1=Alpha", "name2=Alpha", "name3=Bravo", "name4=Charlie", "name0=Bravo", "count=4"}),
               section);
+    EXPECT_TRUE(Warnings().empty()) << "a failed step is not reported";
+}
+
+TEST_F(ListTest, ListingWithTheManagerOpenClosesItAfterwards) {
+    LeaveManagerOpen();
+    EXPECT_EQ(SM_OK, getAllDS(path.c_str()));
+    EXPECT_EQ((Strings{"DG_CONTROL/DAT_IDENTITY/MSG_GETFIRST -> TWRC_SUCCESS",
+                       "DG_CONTROL/DAT_IDENTITY/MSG_GETNEXT -> TWRC_ENDOFLIST", kGetDefault, kCloseDsm}),
+              Triplets());
+    EXPECT_EQ(std::vector<HWND>{GetDesktopWindow()}, ManagerClosedWith());
+    EXPECT_EQ((Strings{"name1=Virtual Scanner", "name0=Virtual Scanner", "count=1"}), SectionOf(path));
+    EXPECT_EQ((Strings{"Data Source Manager is already open in TScanModule::OpenDSM"}), Warnings());
+    EXPECT_EQ(2, StateFoundByOpenDS());
+}
+
+// The application's product names, one per source-manager call since the last mark.
+Strings OriginsOf(const std::vector<TdsmCall> &calls) {
+    Strings names;
+    for (const TdsmCall &call : calls)
+        names.emplace_back(call.originName);
+    return names;
+}
+
+TEST_F(ListTest, ApplicationIsTheScanModuleUntilOpenDSNamesIt) {
+    EXPECT_EQ(SM_OK, getAllDS(path.c_str()));
+    EXPECT_EQ(SM_OK, selectDS(window));
+    const Strings before = OriginsOf(CallsSinceMark());
+    ASSERT_EQ(8u, before.size()) << "listing: open, first, next, default, close; selection: open, select, close";
+    EXPECT_EQ(Strings(before.size(), "Calvex Scan Module"), before);
+    Reset();
+    EXPECT_EQ(SM_OK, openDS(window, "Title"));
+    EXPECT_EQ(SM_OK, closeDS());
+    EXPECT_EQ(SM_OK, getAllDS(path.c_str()));
+    const Strings after = OriginsOf(CallsSinceMark());
+    ASSERT_FALSE(after.empty());
+    EXPECT_EQ(Strings(after.size(), "Title"), after) << "the title stays the application's name after the close";
 }
 
 TEST_F(ListTest, FailedFirstStepWritesCountZero) {

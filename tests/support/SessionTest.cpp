@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace smtest {
 
@@ -157,6 +158,29 @@ void SessionTest::ReloadWithoutSourceManager() {
     ResolveExports();
     // The stand-in is gone: nothing to close, no switch to clear.
     withoutManager_ = true;
+}
+
+int SessionTest::StateFoundByOpenDS() {
+    Reset();
+    const LONG result = openDS(window, "Probe");
+    const std::vector<std::string> sent = Triplets();
+    if (result == SM_OK && !sent.empty())
+        return sent[0] == kOpenDsm ? 2 : 3;
+    if (result == SM_OK)
+        return 4;
+    return result == SM_ERR_SEQUENCE && sent.empty() ? 5 : 0;
+}
+
+std::vector<HWND> SessionTest::ManagerClosedWith() const {
+    std::vector<HWND> windows;
+    for (const TdsmCall &call : CallsSinceMark()) {
+        if (call.dat != DAT_PARENT || call.msg != MSG_CLOSEDSM)
+            continue;
+        HWND carried = nullptr;
+        std::memcpy(&carried, call.dataIn, sizeof carried);
+        windows.push_back(carried);
+    }
+    return windows;
 }
 
 void SessionTest::ResolveExports() {

@@ -60,6 +60,11 @@ protected:
     void LeaveManagerOpen();
     // Loads the library again with no TWAIN_32.DLL in the Windows directory; the exports are resolved anew.
     void ReloadWithoutSourceManager();
+    // The state a further smOpenDS finds: from 2 it opens the source manager first, from 3 only the
+    // source; in 4 it answers that the source is open, in 5 it is refused. 0 for anything else.
+    int StateFoundByOpenDS();
+    // The window handles that the MSG_CLOSEDSM calls since the last Mark() carried by address.
+    std::vector<HWND> ManagerClosedWith() const;
 
     LONG(WINAPI *selectDS)(HWND) = nullptr;
     LONG(WINAPI *openDS)(HWND, const char *) = nullptr;
