@@ -58,7 +58,17 @@ TEST_F(DefaultSourceTest, SourceThatIsAlreadyTheDefaultNeedsNoSearch) {
     Mark();
     EXPECT_EQ(SM_OK, setDefaultDriver(window, "ALPHA"));
     EXPECT_EQ((Strings{kOpenDsm, kGetDefault, kCloseDsm}), Triplets());
+    EXPECT_EQ(std::vector<HWND>{window}, ManagerClosedWith());
     EXPECT_EQ(file, DefaultSource()) << "win.ini is not written";
+}
+
+TEST_F(DefaultSourceTest, ManagerLeftOpenIsClosedAfterwards) {
+    LeaveManagerOpen();
+    EXPECT_EQ(SM_OK, setDefaultDriver(window, "Virtual Scanner"));
+    EXPECT_EQ((Strings{kGetDefault, kCloseDsm}), Triplets());
+    EXPECT_EQ(std::vector<HWND>{window}, ManagerClosedWith());
+    EXPECT_EQ((Strings{"Data Source Manager is already open in TScanModule::OpenDSM"}), Warnings());
+    EXPECT_EQ(2, StateFoundByOpenDS());
 }
 
 TEST_F(DefaultSourceTest, SourceInADeepSubdirectoryIsFound) {
@@ -83,17 +93,42 @@ TEST_F(DefaultSourceTest, UpperCaseSuffixMatches) {
     EXPECT_EQ(upper, DefaultSource());
 }
 
-TEST_F(DefaultSourceTest, DirectoryWithFurtherAttributesIsNotDescended) {
+// A directory whose attribute word is FILE_ATTRIBUTE_DIRECTORY plus any other bit counts as a file.
+class MarkedDirectoryTest : public DefaultSourceTest, public ::testing::WithParamInterface<DWORD> {};
+
+TEST_P(MarkedDirectoryTest, IsNotDescended) {
     Add("twain_32\\a.ds", "Alpha");
-    // Wine reports names starting with a dot as hidden: attribute word 0x12.
-    Add("twain_32\\.hidden\\h.ds", "Hotel");
+    Add("twain_32\\marked\\h.ds", "Hotel");
+    const std::string marked = WindowsDir() + "\\twain_32\\marked";
+    const DWORD word = FILE_ATTRIBUTE_DIRECTORY | GetParam();
+    ASSERT_TRUE(SetFileAttributesA(marked.c_str(), word));
     WIN32_FIND_DATAA entry;
-    HANDLE found = FindFirstFileA((WindowsDir() + "\\twain_32\\.hidden").c_str(), &entry);
+    HANDLE found = FindFirstFileA(marked.c_str(), &entry);
     ASSERT_NE(INVALID_HANDLE_VALUE, found);
     FindClose(found);
-    ASSERT_EQ(static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_HIDDEN), entry.dwFileAttributes);
-    EXPECT_EQ(kNotFound, setDefaultDriver(window, "Hotel"));
+    // Wine takes the read-only and archive bits for a directory without an error but keeps neither: the directory
+    // still reads 0x10, so there is nothing to test there.
+    if (entry.dwFileAttributes == FILE_ATTRIBUTE_DIRECTORY)
+        GTEST_SKIP() << "Wine keeps no attribute " << GetParam() << " on a directory";
+    ASSERT_EQ(word, entry.dwFileAttributes);
+    EXPECT_EQ(kNotFound, setDefaultDriver(window, "Hotel")) << "the marked directory was searched";
 }
+
+INSTANTIATE_TEST_SUITE_P(Attributes, MarkedDirectoryTest,
+                         ::testing::Values(FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_HIDDEN, FILE_ATTRIBUTE_SYSTEM,
+                                           FILE_ATTRIBUTE_ARCHIVE),
+                         [](const ::testing::TestParamInfo<DWORD> &info) {
+                             switch (info.param) {
+                             case FILE_ATTRIBUTE_READONLY:
+                                 return "ReadOnly";
+                             case FILE_ATTRIBUTE_HIDDEN:
+                                 return "Hidden";
+                             case FILE_ATTRIBUTE_SYSTEM:
+                                 return "System";
+                             default:
+                                 return "Archive";
+                             }
+                         });
 
 TEST_F(DefaultSourceTest, NoMatchTriesEveryCandidateThenRestoresTheEntry) {
     Add("twain_32\\a.ds", "Alpha");
@@ -142,6 +177,7 @@ TEST_F(DefaultSourceTest, NullWindowMeansTheDesktop) {
     Add("twain_32\\a.ds", "Alpha");
     EXPECT_EQ(SM_OK, setDefaultDriver(nullptr, "Alpha"));
     EXPECT_EQ(GetDesktopWindow(), script.parentWindow());
+    EXPECT_EQ(std::vector<HWND>{GetDesktopWindow()}, ManagerClosedWith());
     EXPECT_EQ((Strings{"Invalid parent window handle in TScanModule::SetDefaultDriver"}), Warnings());
 }
 
