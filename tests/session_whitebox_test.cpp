@@ -90,6 +90,18 @@ TEST_F(SessionWhiteBoxTest, ClosingTheManagerResetsTheParentToTheDesktop) {
     EXPECT_EQ(0, std::memcmp(&zeroed, &module->sourceIdentity, sizeof zeroed)) << "the identity is cleared on close";
 }
 
+TEST_F(SessionWhiteBoxTest, FailedManagerCloseInsideCloseDSLeavesStateThreeWithoutIdentity) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    script.failOnce(DG_CONTROL, DAT_PARENT, MSG_CLOSEDSM, TWRC_FAILURE, TWCC_SEQERROR);
+    const LONG result = module->CloseDS();
+    EXPECT_EQ(0, result) << TwccName(result);
+    EXPECT_EQ(kStateDsmOpen, module->sessionState);
+    TW_IDENTITY zeroed = {};
+    EXPECT_EQ(0, std::memcmp(&zeroed, &module->sourceIdentity, sizeof zeroed))
+        << "the identity is cleared all the same";
+    EXPECT_EQ(window, module->parentWindow) << "only a closed source manager gives the desktop back";
+}
+
 TEST_F(SessionWhiteBoxTest, EnableKeepsTheWholeShowFlagAndSendsItsLowWord) {
     ASSERT_EQ(0, module->OpenDS(window, "White box"));
     ASSERT_EQ(0, module->EnableDS(0x00020000, FALSE));
