@@ -166,6 +166,17 @@ TEST_F(VscanEventTest, InterfaceChoicesAndButtonsPressedByTheTest) {
     EXPECT_TRUE(IsWindow(window)) << "the window stays until MSG_DISABLEDS";
 }
 
+TEST_F(VscanEventTest, ScanWithThePixelTypeShownKeepsTheBitDepth) {
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_BITDEPTH, TWTY_UINT16, 48));
+    ds.setAutoScan(VSCAN_AUTO_SCAN);
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(true));
+    ASSERT_EQ(MSG_XFERREADY, ds.WaitEvent());
+    const TW_IMAGEINFO info = ImageInfo();
+    EXPECT_EQ(TWPT_RGB, info.PixelType);
+    EXPECT_EQ(48, info.BitsPerPixel) << "the colour shown is taken again, not as a change";
+}
+
 TEST_F(VscanEventTest, InterfaceResolutionsAreTheCapabilitysValues) {
     const double values[] = {72, 144, 288};
     ASSERT_EQ(1, ds.setValues(ICAP_XRESOLUTION, 3, values));

@@ -485,6 +485,54 @@ TEST_F(VscanCapTest, EnumerationSetsConstrainTheValuesUntilReset) {
     EXPECT_NEAR(297 / 25.4, Fix32ToDouble(layout.Frame.Bottom), kFixTolerance);
 }
 
+TEST_F(VscanCapTest, ARefusedSetLeavesTheConstraintInPlace) {
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCapContainer(ICAP_PIXELTYPE, TWON_ENUMERATION,
+                                                 MakeEnumeration(TWTY_UINT16, {TWPT_BW, TWPT_GRAY}, 1)));
+    EXPECT_TWFAIL(TWCC_BADVALUE,
+                  ds.SetCapContainer(ICAP_PIXELTYPE, TWON_ENUMERATION, MakeEnumeration(TWTY_UINT16, {0, 5}, 0)))
+        << "5 is no pixel type";
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_CMYK));
+    Container c;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_PIXELTYPE, MSG_GET, c));
+    EXPECT_EQ((std::vector<double>{TWPT_BW, TWPT_GRAY}), c.items) << "the first constraint stays";
+    EXPECT_EQ(TWPT_GRAY, Shown(c));
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_RGB)) << "still outside the constraint";
+
+    ASSERT_TWRC(TWRC_SUCCESS,
+                ds.SetCapContainer(ICAP_XRESOLUTION, TWON_ENUMERATION, MakeEnumeration(TWTY_FIX32, {150, 300}, 0)));
+    EXPECT_TWFAIL(TWCC_BADVALUE,
+                  ds.SetCapContainer(ICAP_XRESOLUTION, TWON_ENUMERATION, MakeEnumeration(TWTY_FIX32, {600, 110}, 0)))
+        << "110 dpi is not listed: an enumeration is not snapped";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GET, c));
+    EXPECT_EQ((std::vector<double>{150, 300}), c.items);
+    EXPECT_EQ(150, Shown(c)) << "nor was its first item taken";
+}
+
+TEST_F(VscanCapTest, TheSamePixelTypeAgainKeepsTheBitDepth) {
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    Container c;
+    const auto depth = [&] {
+        EXPECT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_BITDEPTH, MSG_GETCURRENT, c));
+        return c.Value();
+    };
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_BITDEPTH, TWTY_UINT16, 48));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_RGB));
+    EXPECT_EQ(48, depth()) << "RGB set again";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_PIXELTYPE, MSG_RESET, c));
+    EXPECT_EQ(48, depth()) << "reset to the RGB it has";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCapContainer(ICAP_PIXELTYPE, TWON_ENUMERATION,
+                                                 MakeEnumeration(TWTY_UINT16, {TWPT_GRAY, TWPT_RGB}, 1)));
+    EXPECT_EQ(48, depth()) << "a constraint keeping RGB current";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY));
+    EXPECT_EQ(8, depth()) << "a new pixel type: its first bit depth";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_BITDEPTH, TWTY_UINT16, 16));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY));
+    EXPECT_EQ(16, depth()) << "gray set again";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_PIXELTYPE, MSG_RESET, c));
+    EXPECT_EQ(24, depth()) << "reset from gray to RGB";
+}
+
 TEST_F(VscanCapTest, AFrameOfItsOwnIsNoPaperSizeEvenOutsideAConstraint) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
     ASSERT_TWRC(TWRC_SUCCESS, ds.SetCapContainer(ICAP_SUPPORTEDSIZES, TWON_ENUMERATION,

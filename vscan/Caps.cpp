@@ -162,7 +162,8 @@ const CapDesc *Find(TW_UINT16 cap) {
 // --- Values of one capability, with the few that depend on others. They are kept in the scanner's own units
 // (resolutions in dots per inch) and converted where an application gives or reads them.
 
-Domain DomainOf(const Source &s, const CapDesc &desc) {
+// Its own values, or those VscanSetValues gave, without a constraint.
+Domain OwnDomain(const Source &s, const CapDesc &desc) {
     Domain domain;
     domain.list = desc.list;
     domain.min = desc.min;
@@ -192,6 +193,12 @@ Domain DomainOf(const Source &s, const CapDesc &desc) {
     auto answer = s.answers.find(desc.cap);
     if (answer != s.answers.end() && !answer->second.values.empty())
         domain.list = answer->second.values;
+    return domain;
+}
+
+// The values offered now: its own, narrowed by a constraint set with an enumeration.
+Domain DomainOf(const Source &s, const CapDesc &desc) {
+    Domain domain = OwnDomain(s, desc);
     auto state = s.caps.find(desc.cap);
     if (state != s.caps.end() && !state->second.allowed.empty())
         domain.list = state->second.allowed;
@@ -253,9 +260,10 @@ Domain Scaled(Domain domain, double factor) {
     return domain;
 }
 
-// What other values follow a change of this capability.
-void OnChange(Source &s, TW_UINT16 cap) {
-    if (cap == ICAP_PIXELTYPE) {
+// What other values follow a set or reset of this capability, whose value was `before`: a new pixel type resets
+// the bit depth (the same one again keeps it), a paper size sets the frame.
+void OnChange(Source &s, TW_UINT16 cap, double before) {
+    if (cap == ICAP_PIXELTYPE && CapValue(s, ICAP_PIXELTYPE) != before) {
         s.caps[ICAP_BITDEPTH] = CapState{};
     } else if (cap == ICAP_SUPPORTEDSIZES) {
         double width, height;
@@ -507,14 +515,13 @@ bool ReadSet(const CapDesc &desc, TW_UINT16 setType, TW_UINT16 conType, const vo
     return true;
 }
 
-// Applies set values as the application gives them; false when one is not supported. `changed` tells that a value
-// was moved.
+// Applies set values as the application gives them; false, with nothing changed, when one is not supported.
+// `changed` tells that a value was moved.
 bool Apply(Source &s, const CapDesc &desc, TW_UINT16 conType, std::vector<double> items, TW_UINT32 currentIndex,
            bool &changed) {
     const double factor = AnswerFactor(s, desc);
-    if (conType == TWON_ENUMERATION)
-        s.caps[desc.cap].allowed.clear(); // a constraint is taken against all values, not against an earlier one
-    const Domain domain = Scaled(DomainOf(s, desc), factor);
+    // A constraint is taken against all values, not against an earlier one (which stays until this one fits).
+    const Domain domain = Scaled(conType == TWON_ENUMERATION ? OwnDomain(s, desc) : DomainOf(s, desc), factor);
     const unsigned strict = conType == TWON_ONEVALUE ? desc.flags : desc.flags & ~kSnap;
     changed = false;
     for (double &item : items) {
@@ -524,6 +531,7 @@ bool Apply(Source &s, const CapDesc &desc, TW_UINT16 conType, std::vector<double
         changed = changed || std::fabs(fitted - item) >= kFix32Step;
         item = fitted / factor;
     }
+    const double before = CapValue(s, desc.cap);
     CapState &state = s.caps[desc.cap];
     if (conType == TWON_ENUMERATION) {
         state.allowed = items;
@@ -531,7 +539,7 @@ bool Apply(Source &s, const CapDesc &desc, TW_UINT16 conType, std::vector<double
     } else {
         state.current = items;
     }
-    OnChange(s, desc.cap);
+    OnChange(s, desc.cap, before);
     return true;
 }
 
@@ -689,8 +697,9 @@ TW_UINT16 CapReset(Source &s, TW_CAPABILITY &cap, TW_UINT16 &cc) {
         return Fail(cc, TWCC_CAPUNSUPPORTED);
     if (desc->flags & kReadOnly)
         return Fail(cc, TWCC_CAPBADOPERATION);
+    const double before = CapValue(s, desc->cap);
     s.caps[desc->cap] = CapState{};
-    OnChange(s, desc->cap);
+    OnChange(s, desc->cap, before);
     return CapGet(s, MSG_RESET, cap, cc);
 }
 

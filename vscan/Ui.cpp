@@ -79,7 +79,7 @@ void CreateControls(const Source &s, HWND window) {
     FillLists(s, window);
 }
 
-// The lists' choices become the negotiated values (a pixel type change resets the bit depth only when it differs).
+// The lists' choices become the negotiated values (the pixel type shown again keeps the bit depth).
 void ApplyChoices(Source &s, HWND window) {
     const std::vector<double> resolutions = Resolutions(s);
     const LRESULT dpi = SendMessageA(GetDlgItem(window, kIdResolution), CB_GETCURSEL, 0, 0);
@@ -88,8 +88,7 @@ void ApplyChoices(Source &s, HWND window) {
         SetCapValue(s, ICAP_YRESOLUTION, resolutions[dpi]);
     }
     const LRESULT type = SendMessageA(GetDlgItem(window, kIdPixelType), CB_GETCURSEL, 0, 0);
-    if (type >= 0 && type < static_cast<LRESULT>(sizeof kPixelTypes / sizeof *kPixelTypes) &&
-        kPixelTypes[type].type != static_cast<int>(CapValue(s, ICAP_PIXELTYPE)))
+    if (type >= 0 && type < static_cast<LRESULT>(sizeof kPixelTypes / sizeof *kPixelTypes))
         SetCapValue(s, ICAP_PIXELTYPE, kPixelTypes[type].type);
 }
 
