@@ -491,6 +491,30 @@ TEST_P(VscanFaultTest, CloseRequestAfterAnImage) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
 }
 
+TEST_P(VscanFaultTest, CloseRequestOnlyWhereImageNEnds) {
+    Switch("CloseRequestAfter = 1", [&] { ds.setFault(VSCAN_FAULT_CLOSEREQUESTAFTER, 1); });
+    ds.setPages(3);
+    OpenSmall();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    EnableToReady();
+    EXPECT_EQ(2, TransferOne());
+    ASSERT_EQ(MSG_CLOSEDSREQ, ds.WaitEvent());
+    TW_PENDINGXFERS pending{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+
+    EnableToReady();
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending));
+    EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
+    EXPECT_EQ(MSG_NULL, ds.WaitEvent(300)) << "MSG_RESET in a later session: image 1 ended before";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+
+    EnableToReady();
+    EXPECT_EQ(1, TransferOne());
+    EXPECT_EQ(2, ds.Info().imagesDone);
+    EXPECT_EQ(MSG_NULL, ds.WaitEvent(300)) << "image 2 is not image 1";
+}
+
 TEST_P(VscanFaultTest, CloseRequestAfterTheLastImageOfTheAutomaticMode) {
     Switch("CloseRequestAfter = 2\nAutoScan = VSCAN_AUTO_SCAN_CLOSE", [&] {
         ds.setFault(VSCAN_FAULT_CLOSEREQUESTAFTER, 2);

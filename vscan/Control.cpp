@@ -156,7 +156,7 @@ void __cdecl VscanGetInfo(VscanInfo *out) {
         return;
     const vscan::Source &s = vscan::TheSource();
     out->state = s.state;
-    out->pending = s.state >= VSCAN_STATE_XFERREADY ? static_cast<int>(s.batch.size()) : 0;
+    out->pending = vscan::PendingCount(s);
     out->sheetsLeft = s.sheetsLeft;
     out->imagesStarted = s.imagesStarted;
     out->imagesDone = s.imagesDone;

@@ -133,14 +133,19 @@ void StartBatch(Source &s) {
         s.batch.resize(limit);
 }
 
-void EndImage(Source &s) {
+bool EndImage(Source &s) {
     if (s.batch.empty())
-        return;
+        return false;
     s.batch.pop_front();
     if (s.batchFromFeeder && s.sheetsLeft > 0)
         --s.sheetsLeft;
     ++s.imagesDone;
     s.xfer = Transfer{};
+    return true;
+}
+
+int PendingCount(const Source &s) {
+    return s.state >= VSCAN_STATE_XFERREADY ? static_cast<int>(s.batch.size()) : 0;
 }
 
 double XResolution(const Source &s) {

@@ -116,8 +116,10 @@ void RequestClose(Source &s);
 
 // The batch: images announced by a scan, per the feeder, ICAP_IMAGEDATASET and CAP_XFERCOUNT.
 void StartBatch(Source &s);
-// The image at the head of the batch ended (transferred, cancelled or skipped).
-void EndImage(Source &s);
+// The image at the head of the batch ended (transferred, cancelled or skipped); false when there was none.
+bool EndImage(Source &s);
+// The images left in the batch as the application counts them: none before the transfer is announced (state 6).
+int PendingCount(const Source &s);
 // The format the next image gets from the negotiated values, with the page at the head of the batch.
 PageFormat NegotiatedFormat(const Source &s);
 double XResolution(const Source &s);

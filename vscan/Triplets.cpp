@@ -166,7 +166,7 @@ TW_UINT16 ProcessEvent(Call &call) {
 TW_UINT16 GetPending(Call &call) {
     const Source &s = call.source;
     auto *pending = static_cast<TW_PENDINGXFERS *>(call.data);
-    const int left = s.state >= VSCAN_STATE_XFERREADY ? static_cast<int>(s.batch.size()) : 0;
+    const int left = PendingCount(s);
     const bool unknown = s.faults[VSCAN_FAULT_UNKNOWNPENDING] != 0 && left > 0;
     pending->Count = static_cast<TW_UINT16>(unknown ? -1 : left);
     pending->EOJ = 0;
@@ -175,9 +175,6 @@ TW_UINT16 GetPending(Call &call) {
 
 // After the batch shrank: state 6 with more images, else state 5 (and Close pressed in the automatic mode).
 void AfterImage(Source &s) {
-    const int closeAfter = s.faults[VSCAN_FAULT_CLOSEREQUESTAFTER];
-    if (closeAfter > 0 && s.imagesDone == closeAfter)
-        RequestClose(s);
     if (!s.batch.empty()) {
         s.state = VSCAN_STATE_XFERREADY;
         return;
@@ -190,7 +187,9 @@ void AfterImage(Source &s) {
 // DG_CONTROL / DAT_PENDINGXFERS / MSG_ENDXFER: the image is done with (or skipped); the count of the rest.
 TW_UINT16 EndXfer(Call &call) {
     Source &s = call.source;
-    EndImage(s);
+    const int closeAfter = s.faults[VSCAN_FAULT_CLOSEREQUESTAFTER];
+    if (EndImage(s) && closeAfter > 0 && s.imagesDone == closeAfter)
+        RequestClose(s); // only here, where image N ends: not at a later MSG_RESET nor in a later session
     AfterImage(s);
     GetPending(call);
     return TWRC_SUCCESS;
