@@ -606,6 +606,36 @@ TEST_P(VscanFaultTest, PagesAndAutomaticScan) {
     EXPECT_EQ(4, pending.Count);
 }
 
+TEST_P(VscanFaultTest, AtMostSixteenFailureSwitchesEachFromACallOnForACount) {
+    std::string taken; // the Fail lines vscan.ini holds so far
+    const auto add = [&](TW_UINT16 cc, int first, int count) {
+        if (GetParam() == Via::Control)
+            return ds.failTriplet(DG_CONTROL, DAT_XFERGROUP, MSG_GET, 0, TWRC_FAILURE, cc, first, count);
+        const std::string line = "Fail = DG_CONTROL, DAT_XFERGROUP, MSG_GET, 0, TWRC_FAILURE, " + std::to_string(cc) +
+                                 ", " + std::to_string(first) + ", " + std::to_string(count) + "\n";
+        std::ofstream(IniPath()) << taken << line;
+        ds.reset();
+        if (ds.Info().settingsKeys == -1)
+            return 0;
+        taken += line;
+        return 1;
+    };
+    EXPECT_EQ(0, add(TWCC_BUMMER, 0, 1)) << "there is no call 0";
+    EXPECT_EQ(0, add(TWCC_BUMMER, -2, 1));
+    EXPECT_EQ(0, add(TWCC_BUMMER, 1, -1)) << "a count below 0";
+    for (int i = 1; i <= VSCAN_MAX_FAILS; ++i)
+        ASSERT_EQ(1, add(static_cast<TW_UINT16>(i), i, 1)) << "switch " << i;
+    EXPECT_EQ(0, add(TWCC_BUMMER, VSCAN_MAX_FAILS + 1, 1)) << "one switch too many";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    TW_UINT32 group = 0;
+    for (int i = 1; i <= VSCAN_MAX_FAILS; ++i) {
+        EXPECT_TWFAIL(static_cast<TW_UINT16>(i), ds.Call(DG_CONTROL, DAT_XFERGROUP, MSG_GET, &group))
+            << "call " << i << ": switch " << i;
+    }
+    EXPECT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_XFERGROUP, MSG_GET, &group)) << "the refused switch is not there";
+    EXPECT_EQ(static_cast<TW_UINT32>(DG_IMAGE), group);
+}
+
 INSTANTIATE_TEST_SUITE_P(Via, VscanFaultTest, ::testing::Values(Via::Control, Via::File), ViaName);
 
 class VscanSettingsTest : public VscanTest {};

@@ -492,6 +492,25 @@ TEST_F(VscanXferTest, SetupFileXferTakesOnlyBmp) {
     EXPECT_EQ(static_cast<TW_UINT32>(DG_IMAGE), group);
 }
 
+TEST_F(VscanXferTest, SetupFileXferTakesNamesThatFitTheirField) {
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    TW_SETUPFILEXFER setup{};
+    setup.Format = TWFF_BMP;
+    std::memset(setup.FileName, 'a', sizeof setup.FileName);
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup)) << "no NUL in 256 bytes";
+    TW_SETUPFILEXFER back{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_GET, &back));
+    EXPECT_STREQ("TWAIN.TMP", back.FileName) << "the name before stays";
+    setup.FileName[sizeof setup.FileName - 1] = '\0';
+    EXPECT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup)) << "255 characters and a NUL";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_GET, &back));
+    EXPECT_EQ(std::string(sizeof setup.FileName - 1, 'a'), back.FileName);
+    setup.FileName[0] = '\0';
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup)) << "an empty name";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_GET, &back));
+    EXPECT_EQ(std::string(sizeof setup.FileName - 1, 'a'), back.FileName);
+}
+
 TEST_F(VscanXferTest, FeederDeliversNumberedPagesUntilEmpty) {
     ds.setPages(3);
     OpenSmall();

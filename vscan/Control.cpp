@@ -8,8 +8,6 @@ namespace vscan {
 
 namespace {
 
-constexpr size_t kMaxTripletFaults = 16;
-
 // A name of the identity; NULL keeps the one it has.
 void CopyName(char *to, size_t size, const char *from) {
     if (from)
@@ -45,7 +43,7 @@ void SetIdentity(Source &s, const char *manufacturer, const char *family, const 
 }
 
 bool AddTripletFault(Source &s, const TripletFault &fault) {
-    if (s.tripletFaults.size() >= kMaxTripletFaults || fault.first < 1 || fault.count < 0)
+    if (s.tripletFaults.size() >= VSCAN_MAX_FAILS || fault.first < 1 || fault.count < 0)
         return false;
     s.tripletFaults.push_back(fault);
     s.tripletFaults.back().calls = 0;
@@ -120,9 +118,9 @@ void __cdecl VscanSetIdentity(const char *manufacturer, const char *family, cons
     vscan::SetIdentity(vscan::TheSource(), manufacturer, family, product);
 }
 
-void __cdecl VscanFailTriplet(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 cap, TW_UINT16 rc, TW_UINT16 cc,
-                              int first, int count) {
-    vscan::AddTripletFault(vscan::TheSource(), vscan::TripletFault{dg, dat, msg, cap, rc, cc, first, count, 0});
+int __cdecl VscanFailTriplet(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 cap, TW_UINT16 rc, TW_UINT16 cc,
+                             int first, int count) {
+    return vscan::AddTripletFault(vscan::TheSource(), vscan::TripletFault{dg, dat, msg, cap, rc, cc, first, count, 0});
 }
 
 int __cdecl VscanSetContainer(TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 conType) {

@@ -1,6 +1,7 @@
 /* Control interface of the virtual scanner data source (vscan.ds): switches, faults and read-back for tests. */
 /* A test loads the same .ds file the source manager loads and resolves these cdecl names. Every switch also has a
-   key in vscan.ini beside the .ds (see the README); the file is read when the source is loaded and by VscanReset. */
+   key in vscan.ini beside the .ds (see the README); the file is read at the first DS_Entry or control call after the
+   module is loaded (not by loading it), and again by VscanReset. */
 #ifndef VSCAN_H
 #define VSCAN_H
 
@@ -55,6 +56,8 @@ extern "C" {
 
 /* Values of VscanSetValues at most. */
 #define VSCAN_MAX_VALUES 16
+/* Failure switches of VscanFailTriplet (and Fail keys) at most, until VscanReset. */
+#define VSCAN_MAX_FAILS 16
 
 /* What VscanGetInfo reports. */
 typedef struct VscanInfo {
@@ -67,7 +70,9 @@ typedef struct VscanInfo {
     HWND window;        /* the user interface's window, or 0 */
     UINT notifyMessage; /* the registered message posted to announce events */
     TW_UINT32 appId;    /* Id of the application that opened the source */
-    int settingsKeys;   /* keys applied from vscan.ini by the last load or reset, -1 when there is no file */
+    int settingsKeys;   /* keys applied from vscan.ini beside the .ds when it was last read (first call or
+                           VscanReset); -1 when there is no file, and also after a bad key (the keys before it stay
+                           applied) */
 } VscanInfo;
 
 typedef void(__cdecl *VscanResetProc)(void);
@@ -75,8 +80,8 @@ typedef int(__cdecl *VscanLoadSettingsProc)(const char *path);
 typedef void(__cdecl *VscanSetPagesProc)(int pages);
 typedef void(__cdecl *VscanSetAutoScanProc)(int mode);
 typedef void(__cdecl *VscanSetIdentityProc)(const char *manufacturer, const char *family, const char *product);
-typedef void(__cdecl *VscanFailTripletProc)(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 cap, TW_UINT16 rc,
-                                            TW_UINT16 cc, int first, int count);
+typedef int(__cdecl *VscanFailTripletProc)(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 cap, TW_UINT16 rc,
+                                           TW_UINT16 cc, int first, int count);
 typedef int(__cdecl *VscanSetContainerProc)(TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 conType);
 typedef int(__cdecl *VscanSetItemTypeProc)(TW_UINT16 cap, TW_UINT16 itemType);
 typedef int(__cdecl *VscanSetFaultProc)(int fault, int value);
@@ -98,9 +103,10 @@ void __cdecl VscanSetAutoScan(int mode);
 void __cdecl VscanSetIdentity(const char *manufacturer, const char *family, const char *product);
 /* Makes a triplet answer `rc`, and DAT_STATUS then `cc` when rc is TWRC_FAILURE, without doing anything else.
    `cap` narrows DAT_CAPABILITY triplets to one capability (0: any). Counting this triplet's calls from 1 after the
-   switch, calls `first` .. first+count-1 fail (count 0: every call from `first` on). Up to 16 such switches. */
-void __cdecl VscanFailTriplet(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 cap, TW_UINT16 rc, TW_UINT16 cc,
-                              int first, int count);
+   switch, calls `first` .. first+count-1 fail (count 0: every call from `first` on). Returns 1 when the switch is
+   taken, 0 when it is refused: `first` below 1, `count` below 0, or VSCAN_MAX_FAILS switches already in place. */
+int __cdecl VscanFailTriplet(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_UINT16 cap, TW_UINT16 rc, TW_UINT16 cc,
+                             int first, int count);
 /* The container a capability answers MSG_GET, MSG_GETCURRENT, MSG_GETDEFAULT or MSG_RESET with (TWON_ONEVALUE,
    TWON_ENUMERATION, TWON_RANGE or TWON_ARRAY). Returns 0 for an unknown capability, message or container. */
 int __cdecl VscanSetContainer(TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 conType);
