@@ -70,6 +70,20 @@ protected:
         }
         return texts;
     }
+    // One memory strip into `buffer`.
+    TW_UINT16 Strip(std::vector<unsigned char> &buffer, TW_IMAGEMEMXFER &mx) {
+        mx = TW_IMAGEMEMXFER{};
+        mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
+        mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
+        mx.Memory.TheMem = buffer.data();
+        return ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx);
+    }
+    // DAT_SETUPMEMXFER's three sizes.
+    TW_SETUPMEMXFER SetupMem() {
+        TW_SETUPMEMXFER setup{1, 1, 1};
+        EXPECT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup));
+        return setup;
+    }
     // Transfers the announced image natively and ends it; the count left.
     int TransferOne() {
         TW_UINT32 handle = 0;
@@ -264,13 +278,6 @@ protected:
         OpenSmall();
         Negotiate(Format{TWPT_GRAY, 8}, TWSX_MEMORY);
     }
-    TW_UINT16 Strip(std::vector<unsigned char> &buffer, TW_IMAGEMEMXFER &mx) {
-        mx = TW_IMAGEMEMXFER{};
-        mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
-        mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
-        mx.Memory.TheMem = buffer.data();
-        return ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx);
-    }
 };
 
 std::string ViaName(const ::testing::TestParamInfo<Via> &info) {
@@ -326,6 +333,17 @@ TEST_P(VscanFaultTest, ContainerAndItemTypeSubstituted) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(CAP_INDICATORS, MSG_GET, c));
     EXPECT_EQ(TWTY_UINT16, c.itemType);
     EXPECT_EQ(1, c.Value());
+    ds.reset();
+    DeleteFileA(IniPath().c_str());
+    Switch("Container = ICAP_PIXELTYPE, MSG_RESET, TWON_ONEVALUE",
+           [&] { ds.setContainer(ICAP_PIXELTYPE, MSG_RESET, TWON_ONEVALUE); });
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_PIXELTYPE, MSG_RESET, c));
+    EXPECT_STREQ("TWON_ONEVALUE", ConName(c.conType)) << "in place of its enumeration";
+    EXPECT_EQ(TWPT_RGB, c.Value());
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_PIXELTYPE, MSG_GET, c));
+    EXPECT_STREQ("TWON_ENUMERATION", ConName(c.conType)) << "MSG_GET keeps its own";
 }
 
 TEST_P(VscanFaultTest, UnknownImageLength) {
@@ -433,8 +451,7 @@ TEST_P(VscanFaultTest, BytesWrittenDisagreesWithRows) {
 TEST_P(VscanFaultTest, ZeroBufferSizes) {
     Switch("ZeroBufferSizes = 1", [&] { ds.setFault(VSCAN_FAULT_ZEROBUFFERSIZES, 1); });
     MemoryGray();
-    TW_SETUPMEMXFER setup{1, 1, 1};
-    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup));
+    const TW_SETUPMEMXFER setup = SetupMem();
     EXPECT_EQ(0u, setup.MinBufSize);
     EXPECT_EQ(0u, setup.MaxBufSize);
     EXPECT_EQ(0u, setup.Preferred);
@@ -447,8 +464,7 @@ TEST_P(VscanFaultTest, BufferSizesChosenByTheTest) {
         ds.setFault(VSCAN_FAULT_PREFERREDBUFSIZE, 2000000);
     });
     MemoryGray();
-    TW_SETUPMEMXFER setup{1, 1, 1};
-    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup));
+    const TW_SETUPMEMXFER setup = SetupMem();
     EXPECT_EQ(1000u, setup.MinBufSize);
     EXPECT_EQ(500000u, setup.MaxBufSize);
     EXPECT_EQ(2000000u, setup.Preferred) << "unchecked: above the maximum";
@@ -638,10 +654,10 @@ TEST_P(VscanFaultTest, AtMostSixteenFailureSwitchesEachFromACallOnForACount) {
 
 INSTANTIATE_TEST_SUITE_P(Via, VscanFaultTest, ::testing::Values(Via::Control, Via::File), ViaName);
 
-class VscanSettingsTest : public VscanTest {};
+class VscanSettingsTest : public VscanEventTest {};
 
 TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
-    std::ofstream(IniPath()) << "; every key of vscan.ini\n"
+    std::ofstream(IniPath()) << "; every key of vscan.ini, each with an effect\n"
                                 "# another comment\n"
                                 "[Identity]\n"
                                 "Manufacturer = EPSON\n"
@@ -650,33 +666,98 @@ TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
                                 "[Feeder]\n"
                                 "Pages = 7\n"
                                 "AutoScan = 2\n"
-                                "[Faults]\n"
+                                "[Answers]\n"
                                 "Fail = DG_CONTROL, DAT_XFERGROUP, MSG_GET, 0, TWRC_FAILURE, TWCC_BUMMER\n"
                                 "Container = CAP_INDICATORS, MSG_GETCURRENT, TWON_ENUMERATION\n"
+                                "; ICAP_XRESOLUTION answers TWTY_UINT16\n"
                                 "ItemType = 0x1118, 4\n"
+                                "Malformed = ICAP_PIXELFLAVOR, 1, VSCAN_MALFORMED_NULLHANDLE\n"
+                                "Values = ICAP_LIGHTPATH, 0, 1, 7\n"
+                                "SetType = 0x0102, TWTY_UINT32\n"
+                                "[Faults]\n"
                                 "UnknownLength = 1\n"
-                                "CancelImage = 0\n"
-                                "CancelBlock = 0\n"
-                                "BytesWrittenDelta = 0\n"
-                                "ZeroBufferSizes = 0\n"
-                                "PaletteColors = 0\n"
-                                "CloseRequestAfter = VSCAN_CLOSEREQUEST_OFF\n"
-                                "UnknownPending = 0\n"
-                                "DpiInEveryUnit = 0\n";
+                                "CancelImage = 2\n"
+                                "CancelBlock = 2\n"
+                                "BytesWrittenDelta = -3\n"
+                                "ZeroBufferSizes = 1\n"
+                                "PaletteColors = 300\n"
+                                "CloseRequestAfter = 1\n"
+                                "MinBufSize = 1000\n"
+                                "MaxBufSize = 500000\n"
+                                "PreferredBufSize = 2000000\n"
+                                "ZeroRangeStep = 1\n"
+                                "DpiInEveryUnit = 1\n"
+                                "UnknownPending = 1\n";
     ds.reset();
-    EXPECT_EQ(17, ds.Info().settingsKeys);
-    EXPECT_EQ(7, ds.Info().sheetsLeft);
-    ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
+    EXPECT_EQ(24, ds.Info().settingsKeys);
+    EXPECT_EQ(7, ds.Info().sheetsLeft) << "Pages";
+    OpenSmall();
     EXPECT_STREQ("EPSON", ds.ds.Manufacturer);
     EXPECT_STREQ("Test Family", ds.ds.ProductFamily);
     EXPECT_STREQ("Test Scanner", ds.ds.ProductName);
+
+    // The answers of state 4.
     TW_UINT32 group = 0;
-    EXPECT_TWFAIL(TWCC_BUMMER, ds.Call(DG_CONTROL, DAT_XFERGROUP, MSG_GET, &group));
+    EXPECT_TWFAIL(TWCC_BUMMER, ds.Call(DG_CONTROL, DAT_XFERGROUP, MSG_GET, &group)) << "Fail";
     Container c;
     ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(CAP_INDICATORS, MSG_GETCURRENT, c));
-    EXPECT_STREQ("TWON_ENUMERATION", ConName(c.conType));
+    EXPECT_STREQ("TWON_ENUMERATION", ConName(c.conType)) << "Container";
     ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GETCURRENT, c));
-    EXPECT_EQ(TWTY_UINT16, c.itemType);
+    EXPECT_EQ(TWTY_UINT16, c.itemType) << "ItemType";
+    TW_CAPABILITY flavor{ICAP_PIXELFLAVOR, TWON_DONTCARE16, nullptr};
+    EXPECT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_CAPABILITY, MSG_GET, &flavor));
+    EXPECT_EQ(nullptr, flavor.hContainer) << "Malformed";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_LIGHTPATH, MSG_GET, c));
+    EXPECT_EQ((std::vector<double>{0, 1, 7}), c.items) << "Values";
+    EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCap(ICAP_UNITS, TWTY_UINT16, TWUN_CENTIMETERS)) << "SetType";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_UNITS, TWTY_UINT32, TWUN_CENTIMETERS)) << "SetType";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_XRESOLUTION, MSG_GETCURRENT, c));
+    EXPECT_EQ(100, c.Value()) << "DpiInEveryUnit: dots per inch in centimetres";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.GetCap(ICAP_BRIGHTNESS, MSG_GET, c));
+    ASSERT_EQ(5u, c.items.size());
+    EXPECT_EQ(0.0, c.items[2]) << "ZeroRangeStep";
+    TW_PALETTE8 palette{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_PALETTE8, MSG_GET, &palette));
+    EXPECT_EQ(300, palette.NumColors) << "PaletteColors";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XFERMECH, TWTY_UINT16, TWSX_MEMORY));
+    TW_SETUPMEMXFER setup = SetupMem();
+    EXPECT_EQ(1000u, setup.MinBufSize) << "MinBufSize";
+    EXPECT_EQ(500000u, setup.MaxBufSize) << "MaxBufSize";
+    EXPECT_EQ(2000000u, setup.Preferred) << "PreferredBufSize";
+
+    // Two of the seven sheets, through memory transfers of 10 rows of 100 RGB pixels.
+    ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(true));
+    EXPECT_EQ(MSG_XFERREADY, ds.WaitEvent()) << "AutoScan: Scan pressed by itself";
+    TW_PENDINGXFERS pending{};
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_GET, &pending));
+    EXPECT_EQ(0xFFFF, pending.Count) << "UnknownPending";
+    EXPECT_EQ(7, ds.Info().pending);
+    EXPECT_EQ(-1, ImageInfo().ImageLength) << "UnknownLength";
+    std::vector<unsigned char> buffer(kWidth * 3 * 10);
+    TW_IMAGEMEMXFER mx;
+    ASSERT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
+    EXPECT_EQ(static_cast<TW_UINT32>(buffer.size() - 3), mx.BytesWritten) << "BytesWrittenDelta";
+    for (int strip = 2; strip < kHeight / 10; ++strip) {
+        EXPECT_TWRC(TWRC_SUCCESS, Strip(buffer, mx)) << "strip " << strip;
+    }
+    EXPECT_TWRC(TWRC_XFERDONE, Strip(buffer, mx));
+    TW_UINT16 count;
+    ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
+    EXPECT_EQ(MSG_CLOSEDSREQ, ds.WaitEvent()) << "CloseRequestAfter";
+    EXPECT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
+    EXPECT_TWRC(TWRC_CANCEL, Strip(buffer, mx)) << "CancelImage and CancelBlock";
+    ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
+
+    // The three sizes switched off by another file show the zeros of ZeroBufferSizes.
+    std::ofstream(IniPath()) << "MinBufSize = 0\nMaxBufSize = 0\nPreferredBufSize = 0\n";
+    ASSERT_EQ(3, ds.loadSettings(IniPath().c_str()));
+    setup = SetupMem();
+    EXPECT_EQ(0u, setup.MinBufSize) << "ZeroBufferSizes";
+    EXPECT_EQ(0u, setup.MaxBufSize) << "ZeroBufferSizes";
+    EXPECT_EQ(0u, setup.Preferred) << "ZeroBufferSizes";
 }
 
 TEST_F(VscanSettingsTest, TheReadmeExample) {
@@ -714,13 +795,9 @@ TEST_F(VscanSettingsTest, TheReadmeExample) {
     std::vector<unsigned char> buffer(kWidth * 25);
     for (int image = 1; image <= 5; ++image) {
         SCOPED_TRACE("image " + std::to_string(image));
-        TW_IMAGEMEMXFER mx{};
-        mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
-        mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
-        mx.Memory.TheMem = buffer.data();
-        EXPECT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx));
-        EXPECT_TWRC(image == 3 ? TWRC_CANCEL : TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx))
-            << "CancelImage and CancelBlock";
+        TW_IMAGEMEMXFER mx;
+        EXPECT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
+        EXPECT_TWRC(image == 3 ? TWRC_CANCEL : TWRC_XFERDONE, Strip(buffer, mx)) << "CancelImage and CancelBlock";
         TW_PENDINGXFERS pending{};
         ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_ENDXFER, &pending));
         EXPECT_EQ(5 - image, pending.Count);
