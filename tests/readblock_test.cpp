@@ -24,18 +24,13 @@ class ReadBlockTest : public SessionTest {
 protected:
     void SetUp() override {
         SessionTest::SetUp();
-        scanner = LoadLibraryA((WindowsDir() + "\\twain_32\\vscan.ds").c_str());
-        ASSERT_NE(nullptr, scanner);
+        ASSERT_TRUE(scanner.Load(WindowsDir() + "\\twain_32\\vscan.ds")) << "the installed scanner's controls";
         readBlock = library.Get<decltype(readBlock)>("smReadBlock");
         ASSERT_NE(nullptr, readBlock);
     }
     void TearDown() override {
         SessionTest::TearDown();
-        if (scanner)
-            FreeLibrary(scanner);
-    }
-    template <typename T> T Scanner(const char *name) {
-        return reinterpret_cast<T>(reinterpret_cast<void *>(GetProcAddress(scanner, name)));
+        scanner.Free();
     }
     // Opens the scanner for memory transfers of a small page and enables it without its interface.
     void StartScan() {
@@ -117,7 +112,7 @@ protected:
         return out;
     }
 
-    HMODULE scanner = nullptr;
+    VscanLibrary scanner;
     BOOL(WINAPI *readBlock)(BYTE *, DWORD, DWORD *) = nullptr;
 };
 
@@ -138,8 +133,7 @@ TEST_F(ReadBlockTest, WholeImageArrivesBlockByBlockInRgbOrder) {
 
 TEST_F(ReadBlockTest, FailedBlockLeavesTheCountAsItWas) {
     StartScan();
-    Scanner<VscanFailTripletProc>("VscanFailTriplet")(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, 0, TWRC_FAILURE, TWCC_BUMMER,
-                                                      1, 2);
+    ASSERT_EQ(1, scanner.failTriplet(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, 0, TWRC_FAILURE, TWCC_BUMMER, 1, 2));
     std::vector<BYTE> buffer(4096);
     DWORD count = 0x12345678;
     EXPECT_EQ(0, readBlock(buffer.data(), 4096, &count)) << "the transfer failed, but the count says nothing ended";
@@ -151,7 +145,7 @@ TEST_F(ReadBlockTest, FailedBlockLeavesTheCountAsItWas) {
 
 TEST_F(ReadBlockTest, SourceCancelEndsTheImageAndDropsThePending) {
     StartScan();
-    Scanner<VscanSetFaultProc>("VscanSetFault")(VSCAN_FAULT_CANCELBLOCK, 2);
+    ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_CANCELBLOCK, 2));
     std::vector<BYTE> buffer(4096);
     DWORD count = 0;
     EXPECT_EQ(0, readBlock(buffer.data(), 4096, &count));
@@ -167,8 +161,7 @@ TEST_F(ReadBlockTest, SourceCancelEndsTheImageAndDropsThePending) {
 
 TEST_F(ReadBlockTest, OperationErrorEndsEverything) {
     StartScan();
-    Scanner<VscanFailTripletProc>("VscanFailTriplet")(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, 0, TWRC_FAILURE,
-                                                      TWCC_OPERATIONERROR, 1, 1);
+    ASSERT_EQ(1, scanner.failTriplet(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, 0, TWRC_FAILURE, TWCC_OPERATIONERROR, 1, 1));
     std::vector<BYTE> buffer(4096);
     DWORD count = 0;
     EXPECT_EQ(1, readBlock(buffer.data(), 4096, &count));
@@ -188,7 +181,7 @@ TEST_F(ReadBlockTest, BlocksAreCutToTheCallersSize) {
 }
 
 TEST_F(ReadBlockTest, OneMakersSourcesGetBlocksOfTheCallersSize) {
-    Scanner<VscanSetIdentityProc>("VscanSetIdentity")("EPSON", nullptr, nullptr);
+    scanner.setIdentity("EPSON", nullptr, nullptr);
     StartScan();
     const DWORD size = PreferredSize() + 5000;
     EXPECT_EQ(size, OfferedLength(size)) << "this maker's source gets the caller's size, not its own preferred one";

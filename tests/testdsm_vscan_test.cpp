@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "DsmHarness.h"
 #include "vscan.h"
@@ -22,32 +24,27 @@ protected:
     }
     void TearDown() override {
         dsm.Reset();
-        if (module)
-            FreeLibrary(module);
+        scanner.Free();
         DsmTest::TearDown();
     }
     // The copy the manager loads, for its controls.
-    void Attach() {
-        module = LoadLibraryA(path.c_str());
-        ASSERT_NE(nullptr, module);
-    }
-    template <typename T> T Control(const char *name) {
-        FARPROC proc = GetProcAddress(module, name);
-        EXPECT_NE(nullptr, proc) << name;
-        return reinterpret_cast<T>(reinterpret_cast<void *>(proc));
-    }
-    VscanInfo Info() {
-        VscanInfo info = {};
-        Control<VscanGetInfoProc>("VscanGetInfo")(&info);
-        return info;
-    }
-    // Passes the window's messages through MSG_PROCESSEVENT until the source announces one.
+    void Attach() { ASSERT_TRUE(scanner.Load(path)) << path; }
+    VscanInfo Info() { return scanner.Info(); }
+
+    // One message passed to the source through MSG_PROCESSEVENT, and its answer.
+    struct Passed {
+        MSG message;
+        TW_UINT16 rc;
+        TW_UINT16 twMessage;
+    };
+    // Passes the thread's messages through MSG_PROCESSEVENT until the source announces one; each goes to `passed`.
     TW_UINT16 WaitForEvent(TW_IDENTITY &source) {
         for (int round = 0; round < kEventRounds; ++round) {
             MSG message;
             while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE)) {
                 TW_EVENT event = {&message, MSG_NULL};
                 const TW_UINT16 rc = Entry(&source, DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event);
+                passed.push_back(Passed{message, rc, event.TWMessage});
                 if (event.TWMessage != MSG_NULL)
                     return event.TWMessage;
                 if (rc == TWRC_NOTDSEVENT)
@@ -59,7 +56,8 @@ protected:
     }
 
     std::string path;
-    HMODULE module = nullptr;
+    VscanLibrary scanner;
+    std::vector<Passed> passed;
 };
 
 TEST_F(TdsmVscanTest, TheVirtualScannerIsListedWithItsOwnIdentity) {
@@ -91,7 +89,7 @@ TEST_F(TdsmVscanTest, OpenAndCloseReachTheSourceWithTheApplicationsIdentity) {
 
 TEST_F(TdsmVscanTest, CapabilityTripletsAreForwardedAndTheirContainersLogged) {
     Attach();
-    ASSERT_EQ(1, Control<VscanSetContainerProc>("VscanSetContainer")(ICAP_PIXELTYPE, MSG_GET, TWON_ENUMERATION));
+    ASSERT_EQ(1, scanner.setContainer(ICAP_PIXELTYPE, MSG_GET, TWON_ENUMERATION));
     ASSERT_RC(TWRC_SUCCESS, OpenDsm());
     TW_IDENTITY source = OpenSource(kVscanName);
     TW_CAPABILITY cap = {ICAP_PIXELTYPE, TWON_DONTCARE16, nullptr};
@@ -120,8 +118,8 @@ TEST_F(TdsmVscanTest, CapabilityTripletsAreForwardedAndTheirContainersLogged) {
 
 TEST_F(TdsmVscanTest, TheSourcesStatusComesFromTheSource) {
     Attach();
-    Control<VscanFailTripletProc>("VscanFailTriplet")(DG_CONTROL, DAT_CAPABILITY, MSG_GET, ICAP_XRESOLUTION,
-                                                      TWRC_FAILURE, TWCC_BADVALUE, 1, 1);
+    ASSERT_EQ(1, scanner.failTriplet(DG_CONTROL, DAT_CAPABILITY, MSG_GET, ICAP_XRESOLUTION, TWRC_FAILURE, TWCC_BADVALUE,
+                                     1, 1));
     ASSERT_RC(TWRC_SUCCESS, OpenDsm());
     TW_IDENTITY source = OpenSource(kVscanName);
     TW_CAPABILITY cap = {ICAP_XRESOLUTION, TWON_DONTCARE16, nullptr};
@@ -155,9 +153,34 @@ TEST_F(TdsmVscanTest, EventsReachTheApplicationThroughProcessEvent) {
     Attach();
     TW_USERINTERFACE ui = {FALSE, FALSE, window};
     ASSERT_RC(TWRC_SUCCESS, Entry(&source, DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, &ui));
-    EXPECT_EQ(static_cast<TW_UINT16>(MSG_XFERREADY), WaitForEvent(source));
+    ASSERT_EQ(static_cast<TW_UINT16>(MSG_XFERREADY), WaitForEvent(source));
     EXPECT_EQ(VSCAN_STATE_XFERREADY, Info().state);
-    EXPECT_FALSE(CallsOf(DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT).empty());
+
+    // The last message passed is the scanner's notice to the window; any before it were not the source's.
+    ASSERT_FALSE(passed.empty());
+    const MSG &notice = passed.back().message;
+    EXPECT_EQ(window, notice.hwnd);
+    EXPECT_EQ(Info().notifyMessage, notice.message);
+    const std::vector<TdsmCall> logged = CallsOf(DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT);
+    ASSERT_EQ(passed.size(), logged.size()) << "one logged triplet per message passed";
+    for (size_t i = 0; i < logged.size(); ++i) {
+        SCOPED_TRACE("message " + std::to_string(i + 1) + " of " + std::to_string(logged.size()));
+        const bool last = i + 1 == logged.size();
+        const TdsmCall &call = logged[i];
+        EXPECT_EQ(app.Id, call.originId);
+        EXPECT_EQ(source.Id, call.destId);
+        EXPECT_EQ(1, call.forwarded);
+        EXPECT_EQ(0, call.faulted);
+        EXPECT_RC(last ? TWRC_DSEVENT : TWRC_NOTDSEVENT, call.rc);
+        EXPECT_RC(passed[i].rc, call.rc);
+        ASSERT_EQ(sizeof(TW_EVENT), call.dataSize);
+        TW_EVENT in, out;
+        std::memcpy(&in, call.dataIn, sizeof in);
+        std::memcpy(&out, call.dataOut, sizeof out);
+        EXPECT_EQ(MSG_NULL, in.TWMessage) << "as the application passed it";
+        EXPECT_EQ(last ? MSG_XFERREADY : MSG_NULL, out.TWMessage) << "as the source answered";
+        EXPECT_EQ(passed[i].twMessage, out.TWMessage);
+    }
 }
 
 } // namespace
