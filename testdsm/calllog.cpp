@@ -26,14 +26,6 @@ constexpr size_t kOneValueItem = offsetof(TW_ONEVALUE, Item);
 constexpr size_t kEnumerationItems = offsetof(TW_ENUMERATION, ItemList);
 constexpr size_t kArrayItems = offsetof(TW_ARRAY, ItemList);
 
-void CopyName(char *to, const TW_IDENTITY *identity) {
-    std::memset(to, 0, sizeof(TW_STR32));
-    if (identity && Readable(identity, sizeof *identity)) {
-        std::memcpy(to, identity->ProductName, sizeof(TW_STR32));
-        to[sizeof(TW_STR32) - 1] = '\0';
-    }
-}
-
 // An item widened to 32 bits: signed types sign-extended, FIX32 as its bytes, larger types 0.
 TW_UINT32 ItemValue(const TW_UINT8 *item, TW_UINT16 itemType) {
     switch (itemType) {
@@ -203,10 +195,10 @@ void BeginRecord(TdsmCall &record, pTW_IDENTITY origin, pTW_IDENTITY dest, TW_UI
                  TW_MEMREF data) {
     std::memset(&record, 0, sizeof record);
     record.originId = Readable(origin, sizeof *origin) ? origin->Id : 0;
-    CopyName(record.originName, origin);
+    CopyProductName(record.originName, Readable(origin, sizeof *origin) ? origin : nullptr);
     record.hasDest = dest != nullptr;
     record.destId = Readable(dest, sizeof *dest) ? dest->Id : 0;
-    CopyName(record.destName, dest);
+    CopyProductName(record.destName, Readable(dest, sizeof *dest) ? dest : nullptr);
     record.dg = dg;
     record.dat = dat;
     record.msg = msg;

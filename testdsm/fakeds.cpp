@@ -275,14 +275,6 @@ TW_UINT16 Answer(pTW_IDENTITY origin, TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg
     return TWRC_SUCCESS;
 }
 
-void CopyName(char *to, const TW_IDENTITY *identity) {
-    std::memset(to, 0, sizeof(TW_STR32));
-    if (identity) {
-        std::memcpy(to, identity->ProductName, sizeof(TW_STR32));
-        to[sizeof(TW_STR32) - 1] = '\0';
-    }
-}
-
 } // namespace
 
 extern "C" {
@@ -292,7 +284,7 @@ TW_UINT16 WINAPI DS_Entry(pTW_IDENTITY origin, TW_UINT32 dg, TW_UINT16 dat, TW_U
     std::memset(&call, 0, sizeof call);
     call.hasOrigin = origin != nullptr;
     call.originId = origin ? origin->Id : 0;
-    CopyName(call.originName, origin);
+    tdsm::CopyProductName(call.originName, origin);
     call.dg = dg;
     call.dat = dat;
     call.msg = msg;

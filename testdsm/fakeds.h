@@ -13,7 +13,7 @@ extern "C" {
 typedef struct FakeDsCall {
     int hasOrigin; /* 0 when the origin pointer was NULL */
     TW_UINT32 originId;
-    char originName[34]; /* the origin's ProductName */
+    TW_STR32 originName; /* the origin's ProductName */
     TW_UINT32 dg;
     TW_UINT16 dat;
     TW_UINT16 msg;

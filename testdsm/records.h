@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstring>
 
 #include "testdsm.h"
 
@@ -38,6 +39,13 @@ inline TW_UINT32 DataSize(TW_UINT16 dat) {
         if (record.dat == dat)
             return record.size;
     return 0;
+}
+
+// The identity's ProductName into a log's name field, always ended by a NUL; empty without an identity.
+inline void CopyProductName(TW_STR32 &to, const TW_IDENTITY *identity) {
+    std::memset(to, 0, sizeof to);
+    if (identity)
+        std::memcpy(to, identity->ProductName, sizeof to - 1);
 }
 
 } // namespace tdsm

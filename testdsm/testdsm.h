@@ -42,9 +42,9 @@ typedef struct TdsmContainer {
 /* One DSM_Entry call as the stand-in saw it. */
 typedef struct TdsmCall {
     TW_UINT32 originId;
-    char originName[34]; /* the origin's ProductName */
+    TW_STR32 originName; /* the origin's ProductName */
     int hasDest;         /* 0 when the destination pointer was NULL */
-    char destName[34];   /* the destination's ProductName */
+    TW_STR32 destName;   /* the destination's ProductName */
     TW_UINT32 dg;
     TW_UINT16 dat;
     TW_UINT16 msg;
