@@ -16,18 +16,26 @@ protected:
         out = TW_CAPABILITY{cap, TWON_DONTCARE16, nullptr};
         return ds.Call(DG_CONTROL, DAT_CAPABILITY, msg, &out);
     }
-    // Switches by the control, or by a vscan.ini line read through a reset (then the source is opened again).
+    // vscan.ini of this one line, read through a reset.
+    void ReadLine(const std::string &line) {
+        std::ofstream(IniPath()) << line << "\n";
+        ds.reset();
+        ASSERT_EQ(1, ds.Info().settingsKeys) << line;
+    }
+    // Switches by the control, or by a vscan.ini line (then the source is opened again).
     void Switch(bool byFile, const std::string &line, TW_UINT16 cap, TW_UINT16 msg, int kind) {
         if (byFile) {
-            std::ofstream(IniPath()) << line << "\n";
-            ds.reset();
-            ASSERT_EQ(1, ds.Info().settingsKeys) << line;
+            ASSERT_NO_FATAL_FAILURE(ReadLine(line));
             ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
         } else {
             ASSERT_EQ(1, ds.setMalformed(cap, msg, kind));
         }
     }
 };
+
+std::string WayName(const ::testing::TestParamInfo<bool> &info) {
+    return info.param ? "ByFile" : "ByControl";
+}
 
 class VscanMalformedBothWays : public VscanMalformedTest, public ::testing::WithParamInterface<bool> {};
 
@@ -116,10 +124,7 @@ TEST_P(VscanMalformedBothWays, BlockCutToItsItemType) {
     GlobalFree(cap.hContainer);
 }
 
-INSTANTIATE_TEST_SUITE_P(ByControlAndByFile, VscanMalformedBothWays, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool> &info) {
-                             return std::string(info.param ? "ByFile" : "ByControl");
-                         });
+INSTANTIATE_TEST_SUITE_P(ByControlAndByFile, VscanMalformedBothWays, ::testing::Bool(), WayName);
 
 TEST_F(VscanMalformedTest, NoneRepairsAndResetForgets) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.Open());
@@ -150,9 +155,7 @@ class VscanSetTypeBothWays : public VscanMalformedTest, public ::testing::WithPa
 
 TEST_P(VscanSetTypeBothWays, SetTakesTheSubstitutedTypeOnly) {
     if (GetParam()) {
-        std::ofstream(IniPath()) << "SetType = CAP_FEEDERENABLED, TWTY_UINT16\n";
-        ds.reset();
-        ASSERT_EQ(1, ds.Info().settingsKeys);
+        ASSERT_NO_FATAL_FAILURE(ReadLine("SetType = CAP_FEEDERENABLED, TWTY_UINT16"));
     } else {
         ASSERT_EQ(1, ds.setSetType(CAP_FEEDERENABLED, TWTY_UINT16));
     }
@@ -171,20 +174,13 @@ TEST_P(VscanSetTypeBothWays, SetTakesTheSubstitutedTypeOnly) {
     EXPECT_TWFAIL(TWCC_BADVALUE, ds.SetCap(CAP_FEEDERENABLED, TWTY_UINT16, 1));
 }
 
-INSTANTIATE_TEST_SUITE_P(ByControlAndByFile, VscanSetTypeBothWays, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool> &info) {
-                             return std::string(info.param ? "ByFile" : "ByControl");
-                         });
-
-} // namespace
+INSTANTIATE_TEST_SUITE_P(ByControlAndByFile, VscanSetTypeBothWays, ::testing::Bool(), WayName);
 
 class VscanValuesBothWays : public VscanMalformedTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(VscanValuesBothWays, ListedAndAcceptedWithoutChecks) {
     if (GetParam()) {
-        std::ofstream(IniPath()) << "Values = ICAP_SUPPORTEDSIZES, 0, 1, 7, 8\n";
-        ds.reset();
-        ASSERT_EQ(1, ds.Info().settingsKeys);
+        ASSERT_NO_FATAL_FAILURE(ReadLine("Values = ICAP_SUPPORTEDSIZES, 0, 1, 7, 8"));
     } else {
         const double sizes[] = {0, 1, 7, 8};
         ASSERT_EQ(1, ds.setValues(ICAP_SUPPORTEDSIZES, 4, sizes));
@@ -205,7 +201,6 @@ TEST_P(VscanValuesBothWays, ListedAndAcceptedWithoutChecks) {
     EXPECT_EQ(0, ds.setValues(0x7777, 1, many));
 }
 
-INSTANTIATE_TEST_SUITE_P(ByControlAndByFile, VscanValuesBothWays, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool> &info) {
-                             return std::string(info.param ? "ByFile" : "ByControl");
-                         });
+INSTANTIATE_TEST_SUITE_P(ByControlAndByFile, VscanValuesBothWays, ::testing::Bool(), WayName);
+
+} // namespace
