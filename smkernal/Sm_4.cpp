@@ -213,13 +213,14 @@ TW_UINT16 TScanModule::CapNegotiate(UINT message, TW_CAPABILITY *capability) {
     return rc;
 }
 
+// The patterns below write their records for the calling method, on its own line of its own file.
 bool TScanModule::AccessorReady(const TraceCall &call, LONG &result) {
-    if (!Available(call, __LINE__)) {
+    if (!Available(call, call.Line())) {
         result = -1;
         return false;
     }
     if (sessionState < kStateSourceOpen) {
-        call.Warn(__LINE__, "Sequence error");
+        call.Warn(call.Line(), "Sequence error");
         result = TWCC_SEQERROR;
         return false;
     }
@@ -239,12 +240,12 @@ TScanModule::Outcome TScanModule::AskCapability(const TraceCall &call, const Get
     for (int i = 0; i < accessor.messages.count; ++i) {
         TW_CAPABILITY capability = {accessor.cap, accessor.preset, nullptr};
         if (CapNegotiate(accessor.messages.messages[i], &capability) != TWRC_SUCCESS) {
-            call.Warn(__LINE__, "CapNegotiate returns failure");
+            call.Warn(call.Line(), "CapNegotiate returns failure");
             result = GetTWAINStatusCode();
             continue;
         }
         if (!Accepts(accessor, capability.ConType)) {
-            call.Warn(__LINE__, "Invalid container type");
+            call.Warn(call.Line(), "Invalid container type");
             GlobalFree(capability.hContainer);
             result = TWCC_BADVALUE;
             continue;
@@ -291,11 +292,11 @@ LONG TScanModule::SendCapability(const TraceCall &call, const SetSpec &accessor,
         const int built = accessor.build(capability, accessor.itemTypes[i], argument);
         if (built != 0) {
             // The codec has already released whatever it allocated.
-            call.WarnAs(__LINE__, accessor.buildFailure, name);
+            call.WarnAs(call.Line(), accessor.buildFailure, name);
             return built;
         }
         if (CapNegotiate(MSG_SET, &capability) != TWRC_SUCCESS) {
-            call.WarnAs(__LINE__, "CapNegotiate returns failure", name);
+            call.WarnAs(call.Line(), "CapNegotiate returns failure", name);
             result = GetTWAINStatusCode();
         } else {
             result = 0;
@@ -394,7 +395,7 @@ LONG TScanModule::GetRangeScaled(const TraceCall &call, TW_UINT16 cap, double ds
         return result;
     const short low = Low16(appMin), high = Low16(appMax);
     if (low == high) {
-        call.Warn(__LINE__, kBadRange);
+        call.Warn(call.Line(), kBadRange);
         *value = 0;
         return TWCC_BADVALUE;
     }
@@ -417,7 +418,7 @@ LONG TScanModule::SetRangeScaled(const TraceCall &call, const SetSpec &accessor,
         return result;
     const short low = Low16(appMin), high = Low16(appMax);
     if (low == high) {
-        call.Warn(__LINE__, badRange);
+        call.Warn(call.Line(), badRange);
         return TWCC_BADVALUE;
     }
     // Adding and removing the minimum again before the division changes only the rounding.

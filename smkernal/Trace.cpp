@@ -125,7 +125,7 @@ void TraceRecord(TraceLevel level, const char *source, int line, const char *tex
 }
 
 TraceCall::TraceCall(const char *source, const char *method, int entryLine, int exitLine, const char *scope)
-    : source_(source), method_(method), scope_(scope), exitLine_(exitLine) {
+    : source_(source), method_(method), scope_(scope), entryLine_(entryLine), exitLine_(exitLine) {
     if (entryLine != 0)
         WriteNamed(entryLine, "Coming ");
 }

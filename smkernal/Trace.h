@@ -81,6 +81,9 @@ public:
 
     const char *Source() const { return source_; }
     const char *Method() const { return method_; }
+    // The method's own line: its entry line, or its exit line when it writes no entry record. The shared
+    // negotiation patterns write the records they write for a method with this line of the method's file.
+    int Line() const { return entryLine_ ? entryLine_ : exitLine_; }
 
 private:
     void WriteIn(TraceLevel level, int line, const char *what) const;
@@ -90,6 +93,7 @@ private:
     const char *source_;
     const char *method_;
     const char *scope_;
+    int entryLine_;
     int exitLine_;
     bool left_ = false;
 };
