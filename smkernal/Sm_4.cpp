@@ -198,9 +198,10 @@ TW_UINT16 TScanModule::CapNegotiate(UINT message, TW_CAPABILITY *capability) {
     TraceCall call(kSource, "CapNegotiate", __LINE__, __LINE__);
     if (!Available(call, __LINE__))
         return TWRC_FAILURE;
-    const TW_UINT16 rc =
-        CallDsm(&sourceIdentity, DG_CONTROL, DAT_CAPABILITY, static_cast<TW_UINT16>(message), capability);
-    if (rc != TWRC_SUCCESS || message != MSG_SET || !capability || capability->Cap != ICAP_XFERMECH)
+    // Only the low word of the message is sent, and only what is sent decides whether a mechanism was set.
+    const TW_UINT16 sent = static_cast<TW_UINT16>(message);
+    const TW_UINT16 rc = CallDsm(&sourceIdentity, DG_CONTROL, DAT_CAPABILITY, sent, capability);
+    if (rc != TWRC_SUCCESS || sent != MSG_SET || !capability || capability->Cap != ICAP_XFERMECH)
         return rc;
     call.NoteIn(__LINE__, "Especially processing MSG_SET/ICAP_XFERMECH");
     // The mechanism just set, from the caller's own container; any other container counts as memory.
