@@ -82,6 +82,10 @@ struct GetSpec {
 // How a set builds its container for one candidate item type; returns the codec's result.
 typedef int (*ContainerBuilder)(TW_CAPABILITY &capability, TW_UINT16 itemType, const void *argument);
 
+// Build failure texts of the one-value sets; a few sets have always written "return" without the s.
+inline constexpr char kOneValueBuildFailure[] = "BuildupOneValue returns failure";
+inline constexpr char kOneValueBuildFailureNoS[] = "BuildupOneValue return failure";
+
 // One set accessor: capability, candidate item types in order, the container builder, and the
 // failure texts ("BuildupOneValue returns failure"; some sets spell their name otherwise).
 struct SetSpec {
@@ -110,6 +114,17 @@ struct ListArgument {
 int BuildEnumerationList(TW_CAPABILITY &capability, TW_UINT16 itemType, const void *argument);
 // An array of the list.
 int BuildArrayList(TW_CAPABILITY &capability, TW_UINT16 itemType, const void *argument);
+
+// A FIX32 number sent once as a one-value.
+constexpr SetSpec Fix32Set(TW_UINT16 cap, const char *buildFailure = kOneValueBuildFailure) {
+    return {cap, {TWTY_FIX32}, 1, BuildOneValue, buildFailure, nullptr};
+}
+
+// A code, or a list of codes, sent as UINT16, then INT16, then BOOL until the source takes one.
+constexpr SetSpec CodeSet(TW_UINT16 cap, ContainerBuilder build = BuildOneValue,
+                          const char *buildFailure = kOneValueBuildFailure, const char *failureName = nullptr) {
+    return {cap, {TWTY_UINT16, TWTY_INT16, TWTY_BOOL}, 3, build, buildFailure, failureName};
+}
 
 // A TW_FIX32 delivered by the codec in a 32-bit cell, as a number.
 double Fix32Value(TW_UINT32 bits);

@@ -10,16 +10,12 @@ const char kSource[] = SM_SOURCE("Sm_4");
 
 // Sources that refuse BOOL items for an on/off setting are asked again with UINT16, then INT16.
 constexpr SetSpec kOnOffSet(TW_UINT16 cap) {
-    return {cap, {TWTY_BOOL, TWTY_UINT16, TWTY_INT16}, 3, BuildOneValue, "BuildupOneValue returns failure", nullptr};
+    return {cap, {TWTY_BOOL, TWTY_UINT16, TWTY_INT16}, 3, BuildOneValue, kOneValueBuildFailure, nullptr};
 }
 
 // Tone settings: the current value of any container, a FIX32 on the source's range.
 constexpr GetSpec kScaledGet(TW_UINT16 cap) {
     return {cap, kCurrentThenGet, kAcceptAny, kReadCurrent, AsIs, 0, ItemOrder::Fix32};
-}
-
-constexpr SetSpec kScaledSet(TW_UINT16 cap, const char *buildFailure = "BuildupOneValue returns failure") {
-    return {cap, {TWTY_FIX32}, 1, BuildOneValue, buildFailure, nullptr};
 }
 
 // Asked for a one-value, and a second time with message code 0 when the first ask fails.
@@ -33,14 +29,13 @@ constexpr SetSpec kFeederEnabledSet = kOnOffSet(CAP_FEEDERENABLED);
 constexpr SetSpec kIndicatorsSet = kOnOffSet(CAP_INDICATORS);
 constexpr SetSpec kAutoFeedSet = kOnOffSet(CAP_AUTOFEED);
 constexpr SetSpec kThumbnailsSet = kOnOffSet(CAP_THUMBNAILSENABLED);
-constexpr SetSpec kLightPathSet = {ICAP_LIGHTPATH, {TWTY_UINT16}, 1, BuildOneValue, "BuildupOneValue returns failure",
-                                   nullptr};
-constexpr SetSpec kGammaSet = {ICAP_GAMMA, {TWTY_FIX32}, 1, BuildOneValue, "BuildupOneValue returns failure", nullptr};
-constexpr SetSpec kBrightnessSet = kScaledSet(ICAP_BRIGHTNESS);
-constexpr SetSpec kContrastSet = kScaledSet(ICAP_CONTRAST);
-constexpr SetSpec kHighlightSet = kScaledSet(ICAP_HIGHLIGHT);
-constexpr SetSpec kShadowSet = kScaledSet(ICAP_SHADOW, "BuildupOneValue return failure");
-constexpr SetSpec kThresholdSet = kScaledSet(ICAP_THRESHOLD);
+constexpr SetSpec kLightPathSet = {ICAP_LIGHTPATH, {TWTY_UINT16}, 1, BuildOneValue, kOneValueBuildFailure, nullptr};
+constexpr SetSpec kGammaSet = Fix32Set(ICAP_GAMMA);
+constexpr SetSpec kBrightnessSet = Fix32Set(ICAP_BRIGHTNESS);
+constexpr SetSpec kContrastSet = Fix32Set(ICAP_CONTRAST);
+constexpr SetSpec kHighlightSet = Fix32Set(ICAP_HIGHLIGHT);
+constexpr SetSpec kShadowSet = Fix32Set(ICAP_SHADOW, kOneValueBuildFailureNoS);
+constexpr SetSpec kThresholdSet = Fix32Set(ICAP_THRESHOLD);
 
 const char kBadRange[] = "Bad range setting, minRange == maxRange,";
 // The contrast setter has always spelt its range warning so.

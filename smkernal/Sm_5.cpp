@@ -38,16 +38,14 @@ constexpr GetSpec kSupportedPixelTypes = ListGet(ICAP_PIXELTYPE, ReportedPixelTy
 constexpr GetSpec kBitDepth = kLargestGet(ICAP_BITDEPTH, kCurrentThenGet);
 constexpr GetSpec kImageDataSet = kLargestGet(ICAP_IMAGEDATASET, kGetThenCurrent);
 
-constexpr SetSpec kPixelTypeSet = {ICAP_PIXELTYPE, {TWTY_UINT16, TWTY_INT16, TWTY_BOOL}, 3,
-                                   BuildOneValue,  "BuildupOneValue return failure",     nullptr};
-constexpr SetSpec kSupportedPixelTypesSet = {ICAP_PIXELTYPE,       {TWTY_UINT16, TWTY_INT16, TWTY_BOOL}, 3,
-                                             BuildEnumerationList, "BuildupEnumeration returns failure", nullptr};
-constexpr SetSpec kBitDepthSet = {ICAP_BITDEPTH, {TWTY_UINT16, TWTY_INT16, TWTY_BOOL}, 3,
-                                  BuildOneValue, "BuildupOneValue return failure",     "SetBitDepath"};
+constexpr SetSpec kPixelTypeSet = CodeSet(ICAP_PIXELTYPE, BuildOneValue, kOneValueBuildFailureNoS);
+constexpr SetSpec kSupportedPixelTypesSet =
+    CodeSet(ICAP_PIXELTYPE, BuildEnumerationList, "BuildupEnumeration returns failure");
+constexpr SetSpec kBitDepthSet = CodeSet(ICAP_BITDEPTH, BuildOneValue, kOneValueBuildFailureNoS, "SetBitDepath");
 constexpr SetSpec kImageDataSetList = {
     ICAP_IMAGEDATASET, {TWTY_UINT32}, 1, BuildArrayList, "BuildupArray returns failure", nullptr};
-constexpr SetSpec kImageDataSetOne = {
-    ICAP_IMAGEDATASET, {TWTY_UINT32}, 1, BuildOneValue, "BuildupOneValue returns failure", nullptr};
+constexpr SetSpec kImageDataSetOne = {ICAP_IMAGEDATASET, {TWTY_UINT32},         1,
+                                      BuildOneValue,     kOneValueBuildFailure, nullptr};
 
 // Units of the source's current unit in one inch, to express its physical size in inches.
 double UnitsPerInch(WORD unitFlag, short xResolution) {

@@ -28,20 +28,14 @@ constexpr GetSpec kSupportedPaperSizes = ListGet(ICAP_SUPPORTEDSIZES, ReportedPa
 constexpr GetSpec kMechanism = CodeGet(ICAP_XFERMECH, MechanismFlag, kMechMemory);
 constexpr GetSpec kTransferCount = CodeGet(CAP_XFERCOUNT, AsIs, 0);
 
-constexpr SetSpec kCodeSet(TW_UINT16 cap) {
-    return {cap, {TWTY_UINT16, TWTY_INT16, TWTY_BOOL}, 3, BuildOneValue, "BuildupOneValue returns failure", nullptr};
-}
-constexpr SetSpec kPaperSizeSet = kCodeSet(ICAP_SUPPORTEDSIZES);
-constexpr SetSpec kMechanismSet = kCodeSet(ICAP_XFERMECH);
-constexpr SetSpec kSupportedPaperSizesSet = {ICAP_SUPPORTEDSIZES,  {TWTY_UINT16, TWTY_INT16, TWTY_BOOL}, 3,
-                                             BuildEnumerationList, "BuildupEnumeration returns failure", nullptr};
-constexpr SetSpec kTransferCountSet = {CAP_XFERCOUNT, {TWTY_INT16, TWTY_UINT16, TWTY_BOOL}, 3,
-                                       BuildOneValue, "BuildupOneValue returns failure",    nullptr};
-constexpr SetSpec kResolutionSet(TW_UINT16 cap) {
-    return {cap, {TWTY_FIX32}, 1, BuildOneValue, "BuildupOneValue returns failure", nullptr};
-}
-constexpr SetSpec kXResolutionSet = kResolutionSet(ICAP_XRESOLUTION);
-constexpr SetSpec kYResolutionSet = kResolutionSet(ICAP_YRESOLUTION);
+constexpr SetSpec kPaperSizeSet = CodeSet(ICAP_SUPPORTEDSIZES);
+constexpr SetSpec kMechanismSet = CodeSet(ICAP_XFERMECH);
+constexpr SetSpec kSupportedPaperSizesSet =
+    CodeSet(ICAP_SUPPORTEDSIZES, BuildEnumerationList, "BuildupEnumeration returns failure");
+constexpr SetSpec kTransferCountSet = {
+    CAP_XFERCOUNT, {TWTY_INT16, TWTY_UINT16, TWTY_BOOL}, 3, BuildOneValue, kOneValueBuildFailure, nullptr};
+constexpr SetSpec kXResolutionSet = Fix32Set(ICAP_XRESOLUTION);
+constexpr SetSpec kYResolutionSet = Fix32Set(ICAP_YRESOLUTION);
 
 // Current value and bounds: a range's fields, or an enumeration's current item and its items walked.
 constexpr GetSpec kResolution(TW_UINT16 cap) {

@@ -13,11 +13,8 @@ constexpr LONG kSnapshotBitDepth = 8;
 constexpr GetSpec kScale(TW_UINT16 cap) {
     return {cap, kGetThenCurrent, kAcceptAny, kReadCurrent | kReadRangeBounds, AsIs, 0, ItemOrder::Fix32};
 }
-constexpr SetSpec kScaleSet(TW_UINT16 cap) {
-    return {cap, {TWTY_FIX32}, 1, BuildOneValue, "BuildupOneValue returns failure", nullptr};
-}
-constexpr SetSpec kXScaleSet = kScaleSet(ICAP_XSCALING);
-constexpr SetSpec kYScaleSet = kScaleSet(ICAP_YSCALING);
+constexpr SetSpec kXScaleSet = Fix32Set(ICAP_XSCALING);
+constexpr SetSpec kYScaleSet = Fix32Set(ICAP_YSCALING);
 
 } // namespace
 
