@@ -21,6 +21,9 @@ namespace {
 
 const char kSource[] = SM_SOURCE("Utility");
 
+// TW_FIX32 fractions are counted in 1/65536.
+constexpr double kFractionsPerUnit = 65536.0;
+
 // Fixed parts of the containers.
 constexpr SIZE_T kOneValueBytes = sizeof(TW_ONEVALUE);
 constexpr SIZE_T kEnumerationHeader = offsetof(TW_ENUMERATION, ItemList);
@@ -348,7 +351,7 @@ int BuildupArray(TW_CAPABILITY *capability, TW_UINT16 itemType, TW_UINT32 numIte
 }
 
 double FIX32ToFloat(TW_FIX32 value) {
-    return value.Whole + value.Frac / 65536.0;
+    return value.Whole + value.Frac / kFractionsPerUnit;
 }
 
 TW_FIX32 FloatToFIX32(float value) {
@@ -356,6 +359,6 @@ TW_FIX32 FloatToFIX32(float value) {
     // Whole 0xFFFF, Frac 0xC001 (about -0.25), and the negotiation code has always sent it that way.
     TW_FIX32 fix;
     fix.Whole = static_cast<TW_INT16>(TruncatedLowWord(value));
-    fix.Frac = TruncatedLowWord(static_cast<double>(value) * 65536.0 + 0.5);
+    fix.Frac = TruncatedLowWord(static_cast<double>(value) * kFractionsPerUnit + 0.5);
     return fix;
 }
