@@ -76,7 +76,20 @@ typedef struct DisabledWindowList {
 #define SM_PIXEL_GRAY 0x0002
 #define SM_PIXEL_RGB 0x0004
 #define SM_PIXEL_PALETTE 0x0008
-#define SM_PAPER_NONE 0x0001 /* paper size code n (1 to 8) is 2 to the power n */
+#define SM_PIXEL_CMY 0x0010
+#define SM_PIXEL_CMYK 0x0020
+#define SM_PIXEL_YUV 0x0040
+#define SM_PIXEL_YUVK 0x0080
+#define SM_PIXEL_CIEXYZ 0x0100
+#define SM_PAPER_NONE 0x0001
+#define SM_PAPER_A4LETTER 0x0002
+#define SM_PAPER_B5LETTER 0x0004
+#define SM_PAPER_USLETTER 0x0008
+#define SM_PAPER_USLEGAL 0x0010
+#define SM_PAPER_A5 0x0020
+#define SM_PAPER_B4 0x0040
+#define SM_PAPER_B6 0x0080
+#define SM_PAPER_USLEDGER 0x0100
 #define SM_XFER_NATIVE 1
 #define SM_XFER_FILE 2
 #define SM_XFER_MEMORY 4
@@ -190,9 +203,6 @@ SMAPI LONG SMCALL smGetGamma(double *gamma);
 SMAPI LONG SMCALL smSetGamma(double gamma);
 /* Ordinal 24. The source's unit as an SM_UNIT_* flag (inches when it cannot be read). */
 SMAPI LONG SMCALL smGetUnit(WORD *unitFlag);
-/* GetMaxArea reads the physical width and height, then the unit and the X resolution, and divides each size by
-   the length of an inch in the source's unit: 2.54 cm, 6 picas, 72 points, 1440 twips, the X resolution for
-   pixels. */
 /* Ordinal 25. The largest area in INCHES: physical size / an inch in the unit (2.54, 6, 72, 1440, X dpi for pixels). */
 SMAPI LONG SMCALL smGetMaxArea(double *width, double *height);
 /* Ordinal 26. The pixel flavour as the source gives it (ICAP_PIXELFLAVOR: 0 chocolate, 1 vanilla); 0 if unread. */
@@ -201,17 +211,17 @@ SMAPI LONG SMCALL smGetPixelFlavor(LONG *flavor);
 SMAPI LONG SMCALL smGetPixelType(WORD *flag);
 /* Ordinal 28. Sets the pixel type from one SM_PIXEL_* flag; anything but a single known flag sends gray. */
 SMAPI LONG SMCALL smSetPixelType(LONG flag);
-/* Ordinal 29. The pixel types the source lists (codes 0 to 8), as a word of flags; 0 when it cannot be read. */
+/* Ordinal 29. The pixel types the source lists, as a word of SM_PIXEL_* flags; 0 when it cannot be read. */
 SMAPI LONG SMCALL smGetSupportedPixelType(WORD *flags);
-/* Ordinal 30. Restricts the source to the pixel types whose flags are set (codes 0 to 8), sent as an enumeration. */
+/* Ordinal 30. Restricts the source to the pixel types whose SM_PIXEL_* flags are set, sent as an enumeration. */
 SMAPI LONG SMCALL smSetSupportedPixelType(LONG flags);
-/* Ordinal 31. The paper size as a flag, 2 to the power of its code (SM_PAPER_NONE when unknown or unreadable). */
+/* Ordinal 31. The paper size as an SM_PAPER_* flag (SM_PAPER_NONE when unknown or unreadable). */
 SMAPI LONG SMCALL smGetPaperSize(WORD *flag);
-/* Ordinal 32. Sets the paper size from one flag of sizes 0 to 8; anything else sends "none". */
+/* Ordinal 32. Sets the paper size from one SM_PAPER_* flag; anything else sends "none". */
 SMAPI LONG SMCALL smSetPaperSize(LONG flag);
-/* Ordinal 33. The paper sizes the source lists (sizes 0 to 6 and 8; 7 is never reported), as a word of flags. */
+/* Ordinal 33. The paper sizes the source lists as a word of SM_PAPER_* flags; SM_PAPER_B6 is never reported. */
 SMAPI LONG SMCALL smGetSupportedPaperSize(WORD *flags);
-/* Ordinal 34. Restricts the source to the paper sizes whose flags are set (sizes 0 to 8), sent as an enumeration. */
+/* Ordinal 34. Restricts the source to the paper sizes whose SM_PAPER_* flags are set, sent as an enumeration. */
 SMAPI LONG SMCALL smSetSupportedPaperSize(LONG flags);
 /* Ordinal 35. The transfer mechanism as SM_XFER_* (memory when unreadable). */
 SMAPI LONG SMCALL smGetXferMech(WORD *flag);
