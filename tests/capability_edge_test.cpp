@@ -480,13 +480,13 @@ void Scaled(LONG(WINAPI *f)(short *, LONG, LONG)) {
 }
 
 template <typename T> void Get(LONG(WINAPI *f)(T *)) {
-    double value;
-    EXPECT_TRUE(IsStatus(SM_OK, CallOne(f, value)));
+    Outputs values;
+    EXPECT_TRUE(IsStatus(SM_OK, CallOne(f, values)));
 }
 
 template <typename T> void Get(LONG(WINAPI *f)(T *, T *, T *)) {
-    double value;
-    EXPECT_TRUE(IsStatus(SM_OK, CallThree(f, value)));
+    Outputs values;
+    EXPECT_TRUE(IsStatus(SM_OK, CallThree(f, values)));
 }
 
 const Reading kReadings[] = {
@@ -743,9 +743,9 @@ struct Malformed {
     TW_UINT16 cap;
     TW_UINT16 container; // the container the source answers with, before it is spoiled
     int kind;
-    std::function<LONG(const CapabilityExports &, double &)> call;
+    std::function<LONG(const CapabilityExports &, Outputs &)> call;
     LONG result;
-    double output;
+    Outputs outputs;
     size_t messages;
 };
 
@@ -762,10 +762,10 @@ TEST_P(MalformedAnswerTest, RefusedPastTheBlockTakenOtherwise) {
         ASSERT_EQ(1, scanner.setMalformed(m.cap, msg, m.kind));
     }
     Reset();
-    double output = -4242;
-    const LONG rc = m.call(sm, output);
+    Outputs outputs;
+    const LONG rc = m.call(sm, outputs);
     EXPECT_EQ(m.result, rc) << TwccName(rc);
-    EXPECT_DOUBLE_EQ(m.output, output);
+    EXPECT_TRUE(SameOutputs(m.outputs, outputs));
     EXPECT_EQ(m.messages, CapCalls(m.cap).size());
     if (m.result == SM_ERR_BAD_VALUE) {
         int invalid = 0;
@@ -779,42 +779,117 @@ TEST_P(MalformedAnswerTest, RefusedPastTheBlockTakenOtherwise) {
 }
 
 const Malformed kMalformed[] = {
-    {"SupportedPixelTypesPastTheBlock", ICAP_PIXELTYPE, TWON_ENUMERATION, VSCAN_MALFORMED_NUMITEMS,
-     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getSupportedPixelType, v); }, SM_ERR_BAD_VALUE, 0,
+    {"SupportedPixelTypesPastTheBlock",
+     ICAP_PIXELTYPE,
+     TWON_ENUMERATION,
+     VSCAN_MALFORMED_NUMITEMS,
+     [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getSupportedPixelType, v); },
+     SM_ERR_BAD_VALUE,
+     {0},
      1},
-    {"SupportedPaperSizesPastTheBlock", ICAP_SUPPORTEDSIZES, TWON_ENUMERATION, VSCAN_MALFORMED_NUMITEMS,
-     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getSupportedPaperSize, v); }, SM_ERR_BAD_VALUE, 0,
+    {"SupportedPaperSizesPastTheBlock",
+     ICAP_SUPPORTEDSIZES,
+     TWON_ENUMERATION,
+     VSCAN_MALFORMED_NUMITEMS,
+     [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getSupportedPaperSize, v); },
+     SM_ERR_BAD_VALUE,
+     {0},
      1},
-    {"ResolutionListPastTheBlock", ICAP_XRESOLUTION, TWON_ENUMERATION, VSCAN_MALFORMED_NUMITEMS,
-     [](const CapabilityExports &sm, double &v) { return CallThree(sm.getXResolution, v); }, SM_ERR_BAD_VALUE, 0, 2},
-    {"IndexListPastTheBlock", ICAP_IMAGEDATASET, TWON_ENUMERATION, VSCAN_MALFORMED_NUMITEMS,
-     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getIndex, v); }, SM_ERR_BAD_VALUE, 0, 2},
-    {"CurrentIndexPastTheItems", ICAP_PIXELTYPE, TWON_ENUMERATION, VSCAN_MALFORMED_CURRENTINDEX,
-     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPixelType, v); }, SM_ERR_BAD_VALUE, 2, 2},
-    {"RangeCutShort", ICAP_XSCALING, TWON_RANGE, VSCAN_MALFORMED_SHORTBLOCK,
-     [](const CapabilityExports &sm, double &v) { return CallThree(sm.getXScale, v); }, SM_ERR_BAD_VALUE, 0, 2},
-    {"OneValueCutShort", CAP_FEEDERENABLED, TWON_ONEVALUE, VSCAN_MALFORMED_SHORTBLOCK,
-     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getADFEnable, v); }, SM_ERR_BAD_VALUE, 0, 2},
+    {"ResolutionListPastTheBlock",
+     ICAP_XRESOLUTION,
+     TWON_ENUMERATION,
+     VSCAN_MALFORMED_NUMITEMS,
+     [](const CapabilityExports &sm, Outputs &v) { return CallThree(sm.getXResolution, v); },
+     SM_ERR_BAD_VALUE,
+     {0, 0, 0},
+     2},
+    {"IndexListPastTheBlock",
+     ICAP_IMAGEDATASET,
+     TWON_ENUMERATION,
+     VSCAN_MALFORMED_NUMITEMS,
+     [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getIndex, v); },
+     SM_ERR_BAD_VALUE,
+     {0},
+     2},
+    {"CurrentIndexPastTheItems",
+     ICAP_PIXELTYPE,
+     TWON_ENUMERATION,
+     VSCAN_MALFORMED_CURRENTINDEX,
+     [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getPixelType, v); },
+     SM_ERR_BAD_VALUE,
+     {SM_PIXEL_GRAY},
+     2},
+    {"RangeCutShort",
+     ICAP_XSCALING,
+     TWON_RANGE,
+     VSCAN_MALFORMED_SHORTBLOCK,
+     [](const CapabilityExports &sm, Outputs &v) { return CallThree(sm.getXScale, v); },
+     SM_ERR_BAD_VALUE,
+     {0, 0, 0},
+     2},
+    {"OneValueCutShort",
+     CAP_FEEDERENABLED,
+     TWON_ONEVALUE,
+     VSCAN_MALFORMED_SHORTBLOCK,
+     [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getADFEnable, v); },
+     SM_ERR_BAD_VALUE,
+     {0},
+     2},
     // The range-scaled getters fall back to the midpoint of the application's scale.
-    {"ToneRangeCutShort", ICAP_CONTRAST, TWON_RANGE, VSCAN_MALFORMED_SHORTBLOCK,
-     [](const CapabilityExports &sm, double &v) {
-         short out = 0x5A5A;
+    {"ToneRangeCutShort",
+     ICAP_CONTRAST,
+     TWON_RANGE,
+     VSCAN_MALFORMED_SHORTBLOCK,
+     [](const CapabilityExports &sm, Outputs &v) {
+         short out = kPresetOutput;
          const LONG rc = sm.getContrast(&out, 0, 100);
-         v = out;
+         v = {static_cast<double>(out)};
          return rc;
      },
-     SM_ERR_BAD_VALUE, 50, 2},
+     SM_ERR_BAD_VALUE,
+     {50},
+     2},
     // Read as 0: code 0 is inches, black and white, an empty list, 0 dpi.
-    {"NullHandle", ICAP_UNITS, TWON_ONEVALUE, VSCAN_MALFORMED_NULLHANDLE,
-     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getUnit, v); }, SM_OK, 1, 1},
-    {"NullHandleEnumeration", ICAP_PIXELTYPE, TWON_ENUMERATION, VSCAN_MALFORMED_NULLHANDLE,
-     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPixelType, v); }, SM_OK, 1, 1},
-    {"NullHandleWalk", ICAP_SUPPORTEDSIZES, TWON_ENUMERATION, VSCAN_MALFORMED_NULLHANDLE,
-     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getSupportedPaperSize, v); }, SM_OK, 0, 1},
-    {"UnknownItemTypeRange", ICAP_XRESOLUTION, TWON_RANGE, VSCAN_MALFORMED_ITEMTYPE,
-     [](const CapabilityExports &sm, double &v) { return CallThree(sm.getXResolution, v); }, SM_OK, 0, 1},
-    {"UnknownItemTypeEnumeration", ICAP_PIXELTYPE, TWON_ENUMERATION, VSCAN_MALFORMED_ITEMTYPE,
-     [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPixelType, v); }, SM_OK, 1, 1},
+    {"NullHandle",
+     ICAP_UNITS,
+     TWON_ONEVALUE,
+     VSCAN_MALFORMED_NULLHANDLE,
+     [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getUnit, v); },
+     SM_OK,
+     {SM_UNIT_INCHES},
+     1},
+    {"NullHandleEnumeration",
+     ICAP_PIXELTYPE,
+     TWON_ENUMERATION,
+     VSCAN_MALFORMED_NULLHANDLE,
+     [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getPixelType, v); },
+     SM_OK,
+     {SM_PIXEL_BW},
+     1},
+    {"NullHandleWalk",
+     ICAP_SUPPORTEDSIZES,
+     TWON_ENUMERATION,
+     VSCAN_MALFORMED_NULLHANDLE,
+     [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getSupportedPaperSize, v); },
+     SM_OK,
+     {0},
+     1},
+    {"UnknownItemTypeRange",
+     ICAP_XRESOLUTION,
+     TWON_RANGE,
+     VSCAN_MALFORMED_ITEMTYPE,
+     [](const CapabilityExports &sm, Outputs &v) { return CallThree(sm.getXResolution, v); },
+     SM_OK,
+     {0, 0, 0},
+     1},
+    {"UnknownItemTypeEnumeration",
+     ICAP_PIXELTYPE,
+     TWON_ENUMERATION,
+     VSCAN_MALFORMED_ITEMTYPE,
+     [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getPixelType, v); },
+     SM_OK,
+     {SM_PIXEL_BW},
+     1},
 };
 
 INSTANTIATE_TEST_SUITE_P(CapabilityAnswers, MalformedAnswerTest, ::testing::ValuesIn(kMalformed),

@@ -4,7 +4,6 @@
 // result codes and records, and that no container is left in global memory on any path.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
 #include <functional>
 
@@ -17,7 +16,6 @@ namespace {
 using Strings = std::vector<std::string>;
 
 constexpr LONG kMissing = kMissingExport;
-constexpr double kUntouched = -4242;
 
 // --- Get accessors.
 
@@ -29,36 +27,38 @@ struct GetRow {
     std::vector<TW_UINT16> messages; // in the order sent
     TW_UINT16 preset;                // ConType sent
     TW_UINT16 refused;               // a container type the accessor does not accept
-    double fallback;                 // the output when no attempt succeeded
-    double expected;                 // the output after `prepare`
+    Outputs fallback;                // every output when no attempt on `cap` succeeded
+    Outputs expected;                // every output after `prepare`
     std::function<void(VscanLibrary &, const CapabilityExports &)> prepare;
-    std::function<LONG(const CapabilityExports &, double &)> call;
-    // When the first message fails: the result and output of the second answer, where it is not the usual
-    // answer of `prepare` (NAN: `expected`).
+    std::function<LONG(const CapabilityExports &, Outputs &)> call;
+    // When the first message fails: the result and outputs of the second answer, where it is not the usual
+    // answer of `prepare` (empty: `expected`).
     LONG secondResult = SM_OK;
-    double secondValue = NAN;
+    Outputs second = {};
 };
 
 std::ostream &operator<<(std::ostream &out, const GetRow &row) {
     return out << row.name;
 }
 
-// The largest area: its width.
-LONG CallArea(LONG(WINAPI *f)(double *, double *), double &value) {
+// The largest area: width and height.
+LONG CallArea(LONG(WINAPI *f)(double *, double *), Outputs &values) {
+    values.clear();
     if (!f)
         return kMissing;
-    double width = kUntouched, height = kUntouched;
+    double width = kPresetOutput, height = kPresetOutput;
     const LONG rc = f(&width, &height);
-    value = width;
+    values = {width, height};
     return rc;
 }
 
-LONG CallScaled(LONG(WINAPI *f)(short *, LONG, LONG), double &value) {
+LONG CallScaled(LONG(WINAPI *f)(short *, LONG, LONG), Outputs &values) {
+    values.clear();
     if (!f)
         return kMissing;
-    short out = 0x5A5A;
+    short out = kPresetOutput;
     const LONG rc = f(&out, 0, 100);
-    value = out;
+    values = {static_cast<double>(out)};
     return rc;
 }
 
@@ -77,6 +77,8 @@ TW_UINT32 SourceFix32(int value) {
 
 const auto kNothing = [](VscanLibrary &, const CapabilityExports &) {};
 
+// The scanner's resolutions are listed from 50 to 600 dots per inch, its scaling ranges from 0.25 to 4, its bed is
+// 8.5 by 14 inches. A one-value (the answer to MSG_GETCURRENT) is its own minimum and maximum.
 const std::vector<GetRow> &GetRows() {
     static const std::vector<GetRow> rows = {
         {"IsADFAvailable",
@@ -86,10 +88,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_RANGE,
-         0,
-         1,
+         {0},
+         {1},
          SourceHolds(CAP_FEEDERENABLED, TWTY_BOOL, 1),
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.isADFAvailable, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.isADFAvailable, v); }},
         {"IsADFPaperLoaded",
          "IsADFPaperLoaded",
          "Sm_4",
@@ -97,10 +99,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_RANGE,
-         0,
-         1,
+         {0},
+         {1},
          kNothing,
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.isADFPaperLoaded, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.isADFPaperLoaded, v); }},
         {"IsPaperLoaded",
          "IsADFPaperLoaded",
          "Sm_4",
@@ -108,10 +110,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_ARRAY,
-         0,
-         1,
+         {0},
+         {1},
          kNothing,
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.isPaperLoaded, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.isPaperLoaded, v); }},
         {"GetADFEnable",
          "GetADFEnable",
          "Sm_4",
@@ -119,10 +121,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_ENUMERATION,
-         0,
-         1,
+         {0},
+         {1},
          SourceHolds(CAP_FEEDERENABLED, TWTY_BOOL, 1),
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getADFEnable, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getADFEnable, v); }},
         {"GetThumbMode",
          "GetThumbMode",
          "Sm_4",
@@ -130,10 +132,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_RANGE,
-         0,
-         1,
+         {0},
+         {1},
          SourceHolds(CAP_THUMBNAILSENABLED, TWTY_BOOL, 1),
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getThumbMode, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getThumbMode, v); }},
         {"GetPixelFlavor",
          "GetPixelFlavor",
          "Sm_5",
@@ -141,10 +143,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_RANGE,
-         0,
-         TWPF_VANILLA,
+         {0},
+         {TWPF_VANILLA},
          SourceHolds(ICAP_PIXELFLAVOR, TWTY_UINT16, TWPF_VANILLA),
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPixelFlavor, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getPixelFlavor, v); }},
         {"GetGamma",
          "GetGamma",
          "Sm_4",
@@ -152,13 +154,13 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_RANGE,
-         0,
-         2.25,
+         {0},
+         {2.25},
          SourceHolds(ICAP_GAMMA, TWTY_FIX32, ModuleFix32(2.25)),
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getGamma, v); },
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getGamma, v); },
          // MSG_GET answers the gamma range, which a one-value get refuses.
          SM_ERR_BAD_VALUE,
-         0},
+         {0}},
         {"GetUnit",
          "GetUnit",
          "Sm_5",
@@ -166,11 +168,11 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_RANGE,
-         1,
-         16,
+         {SM_UNIT_INCHES},
+         {SM_UNIT_TWIPS},
          SourceHolds(ICAP_UNITS, TWTY_UINT16, TWUN_TWIPS),
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getUnit, v); }},
-        // The physical width, in inches on a source in inches (the height and the unit come the same way).
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getUnit, v); }},
+        // In inches on a source in inches; each size fails alone, the other one is still read.
         {"GetMaxArea",
          "GetMaxArea",
          "Sm_5",
@@ -178,10 +180,21 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_ENUMERATION,
-         0,
-         8.5,
+         {0, 14},
+         {8.5, 14},
          kNothing,
-         [](const CapabilityExports &sm, double &v) { return CallArea(sm.getMaxArea, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallArea(sm.getMaxArea, v); }},
+        {"GetMaxAreaHeight",
+         "GetMaxArea",
+         "Sm_5",
+         ICAP_PHYSICALHEIGHT,
+         {MSG_GETCURRENT, MSG_GET},
+         TWON_DONTCARE16,
+         TWON_RANGE,
+         {8.5, 0},
+         {8.5, 14},
+         kNothing,
+         [](const CapabilityExports &sm, Outputs &v) { return CallArea(sm.getMaxArea, v); }},
         {"GetPixelType",
          "GetPixelType",
          "Sm_5",
@@ -189,10 +202,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_RANGE,
-         2,
-         8,
+         {SM_PIXEL_GRAY},
+         {SM_PIXEL_PALETTE},
          SourceHolds(ICAP_PIXELTYPE, TWTY_UINT16, TWPT_PALETTE),
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPixelType, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getPixelType, v); }},
         {"GetPaperSize",
          "GetPaperSize",
          "Sm_6",
@@ -200,10 +213,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_RANGE,
-         1,
-         8,
+         {SM_PAPER_NONE},
+         {SM_PAPER_USLETTER},
          SourceHolds(ICAP_SUPPORTEDSIZES, TWTY_UINT16, TWSS_USLETTER),
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getPaperSize, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getPaperSize, v); }},
         {"GetXferMech",
          "GetXferMech",
          "Sm_6",
@@ -211,10 +224,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_RANGE,
-         4,
-         2,
+         {SM_XFER_MEMORY},
+         {SM_XFER_FILE},
          SourceHolds(ICAP_XFERMECH, TWTY_UINT16, TWSX_FILE),
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getXferMech, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getXferMech, v); }},
         {"GetXferCount",
          "GetXferCount",
          "Sm_6",
@@ -222,10 +235,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_RANGE,
-         0,
-         5,
+         {0},
+         {5},
          SourceHolds(CAP_XFERCOUNT, TWTY_INT16, 5),
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getXferCount, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getXferCount, v); }},
         {"NonUIAvailable",
          "IsNonUIAvailable",
          "Sm_4",
@@ -233,10 +246,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GET, 0},
          TWON_ONEVALUE,
          TWON_RANGE,
-         0,
-         1,
+         {0},
+         {1},
          kNothing,
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.nonUIAvailable, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.nonUIAvailable, v); }},
         {"GetIndex",
          "GetIndex",
          "Sm_5",
@@ -244,16 +257,16 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GET, MSG_GETCURRENT},
          TWON_DONTCARE16,
          TWON_RANGE,
-         0,
-         3,
+         {0},
+         {3},
          [](VscanLibrary &scanner, const CapabilityExports &) {
              // The data set {1, 2, 3} as an enumeration: its largest item.
              ASSERT_EQ(1, scanner.setContainer(ICAP_IMAGEDATASET, MSG_GET, TWON_ENUMERATION));
          },
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getIndex, v); },
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getIndex, v); },
          // MSG_GETCURRENT answers the first index of the set as a one-value.
          SM_OK,
-         1},
+         {1}},
         {"GetSupportedPixelType",
          "GetSupportedPixelType",
          "Sm_5",
@@ -261,10 +274,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GET},
          TWON_DONTCARE16,
          TWON_ONEVALUE,
-         0,
-         0xF,
+         {0},
+         {SM_PIXEL_BW | SM_PIXEL_GRAY | SM_PIXEL_RGB | SM_PIXEL_PALETTE},
          kNothing,
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getSupportedPixelType, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getSupportedPixelType, v); }},
         {"GetSupportedPaperSize",
          "GetSupportedPaperSize",
          "Sm_6",
@@ -272,10 +285,11 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GET},
          TWON_DONTCARE16,
          TWON_ONEVALUE,
-         0,
-         0x3F /* B6, code 7, is not reported */,
+         {0},
+         // The scanner's B6 (code 7) is not reported.
+         {SM_PAPER_NONE | SM_PAPER_A4LETTER | SM_PAPER_B5LETTER | SM_PAPER_USLETTER | SM_PAPER_USLEGAL | SM_PAPER_A5},
          kNothing,
-         [](const CapabilityExports &sm, double &v) { return CallOne(sm.getSupportedPaperSize, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallOne(sm.getSupportedPaperSize, v); }},
         {"GetXResolution",
          "GetXResolution",
          "Sm_6",
@@ -283,10 +297,12 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GET, MSG_GETCURRENT},
          TWON_DONTCARE16,
          TWON_ARRAY,
-         0,
-         300,
+         {0, 0, 0},
+         {300, 50, 600},
          SourceHolds(ICAP_XRESOLUTION, TWTY_FIX32, ModuleFix32(300)),
-         [](const CapabilityExports &sm, double &v) { return CallThree(sm.getXResolution, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallThree(sm.getXResolution, v); },
+         SM_OK,
+         {300, 300, 300}},
         {"GetYResolution",
          "GetYResolution",
          "Sm_6",
@@ -294,10 +310,12 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GET, MSG_GETCURRENT},
          TWON_DONTCARE16,
          TWON_ARRAY,
-         0,
-         150,
+         {0, 0, 0},
+         {150, 50, 600},
          SourceHolds(ICAP_YRESOLUTION, TWTY_FIX32, ModuleFix32(150)),
-         [](const CapabilityExports &sm, double &v) { return CallThree(sm.getYResolution, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallThree(sm.getYResolution, v); },
+         SM_OK,
+         {150, 150, 150}},
         {"GetXScale",
          "GetXScale",
          "Sm_7",
@@ -305,10 +323,12 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GET, MSG_GETCURRENT},
          TWON_DONTCARE16,
          TWON_ARRAY,
-         0,
-         2.5,
+         {0, 0, 0},
+         {2.5, 0.25, 4},
          SourceHolds(ICAP_XSCALING, TWTY_FIX32, ModuleFix32(2.5)),
-         [](const CapabilityExports &sm, double &v) { return CallThree(sm.getXScale, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallThree(sm.getXScale, v); },
+         SM_OK,
+         {2.5, 2.5, 2.5}},
         {"GetYScale",
          "GetYScale",
          "Sm_7",
@@ -316,10 +336,12 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GET, MSG_GETCURRENT},
          TWON_DONTCARE16,
          TWON_ARRAY,
-         0,
-         0.75,
+         {0, 0, 0},
+         {0.75, 0.25, 4},
          SourceHolds(ICAP_YSCALING, TWTY_FIX32, ModuleFix32(0.75)),
-         [](const CapabilityExports &sm, double &v) { return CallThree(sm.getYScale, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallThree(sm.getYScale, v); },
+         SM_OK,
+         {0.75, 0.75, 0.75}},
         // Range-scaled on 0..100; the fall-back is the midpoint 50.
         {"GetBrightness",
          "GetBrightness",
@@ -328,10 +350,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_ARRAY,
-         50,
-         75,
+         {50},
+         {75},
          SourceHolds(ICAP_BRIGHTNESS, TWTY_FIX32, ModuleFix32(500)),
-         [](const CapabilityExports &sm, double &v) { return CallScaled(sm.getBrightness, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallScaled(sm.getBrightness, v); }},
         {"GetContrast",
          "GetContrast",
          "Sm_4",
@@ -339,10 +361,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_ARRAY,
-         50,
-         25,
+         {50},
+         {25},
          SourceHolds(ICAP_CONTRAST, TWTY_FIX32, SourceFix32(-500)),
-         [](const CapabilityExports &sm, double &v) { return CallScaled(sm.getContrast, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallScaled(sm.getContrast, v); }},
         {"GetHighlight",
          "GetHighlight",
          "Sm_4",
@@ -350,10 +372,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_ARRAY,
-         50,
-         20,
+         {50},
+         {20},
          SourceHolds(ICAP_HIGHLIGHT, TWTY_FIX32, ModuleFix32(51)),
-         [](const CapabilityExports &sm, double &v) { return CallScaled(sm.getHighlight, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallScaled(sm.getHighlight, v); }},
         {"GetShadow",
          "GetShadow",
          "Sm_4",
@@ -361,10 +383,10 @@ const std::vector<GetRow> &GetRows() {
          {MSG_GETCURRENT, MSG_GET},
          TWON_DONTCARE16,
          TWON_ARRAY,
-         50,
-         80,
+         {50},
+         {80},
          SourceHolds(ICAP_SHADOW, TWTY_FIX32, ModuleFix32(204)),
-         [](const CapabilityExports &sm, double &v) { return CallScaled(sm.getShadow, v); }},
+         [](const CapabilityExports &sm, Outputs &v) { return CallScaled(sm.getShadow, v); }},
     };
     return rows;
 }
@@ -375,10 +397,7 @@ protected:
         GetParam().prepare(scanner, sm);
         Reset();
     }
-    LONG Call(double &value) {
-        value = kUntouched;
-        return GetParam().call(sm, value);
-    }
+    LONG Call(Outputs &values) { return GetParam().call(sm, values); }
     std::string Text(const char *what) const { return std::string(what) + " in TScanModule::" + GetParam().method; }
     // Every message of the row fails at the source with its own condition code.
     TW_UINT16 FailEveryMessage() {
@@ -396,11 +415,12 @@ protected:
 TEST_P(GetAccessorTest, FirstMessageAnswersTheConvertedValue) {
     const GetRow &row = GetParam();
     Prepare();
-    double value;
-    EXPECT_EQ(SM_OK, Call(value)) << TwccName(Call(value));
-    EXPECT_DOUBLE_EQ(row.expected, value);
+    Outputs values;
+    const LONG rc = Call(values);
+    EXPECT_EQ(SM_OK, rc) << TwccName(rc);
+    EXPECT_TRUE(SameOutputs(row.expected, values));
     Reset();
-    ASSERT_EQ(SM_OK, Call(value));
+    ASSERT_EQ(SM_OK, Call(values));
     const std::vector<TdsmCall> calls = CapCalls(row.cap);
     ASSERT_EQ(1u, calls.size()) << "only the first message";
     EXPECT_EQ(row.messages[0], calls[0].msg);
@@ -431,10 +451,10 @@ TEST_P(GetAccessorTest, RefusedContainersAreReleasedAndGiveTheFallBack) {
         triplets.push_back(CapLine(row.cap, msg, TWRC_SUCCESS));
         expected = SM_ERR_BAD_VALUE;
     }
-    double value;
-    const LONG rc = Call(value);
+    Outputs values;
+    const LONG rc = Call(values);
     EXPECT_EQ(expected, rc) << TwccName(rc);
-    EXPECT_DOUBLE_EQ(row.fallback, value);
+    EXPECT_TRUE(SameOutputs(row.fallback, values));
     EXPECT_EQ(triplets, CapTriplets(row.cap));
     for (const TdsmCall &call : CapCalls(row.cap)) {
         if (call.rc == TWRC_SUCCESS) {
@@ -443,6 +463,7 @@ TEST_P(GetAccessorTest, RefusedContainersAreReleasedAndGiveTheFallBack) {
     }
     EXPECT_EQ(warnings, Warnings());
     EXPECT_TRUE(WarningsFrom(row.file));
+    EXPECT_TRUE(WarningsOnTheEntryLine(viewer, row.file, row.method, row.method));
     EXPECT_TRUE(NoContainerLeft()) << "refused containers are released too";
     EXPECT_GE(tracker.Frees(), 1);
 }
@@ -451,10 +472,10 @@ TEST_P(GetAccessorTest, FailureOfEveryMessageGivesTheLastConditionCode) {
     const GetRow &row = GetParam();
     Prepare();
     const TW_UINT16 last = FailEveryMessage();
-    double value;
-    const LONG rc = Call(value);
+    Outputs values;
+    const LONG rc = Call(values);
     EXPECT_EQ(last, rc) << TwccName(rc) << ", expected " << TwccName(last);
-    EXPECT_DOUBLE_EQ(row.fallback, value);
+    EXPECT_TRUE(SameOutputs(row.fallback, values));
     Strings triplets, warnings;
     for (TW_UINT16 msg : row.messages) {
         triplets.push_back(CapLine(row.cap, msg, TWRC_FAILURE));
@@ -464,6 +485,7 @@ TEST_P(GetAccessorTest, FailureOfEveryMessageGivesTheLastConditionCode) {
     EXPECT_EQ(triplets, CapTriplets(row.cap));
     EXPECT_EQ(warnings, Warnings());
     EXPECT_TRUE(WarningsFrom(row.file));
+    EXPECT_TRUE(WarningsOnTheEntryLine(viewer, row.file, row.method, row.method));
     EXPECT_TRUE(NoContainerLeft());
 }
 
@@ -471,20 +493,20 @@ TEST_P(GetAccessorTest, FailedFirstMessageFallsToTheSecond) {
     const GetRow &row = GetParam();
     Prepare();
     scanner.failTriplet(DG_CONTROL, DAT_CAPABILITY, row.messages[0], row.cap, TWRC_FAILURE, TWCC_CAPSEQERROR, 1, 1);
-    double value;
-    const LONG rc = Call(value);
+    Outputs values;
+    const LONG rc = Call(values);
     Strings triplets = {CapLine(row.cap, row.messages[0], TWRC_FAILURE), StatusLine()};
     if (row.messages.size() == 1) {
         EXPECT_EQ(TWCC_CAPSEQERROR, rc) << TwccName(rc);
-        EXPECT_DOUBLE_EQ(row.fallback, value);
+        EXPECT_TRUE(SameOutputs(row.fallback, values));
     } else if (row.messages[1] == 0) {
         EXPECT_EQ(TWCC_BADPROTOCOL, rc) << TwccName(rc) << ": message code 0 fails at the source";
-        EXPECT_DOUBLE_EQ(row.fallback, value);
+        EXPECT_TRUE(SameOutputs(row.fallback, values));
         triplets.push_back(CapLine(row.cap, 0, TWRC_FAILURE));
         triplets.push_back(StatusLine());
     } else {
         EXPECT_EQ(row.secondResult, rc) << TwccName(rc);
-        EXPECT_DOUBLE_EQ(std::isnan(row.secondValue) ? row.expected : row.secondValue, value);
+        EXPECT_TRUE(SameOutputs(row.second.empty() ? row.expected : row.second, values));
         triplets.push_back(CapLine(row.cap, row.messages[1], TWRC_SUCCESS));
     }
     EXPECT_EQ(triplets, CapTriplets(row.cap));
@@ -495,21 +517,24 @@ TEST_P(GetAccessorTest, FailedFirstMessageFallsToTheSecond) {
 }
 
 TEST_P(GetAccessorTest, WithoutAnOpenSourceSendsNothing) {
+    const GetRow &row = GetParam();
     CloseSource();
-    double value;
-    const LONG rc = Call(value);
+    Outputs values;
+    const LONG rc = Call(values);
     EXPECT_EQ(SM_ERR_SEQUENCE, rc) << TwccName(rc);
+    EXPECT_TRUE(SameOutputs(Outputs(row.expected.size(), kPresetOutput), values)) << "every output left alone";
     EXPECT_EQ(Strings{}, Triplets()) << "nothing reaches the source manager";
     EXPECT_EQ(Strings{Text("Sequence error")}, Warnings());
-    EXPECT_TRUE(OneRecord("Warning", GetParam().file, Text("Sequence error")));
-    EXPECT_TRUE(EntryAndExit(GetParam().file, GetParam().method));
+    EXPECT_TRUE(OneRecord("Warning", row.file, Text("Sequence error")));
+    EXPECT_TRUE(WarningsOnTheEntryLine(viewer, row.file, row.method, row.method));
+    EXPECT_TRUE(EntryAndExit(row.file, row.method));
     EXPECT_EQ(0, tracker.Allocations());
 }
 
 TEST_P(GetAccessorTest, EntryAndExitRecords) {
     Prepare();
-    double value;
-    ASSERT_EQ(SM_OK, Call(value));
+    Outputs values;
+    ASSERT_EQ(SM_OK, Call(values));
     EXPECT_TRUE(EntryAndExit(GetParam().file, GetParam().method));
 }
 
@@ -519,7 +544,7 @@ INSTANTIATE_TEST_SUITE_P(CapabilityRows, GetAccessorTest, ::testing::ValuesIn(Ge
 // --- Set accessors.
 
 struct SetRow {
-    const char *name;
+    const char *name;         // the method, as its entry and exit records name it
     const char *method;       // the name in "CapNegotiate returns failure in TScanModule::..."
     const char *file;         // the source file the records name ("Sm_4")
     const char *buildWarning; // the whole text when building the container fails
@@ -529,6 +554,7 @@ struct SetRow {
     TW_UINT16 conType;
     std::vector<TW_UINT32> items; // as sent, signed types sign-extended, FIX32 as its 32-bit word
     std::function<LONG(const CapabilityExports &)> call;
+    const char *variant = ""; // added to the test's name where a method has two rows
 };
 
 std::ostream &operator<<(std::ostream &out, const SetRow &row) {
@@ -621,7 +647,7 @@ const std::vector<SetRow> &SetRows() {
          kCodes,
          TWON_ONEVALUE,
          {TWPT_BW},
-         Setter(&CapabilityExports::setPixelType, LONG{1})},
+         Setter(&CapabilityExports::setPixelType, LONG{SM_PIXEL_BW})},
         {"SetBitDepth",
          "SetBitDepath",
          "Sm_5",
@@ -641,7 +667,7 @@ const std::vector<SetRow> &SetRows() {
          kCodes,
          TWON_ENUMERATION,
          {TWPT_BW, TWPT_RGB},
-         Setter(&CapabilityExports::setSupportedPixelType, LONG{0x5})},
+         Setter(&CapabilityExports::setSupportedPixelType, LONG{SM_PIXEL_BW | SM_PIXEL_RGB})},
         {"SetPaperSize",
          "SetPaperSize",
          "Sm_6",
@@ -651,7 +677,7 @@ const std::vector<SetRow> &SetRows() {
          kCodes,
          TWON_ONEVALUE,
          {TWSS_USLETTER},
-         Setter(&CapabilityExports::setPaperSize, LONG{8})},
+         Setter(&CapabilityExports::setPaperSize, LONG{SM_PAPER_USLETTER})},
         {"SetSupportedPaperSize",
          "SetSupportedPaperSize",
          "Sm_6",
@@ -661,7 +687,7 @@ const std::vector<SetRow> &SetRows() {
          kCodes,
          TWON_ENUMERATION,
          {TWSS_NONE, TWSS_USLETTER, TWSS_USLEGAL},
-         Setter(&CapabilityExports::setSupportedPaperSize, LONG{0x19})},
+         Setter(&CapabilityExports::setSupportedPaperSize, LONG{SM_PAPER_NONE | SM_PAPER_USLETTER | SM_PAPER_USLEGAL})},
         {"SetXferMech",
          "SetXferMech",
          "Sm_6",
@@ -671,7 +697,7 @@ const std::vector<SetRow> &SetRows() {
          kCodes,
          TWON_ONEVALUE,
          {TWSX_FILE},
-         Setter(&CapabilityExports::setXferMech, LONG{2})},
+         Setter(&CapabilityExports::setXferMech, LONG{SM_XFER_FILE})},
         {"SetXferCount",
          "SetXferCount",
          "Sm_6",
@@ -785,7 +811,20 @@ const std::vector<SetRow> &SetRows() {
          [](const CapabilityExports &sm) {
              DWORD list[] = {2, 3};
              return sm.setIndex ? sm.setIndex(2, list) : kMissing;
-         }},
+         },
+         "List"},
+        // Without a list the count goes as a one-value.
+        {"SetIndex",
+         "SetIndex",
+         "Sm_5",
+         "BuildupOneValue returns failure in TScanModule::SetIndex",
+         kOneValueAlloc,
+         ICAP_IMAGEDATASET,
+         {TWTY_UINT32},
+         TWON_ONEVALUE,
+         {2},
+         [](const CapabilityExports &sm) { return sm.setIndex ? sm.setIndex(2, nullptr) : kMissing; },
+         "OneValue"},
     };
     return rows;
 }
@@ -796,6 +835,10 @@ std::vector<SetRow> MultiTypeSetRows() {
         if (row.types.size() > 1)
             rows.push_back(row);
     return rows;
+}
+
+std::string SetTestName(const ::testing::TestParamInfo<SetRow> &info) {
+    return std::string(info.param.name) + info.param.variant;
 }
 
 class SetAccessorTest : public CapabilityTest, public ::testing::WithParamInterface<SetRow> {
@@ -844,6 +887,7 @@ TEST_P(SetAccessorTest, EveryItemTypeRefusedGivesTheConditionCode) {
     EXPECT_EQ(triplets, CapTriplets(row.cap));
     EXPECT_EQ(Strings(row.types.size(), Text("CapNegotiate returns failure")), Warnings());
     EXPECT_TRUE(WarningsFrom(row.file));
+    EXPECT_TRUE(WarningsOnTheEntryLine(viewer, row.file, row.name, row.method));
     EXPECT_TRUE(EntryAndExit(row.file, row.name));
     EXPECT_EQ(static_cast<int>(row.types.size()), tracker.Allocations());
     EXPECT_TRUE(NoContainerLeft()) << "released after a failed set too";
@@ -857,6 +901,7 @@ TEST_P(SetAccessorTest, FailedBuildSendsNothing) {
     EXPECT_TRUE(CapCalls(row.cap).empty());
     EXPECT_EQ((Strings{row.codecWarning, row.buildWarning}), Warnings());
     EXPECT_TRUE(OneRecord("Warning", row.file, row.buildWarning));
+    EXPECT_TRUE(WarningsOnTheEntryLine(viewer, row.file, row.name, row.method));
     EXPECT_TRUE(EntryAndExit(row.file, row.name)) << "the exit record is written on the failure path too";
     EXPECT_TRUE(NoContainerLeft());
 }
@@ -868,12 +913,12 @@ TEST_P(SetAccessorTest, WithoutAnOpenSourceSendsNothing) {
     EXPECT_EQ(Strings{}, Triplets());
     EXPECT_EQ(Strings{"Sequence error in TScanModule::" + std::string(GetParam().name)}, Warnings());
     EXPECT_TRUE(WarningsFrom(GetParam().file));
+    EXPECT_TRUE(WarningsOnTheEntryLine(viewer, GetParam().file, GetParam().name, GetParam().name));
     EXPECT_TRUE(EntryAndExit(GetParam().file, GetParam().name));
     EXPECT_EQ(0, tracker.Allocations());
 }
 
-INSTANTIATE_TEST_SUITE_P(CapabilityRows, SetAccessorTest, ::testing::ValuesIn(SetRows()),
-                         [](const ::testing::TestParamInfo<SetRow> &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(CapabilityRows, SetAccessorTest, ::testing::ValuesIn(SetRows()), SetTestName);
 
 class SetRetryTest : public SetAccessorTest {};
 
@@ -895,8 +940,7 @@ TEST_P(SetRetryTest, SecondItemTypeIsTriedAfterARefusal) {
     EXPECT_TRUE(NoContainerLeft());
 }
 
-INSTANTIATE_TEST_SUITE_P(CapabilityRows, SetRetryTest, ::testing::ValuesIn(MultiTypeSetRows()),
-                         [](const ::testing::TestParamInfo<SetRow> &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(CapabilityRows, SetRetryTest, ::testing::ValuesIn(MultiTypeSetRows()), SetTestName);
 
 // --- The accessors outside the two tables.
 
@@ -931,6 +975,7 @@ TEST_F(CapabilityTest, ProductNameInStateFourAndWithoutASource) {
     EXPECT_EQ('x', name[0]) << "the buffer is left alone";
     EXPECT_EQ(Strings{}, Triplets());
     EXPECT_TRUE(OneRecord("Warning", "Sm_4", "Sequence error in TScanModule::GetDSProductName"));
+    EXPECT_TRUE(WarningsOnTheEntryLine(viewer, "Sm_4", "GetDSProductName", "GetDSProductName"));
     EXPECT_TRUE(EntryAndExit("Sm_4", "GetDSProductName"));
 }
 

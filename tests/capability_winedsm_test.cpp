@@ -91,7 +91,7 @@ TEST_F(CapabilityWineDsmTest, WithoutAnOpenSourceEveryAccessorIsASequenceError) 
     WORD flag = 0;
     short value = 0;
     EXPECT_EQ(SM_ERR_SEQUENCE, sm.getADFEnable(&answer));
-    EXPECT_EQ(SM_ERR_SEQUENCE, sm.setPixelType(1));
+    EXPECT_EQ(SM_ERR_SEQUENCE, sm.setPixelType(SM_PIXEL_BW));
     EXPECT_EQ(SM_ERR_SEQUENCE, sm.getUnit(&flag));
     EXPECT_EQ(SM_ERR_SEQUENCE, sm.getBrightness(&value, 0, 100));
     EXPECT_EQ(SM_ERR_SEQUENCE, sm.setXResolution(300));

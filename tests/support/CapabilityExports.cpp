@@ -215,24 +215,26 @@ void CheckRoundTrips(const CapabilityExports &sm) {
     }
 
     WORD flag = 0;
-    for (LONG pixelType : {1, 2, 8, 4}) {
+    for (LONG pixelType : {SM_PIXEL_BW, SM_PIXEL_GRAY, SM_PIXEL_PALETTE, SM_PIXEL_RGB}) {
         EXPECT_EQ(SM_OK, sm.setPixelType(pixelType));
         EXPECT_EQ(SM_OK, sm.getPixelType(&flag));
         EXPECT_EQ(pixelType, flag);
     }
-    EXPECT_EQ(SM_OK, sm.setPixelType(2));
+    EXPECT_EQ(SM_OK, sm.setPixelType(SM_PIXEL_GRAY));
     EXPECT_EQ(SM_OK, sm.setBitDepth(16));
     EXPECT_EQ(16, CurrentThroughLibrary(sm, ICAP_BITDEPTH));
-    EXPECT_EQ(SM_OK, sm.setPixelType(4));
+    EXPECT_EQ(SM_OK, sm.setPixelType(SM_PIXEL_RGB));
     EXPECT_EQ(SM_OK, sm.setBitDepth(48));
     EXPECT_EQ(48, CurrentThroughLibrary(sm, ICAP_BITDEPTH));
 
-    for (LONG paper : {2, 4, 8, 16, 32, 128, 1}) { // the source has no B4 (code 6)
+    // The source has no B4 (code 6).
+    for (LONG paper : {SM_PAPER_A4LETTER, SM_PAPER_B5LETTER, SM_PAPER_USLETTER, SM_PAPER_USLEGAL, SM_PAPER_A5,
+                       SM_PAPER_B6, SM_PAPER_NONE}) {
         EXPECT_EQ(SM_OK, sm.setPaperSize(paper));
         EXPECT_EQ(SM_OK, sm.getPaperSize(&flag));
         EXPECT_EQ(paper, flag);
     }
-    for (LONG mech : {2, 4, 1}) {
+    for (LONG mech : {SM_XFER_FILE, SM_XFER_MEMORY, SM_XFER_NATIVE}) {
         EXPECT_EQ(SM_OK, sm.setXferMech(mech));
         EXPECT_EQ(SM_OK, sm.getXferMech(&flag));
         EXPECT_EQ(mech, flag);
@@ -244,15 +246,18 @@ void CheckRoundTrips(const CapabilityExports &sm) {
         EXPECT_EQ(value, count);
     }
 
-    EXPECT_EQ(SM_OK, sm.setSupportedPixelType(0x3));
+    const WORD blackAndGray = SM_PIXEL_BW | SM_PIXEL_GRAY;
+    const WORD fourTypes = SM_PIXEL_BW | SM_PIXEL_GRAY | SM_PIXEL_RGB | SM_PIXEL_PALETTE;
+    const WORD threeSizes = SM_PAPER_NONE | SM_PAPER_USLETTER | SM_PAPER_USLEGAL;
+    EXPECT_EQ(SM_OK, sm.setSupportedPixelType(blackAndGray));
     EXPECT_EQ(SM_OK, sm.getSupportedPixelType(&flag));
-    EXPECT_EQ(0x3, flag);
-    EXPECT_EQ(SM_OK, sm.setSupportedPixelType(0xF));
+    EXPECT_EQ(blackAndGray, flag);
+    EXPECT_EQ(SM_OK, sm.setSupportedPixelType(fourTypes));
     EXPECT_EQ(SM_OK, sm.getSupportedPixelType(&flag));
-    EXPECT_EQ(0xF, flag);
-    EXPECT_EQ(SM_OK, sm.setSupportedPaperSize(0x19));
+    EXPECT_EQ(fourTypes, flag);
+    EXPECT_EQ(SM_OK, sm.setSupportedPaperSize(threeSizes));
     EXPECT_EQ(SM_OK, sm.getSupportedPaperSize(&flag));
-    EXPECT_EQ(0x19, flag);
+    EXPECT_EQ(threeSizes, flag);
 
     short current = 0, minimum = 0, maximum = 0;
     const struct { LONG x, y; } resolutions[] = {{300, 150}, {75, 400}, {600, 200}};
@@ -322,8 +327,9 @@ void CheckRoundTrips(const CapabilityExports &sm) {
     const struct {
         TW_UINT16 code;
         WORD flag;
-    } units[] = {{TWUN_CENTIMETERS, 2}, {TWUN_PICAS, 4},   {TWUN_POINTS, 8},
-                 {TWUN_TWIPS, 16},      {TWUN_PIXELS, 32}, {TWUN_INCHES, 1}};
+    } units[] = {{TWUN_CENTIMETERS, SM_UNIT_CENTIMETERS}, {TWUN_PICAS, SM_UNIT_PICAS},
+                 {TWUN_POINTS, SM_UNIT_POINTS},           {TWUN_TWIPS, SM_UNIT_TWIPS},
+                 {TWUN_PIXELS, SM_UNIT_PIXELS},           {TWUN_INCHES, SM_UNIT_INCHES}};
     for (const auto &u : units) {
         SCOPED_TRACE("unit " + std::to_string(u.code));
         EXPECT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_UNITS, TWTY_UINT16, u.code));

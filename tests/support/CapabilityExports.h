@@ -89,23 +89,31 @@ private:
 // What the call helpers answer for an export that was not resolved.
 constexpr LONG kMissingExport = -12345;
 
-// Calls a getter through outputs preset to 0x5A5A, so that an untouched output shows; `value` receives the
-// output (the current value of a getter with three).
-template <typename T> LONG CallOne(LONG(WINAPI *f)(T *), double &value) {
+// The outputs of a getter in the order of its arguments (current, minimum, maximum for three).
+using Outputs = std::vector<double>;
+
+// What the call helpers preset every output to, so that an untouched output shows.
+constexpr int kPresetOutput = 0x5A5A;
+
+// Calls a getter through outputs preset to kPresetOutput; `values` receives them all (none when the export is
+// missing).
+template <typename T> LONG CallOne(LONG(WINAPI *f)(T *), Outputs &values) {
+    values.clear();
     if (!f)
         return kMissingExport;
-    T out = static_cast<T>(0x5A5A);
+    T out = static_cast<T>(kPresetOutput);
     const LONG rc = f(&out);
-    value = static_cast<double>(out);
+    values = {static_cast<double>(out)};
     return rc;
 }
 
-template <typename T> LONG CallThree(LONG(WINAPI *f)(T *, T *, T *), double &value) {
+template <typename T> LONG CallThree(LONG(WINAPI *f)(T *, T *, T *), Outputs &values) {
+    values.clear();
     if (!f)
         return kMissingExport;
-    T current = static_cast<T>(0x5A5A), minimum = current, maximum = current;
+    T current = static_cast<T>(kPresetOutput), minimum = current, maximum = current;
     const LONG rc = f(&current, &minimum, &maximum);
-    value = static_cast<double>(current);
+    values = {static_cast<double>(current), static_cast<double>(minimum), static_cast<double>(maximum)};
     return rc;
 }
 

@@ -28,6 +28,54 @@ std::string StatusLine() {
     return "DAT_STATUS";
 }
 
+namespace {
+
+std::string SourcePath(const std::string &file) {
+    return "F:\\smkernal\\" + file + ".cpp";
+}
+
+std::string Listed(const Outputs &values) {
+    std::string out = "{";
+    for (size_t i = 0; i < values.size(); ++i)
+        out += (i ? ", " : "") + std::to_string(values[i]);
+    return out + "}";
+}
+
+bool EndsWith(const std::string &text, const std::string &end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+} // namespace
+
+::testing::AssertionResult SameOutputs(const Outputs &expected, const Outputs &actual) {
+    if (expected == actual)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "outputs " << Listed(actual) << ", expected " << Listed(expected);
+}
+
+::testing::AssertionResult WarningsOnTheEntryLine(const TraceViewer &viewer, const std::string &file,
+                                                  const std::string &method, const std::string &name) {
+    const std::string source = SourcePath(file);
+    const TraceLine *entry = nullptr;
+    for (const TraceLine &record : viewer.Records())
+        if (!entry && record.text == "Coming TScanModule::" + method && record.source == source)
+            entry = &record;
+    if (!entry)
+        return ::testing::AssertionFailure() << "no entry record of " << method << " from " << source;
+    int warnings = 0;
+    for (const TraceLine &record : viewer.Records()) {
+        if (record.level != "Warning" || !EndsWith(record.text, " in TScanModule::" + name))
+            continue;
+        ++warnings;
+        if (record.source != source || record.line != entry->line)
+            return ::testing::AssertionFailure()
+                   << "\"" << record.raw << "\" is not on the entry line " << entry->line << " of " << source;
+    }
+    if (warnings == 0)
+        return ::testing::AssertionFailure() << "no warning in TScanModule::" << name;
+    return ::testing::AssertionSuccess();
+}
+
 void CapabilityTest::SetUp() {
     SessionTest::SetUp();
     if (HasFatalFailure())
@@ -80,7 +128,12 @@ std::vector<std::string> CapabilityTest::CapTriplets(TW_UINT16 cap) const {
 
 ::testing::AssertionResult CapabilityTest::OneRecord(const std::string &level, const std::string &file,
                                                      const std::string &text) const {
-    const std::string source = "F:\\smkernal\\" + file + ".cpp";
+    return OneRecordIn(viewer, level, file, text);
+}
+
+::testing::AssertionResult OneRecordIn(const TraceViewer &viewer, const std::string &level, const std::string &file,
+                                       const std::string &text) {
+    const std::string source = SourcePath(file);
     std::vector<const TraceLine *> found;
     for (const TraceLine &record : viewer.Records())
         if (record.text == text)
@@ -94,7 +147,7 @@ std::vector<std::string> CapabilityTest::CapTriplets(TW_UINT16 cap) const {
 }
 
 ::testing::AssertionResult CapabilityTest::WarningsFrom(const std::string &file) const {
-    const std::string source = "F:\\smkernal\\" + file + ".cpp";
+    const std::string source = SourcePath(file);
     for (const TraceLine &record : viewer.Records())
         if (record.level == "Warning" && record.source != source)
             return ::testing::AssertionFailure() << "\"" << record.raw << "\" is not from " << source;
@@ -107,7 +160,7 @@ std::vector<std::string> CapabilityTest::CapTriplets(TW_UINT16 cap) const {
 }
 
 std::vector<std::string> CapabilityTest::CodecRecordsIn(const std::string &method) const {
-    const std::string codec = "F:\\smkernal\\Utility.cpp";
+    const std::string codec = SourcePath("Utility");
     std::vector<std::string> out;
     bool inside = false;
     for (const TraceLine &record : viewer.Records()) {

@@ -29,8 +29,7 @@ protected:
     ::testing::AssertionResult NoContainerLeft() const;
     // Closes the source and the source manager: state 2.
     void CloseSource();
-    // Success when exactly one record has `text` and it is a `level` record ("Trace", "Warning") written by
-    // F:\smkernal\<file>.cpp (file "Sm_4", "Utility").
+    // OneRecordIn() of this fixture's viewer.
     ::testing::AssertionResult OneRecord(const std::string &level, const std::string &file,
                                          const std::string &text) const;
     // Success when every Warning record since Reset() was written by F:\smkernal\<file>.cpp.
@@ -50,5 +49,16 @@ std::string CapLine(TW_UINT16 cap, TW_UINT16 msg, TW_UINT16 rc);
 ::testing::AssertionResult IsStatus(LONG expected, LONG actual);
 ::testing::AssertionResult IsReturnCode(TW_UINT16 expected, TW_UINT16 actual);
 std::string StatusLine();
+// Success when exactly one record has `text` and it is a `level` record ("Trace", "Warning") written by
+// F:\smkernal\<file>.cpp (file "Sm_4", "Utility").
+::testing::AssertionResult OneRecordIn(const TraceViewer &viewer, const std::string &level, const std::string &file,
+                                       const std::string &text);
+// The same outputs, each equal, with both lists shown on failure.
+::testing::AssertionResult SameOutputs(const Outputs &expected, const Outputs &actual);
+// Success when at least one Warning record reads "... in TScanModule::<name>" and every such record was written by
+// F:\smkernal\<file>.cpp on the line of the entry record "Coming TScanModule::<method>" of that file: the line the
+// negotiation patterns write on a method's behalf.
+::testing::AssertionResult WarningsOnTheEntryLine(const TraceViewer &viewer, const std::string &file,
+                                                  const std::string &method, const std::string &name);
 
 } // namespace smtest
