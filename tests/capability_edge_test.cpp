@@ -18,6 +18,13 @@ const char kMechanismTaken[] = "Especially processing MSG_SET/ICAP_XFERMECH in T
 
 class CapabilityEdgeTest : public CapabilityTest {
 protected:
+    // A tone getter asked on a scale whose bounds are equal (10 to 10).
+    static LONG Equal(LONG(WINAPI *get)(short *, LONG, LONG), Outputs &values) {
+        short value = kPresetOutput;
+        const LONG rc = get(&value, 10, 10);
+        values = {static_cast<double>(value)};
+        return rc;
+    }
     // Closes and opens the source again, so that the brightness range is read anew.
     void Reopen() {
         ASSERT_EQ(SM_OK, closeDS());
@@ -65,7 +72,7 @@ TEST_F(CapabilityEdgeTest, MechanismSetAnsweredCheckStatusIsNotTaken) {
     EXPECT_EQ(0, TraceCount(kMechanismTaken));
     WORD flag = 0;
     EXPECT_EQ(SM_OK, sm.getXferMech(&flag));
-    EXPECT_EQ(1, flag) << "still native at the source";
+    EXPECT_EQ(SM_XFER_NATIVE, flag) << "still native at the source";
 }
 
 TEST_F(CapabilityEdgeTest, MechanismSetWithAnEnumerationIsTaken) {
@@ -79,19 +86,36 @@ TEST_F(CapabilityEdgeTest, MechanismSetWithAnEnumerationIsTaken) {
         << "the current item of the caller's enumeration";
     WORD flag = 0;
     EXPECT_EQ(SM_OK, sm.getXferMech(&flag));
-    EXPECT_EQ(2, flag) << "file";
+    EXPECT_EQ(SM_XFER_FILE, flag);
+}
+
+// Only the low word of the message reaches the source: 0x00010006 is MSG_SET there, and the mechanism it sets is
+// taken.
+TEST_F(CapabilityEdgeTest, MechanismSetWithAMessageInALongWordIsTaken) {
+    TW_CAPABILITY cap{ICAP_XFERMECH, TWON_ONEVALUE, OneValue(TWTY_UINT16, TWSX_FILE)};
+    EXPECT_TRUE(IsReturnCode(TWRC_SUCCESS, sm.capNegotiate(0x00010000 | MSG_SET, &cap)));
+    GlobalFree(cap.hContainer);
+    const std::vector<TdsmCall> calls = CapCalls(ICAP_XFERMECH);
+    ASSERT_EQ(1u, calls.size());
+    EXPECT_EQ(MSG_SET, calls[0].msg);
+    EXPECT_TRUE(OneRecord("Trace", "Sm_4", kMechanismTaken));
+    EXPECT_EQ((Strings{"Coming ExtractOneValue", "Leaving ExtractOneValue"}), CodecRecordsIn("CapNegotiate"))
+        << "the item of the caller's one-value";
+    WORD flag = 0;
+    EXPECT_EQ(SM_OK, sm.getXferMech(&flag));
+    EXPECT_EQ(SM_XFER_FILE, flag);
 }
 
 TEST_F(CapabilityEdgeTest, MechanismGetsAndFailedSetsAreNotTaken) {
     WORD flag = 0;
     EXPECT_EQ(SM_OK, sm.getXferMech(&flag));
     scanner.failTriplet(DG_CONTROL, DAT_CAPABILITY, MSG_SET, ICAP_XFERMECH, TWRC_FAILURE, TWCC_BADVALUE, 1, 0);
-    EXPECT_EQ(TWCC_BADVALUE, sm.setXferMech(4));
+    EXPECT_EQ(TWCC_BADVALUE, sm.setXferMech(SM_XFER_MEMORY));
     EXPECT_EQ(0, TraceCount(kMechanismTaken));
 }
 
 TEST_F(CapabilityEdgeTest, SetXferMechTakesTheMechanism) {
-    EXPECT_EQ(SM_OK, sm.setXferMech(4));
+    EXPECT_EQ(SM_OK, sm.setXferMech(SM_XFER_MEMORY));
     EXPECT_TRUE(OneRecord("Trace", "Sm_4", kMechanismTaken));
     EXPECT_EQ((Strings{"Coming ExtractOneValue", "Leaving ExtractOneValue"}), CodecRecordsIn("CapNegotiate"));
     EXPECT_EQ(Strings{}, Warnings());
@@ -115,7 +139,7 @@ TEST_F(CapabilityEdgeTest, MechanismSetWithAnArrayOrARangeReadsNothing) {
 }
 
 TEST_F(CapabilityEdgeTest, MechanismFlagsThatAreNoMechanismAreRefusedBeforeAnythingIsSent) {
-    for (LONG flag : {0L, 3L, 8L, 6L, -1L}) {
+    for (LONG flag : {0L, LONG{SM_XFER_NATIVE | SM_XFER_FILE}, 8L, LONG{SM_XFER_FILE | SM_XFER_MEMORY}, -1L}) {
         SCOPED_TRACE(flag);
         Reset();
         const LONG rc = sm.setXferMech(flag);
@@ -229,6 +253,44 @@ TEST_F(CapabilityEdgeTest, BrightnessRangeWithoutWidthFallsBack) {
     EXPECT_EQ((std::vector<TW_UINT32>{ModuleFix32(0.0)}), SentItems(ICAP_BRIGHTNESS)) << "-1000..1000 again";
 }
 
+// At open, a refused container and a failed negotiation are each followed by MSG_GETCURRENT, whose one-value is taken
+// without being read. The warnings name the query on its own line of Sm_3.
+TEST_F(CapabilityEdgeTest, BrightnessRangeAsksAgainAfterARefusalOrAFailure) {
+    const std::string method = "GetDSBrightnessRange";
+    const struct {
+        const char *name;
+        std::function<void()> spoil;
+        Strings triplets;
+        std::string warning;
+    } cases[] = {
+        {"array",
+         [this] { ASSERT_EQ(1, scanner.setContainer(ICAP_BRIGHTNESS, MSG_GET, TWON_ARRAY)); },
+         {CapLine(ICAP_BRIGHTNESS, MSG_GET, TWRC_SUCCESS), CapLine(ICAP_BRIGHTNESS, MSG_GETCURRENT, TWRC_SUCCESS)},
+         "Invalid container type in TScanModule::" + method},
+        {"failure",
+         [this] {
+             scanner.failTriplet(DG_CONTROL, DAT_CAPABILITY, MSG_GET, ICAP_BRIGHTNESS, TWRC_FAILURE, TWCC_DENIED, 1, 1);
+         },
+         {CapLine(ICAP_BRIGHTNESS, MSG_GET, TWRC_FAILURE), StatusLine(),
+          CapLine(ICAP_BRIGHTNESS, MSG_GETCURRENT, TWRC_SUCCESS)},
+         "CapNegotiate returns failure in TScanModule::" + method},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_EQ(SM_OK, closeDS());
+        scanner.reset();
+        c.spoil();
+        Reset();
+        ASSERT_EQ(SM_OK, openDS(window, "Capability test"));
+        EXPECT_EQ(c.triplets, CapTriplets(ICAP_BRIGHTNESS));
+        EXPECT_EQ(Strings{c.warning}, Warnings());
+        EXPECT_TRUE(OneRecord("Warning", "Sm_3", c.warning));
+        EXPECT_TRUE(WarningsOnTheEntryLine(viewer, "Sm_3", method, method));
+        EXPECT_EQ(Strings{}, CodecRecordsIn(method)) << "nothing read from the one-value";
+        EXPECT_EQ(tracker.Allocations(), tracker.Frees()) << "every answer released: " << tracker.Describe();
+    }
+}
+
 TEST_F(CapabilityEdgeTest, BrightnessRangeWithoutStepGetsAStepOfOne) {
     ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_ZERORANGESTEP, 1));
     ASSERT_EQ(SM_OK, closeDS());
@@ -241,19 +303,40 @@ TEST_F(CapabilityEdgeTest, BrightnessRangeWithoutStepGetsAStepOfOne) {
     EXPECT_EQ((std::vector<TW_UINT32>{ModuleFix32(20.0)}), SentItems(ICAP_BRIGHTNESS));
 }
 
+// Equal application bounds are refused by each tone method before anything is built or sent: 10, a getter's output
+// 0, and the method's range warning on its own line.
 TEST_F(CapabilityEdgeTest, EqualApplicationBoundsAreRefusedWithoutContactingTheSource) {
-    short value = 77;
-    EXPECT_EQ(SM_ERR_BAD_VALUE, sm.getBrightness(&value, 10, 10));
-    EXPECT_EQ(0, value);
-    EXPECT_EQ(SM_ERR_BAD_VALUE, sm.setContrast(5, 10, 10));
-    EXPECT_EQ(SM_ERR_BAD_VALUE, sm.setShadow(5, 3, 3));
-    EXPECT_EQ(SM_ERR_BAD_VALUE, sm.setThreshold(5, 0, 0));
-    EXPECT_EQ(Strings{}, Triplets());
-    EXPECT_EQ((Strings{"Bad range setting, minRange == maxRange, in TScanModule::GetBrightness",
-                       "Bas range setting, minRange == maxRange, in TScanModule::SetContrast",
-                       "Bad range setting, minRange == maxRange, in TScanModule::SetShadow",
-                       "Bad range setting, minRange == maxRange, in TScanModule::SetThreshold"}),
-              Warnings());
+    const std::string bad = "Bad range setting, minRange == maxRange, in TScanModule::";
+    const struct {
+        const char *method;
+        std::string warning;
+        std::function<LONG(Outputs &)> call;
+    } tones[] = {
+        {"GetBrightness", bad + "GetBrightness", [this](Outputs &v) { return Equal(sm.getBrightness, v); }},
+        {"GetContrast", bad + "GetContrast", [this](Outputs &v) { return Equal(sm.getContrast, v); }},
+        {"GetHighlight", bad + "GetHighlight", [this](Outputs &v) { return Equal(sm.getHighlight, v); }},
+        {"GetShadow", bad + "GetShadow", [this](Outputs &v) { return Equal(sm.getShadow, v); }},
+        {"SetBrightness", bad + "SetBrightness", [this](Outputs &) { return sm.setBrightness(5, 10, 10); }},
+        {"SetContrast", "Bas range setting, minRange == maxRange, in TScanModule::SetContrast",
+         [this](Outputs &) { return sm.setContrast(5, 10, 10); }},
+        {"SetHighlight", bad + "SetHighlight", [this](Outputs &) { return sm.setHighlight(5, -3, -3); }},
+        {"SetShadow", bad + "SetShadow", [this](Outputs &) { return sm.setShadow(5, 3, 3); }},
+        {"SetThreshold", bad + "SetThreshold", [this](Outputs &) { return sm.setThreshold(5, 0, 0); }},
+    };
+    for (const auto &tone : tones) {
+        SCOPED_TRACE(tone.method);
+        Reset();
+        Outputs values;
+        EXPECT_TRUE(IsStatus(SM_ERR_BAD_VALUE, tone.call(values)));
+        if (!values.empty()) {
+            EXPECT_TRUE(SameOutputs({0}, values));
+        }
+        EXPECT_EQ(Strings{}, Triplets());
+        EXPECT_EQ(0, tracker.Allocations()) << "no container built";
+        EXPECT_EQ(Strings{tone.warning}, Warnings());
+        EXPECT_TRUE(OneRecord("Warning", "Sm_4", tone.warning));
+        EXPECT_TRUE(WarningsOnTheEntryLine(viewer, "Sm_4", tone.method, tone.method));
+    }
 }
 
 // --- Conversions.
@@ -264,10 +347,10 @@ TEST_F(CapabilityEdgeTest, UnknownPixelTypeCodeReadsAsGray) {
     WORD flag = 0;
     ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY));
     EXPECT_EQ(SM_OK, sm.getPixelType(&flag));
-    EXPECT_EQ(2, flag) << "code 1";
+    EXPECT_EQ(SM_PIXEL_GRAY, flag) << "code 1";
     ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_PIXELTYPE, TWTY_UINT16, 9));
     EXPECT_EQ(SM_OK, sm.getPixelType(&flag));
-    EXPECT_EQ(2, flag) << "code 9";
+    EXPECT_EQ(SM_PIXEL_GRAY, flag) << "code 9";
 }
 
 TEST_F(CapabilityEdgeTest, UnknownPaperAndUnitCodesReadAsTheirFirstFlag) {
@@ -276,19 +359,19 @@ TEST_F(CapabilityEdgeTest, UnknownPaperAndUnitCodesReadAsTheirFirstFlag) {
     ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_SUPPORTEDSIZES, TWTY_UINT16, 9));
     WORD flag = 0;
     EXPECT_EQ(SM_OK, sm.getPaperSize(&flag));
-    EXPECT_EQ(1, flag);
+    EXPECT_EQ(SM_PAPER_NONE, flag);
     const double units[] = {TWUN_INCHES, 6};
     ASSERT_EQ(1, scanner.setValues(ICAP_UNITS, 2, units));
     ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_UNITS, TWTY_UINT16, 6));
     EXPECT_EQ(SM_OK, sm.getUnit(&flag));
-    EXPECT_EQ(1, flag);
+    EXPECT_EQ(SM_UNIT_INCHES, flag);
 }
 
 TEST_F(CapabilityEdgeTest, FlagsThatAreNotOneBitSendTheDefaultCode) {
-    sm.setPaperSize(3);
+    sm.setPaperSize(SM_PAPER_NONE | SM_PAPER_A4LETTER);
     EXPECT_EQ((std::vector<TW_UINT32>{TWSS_NONE}), SentItems(ICAP_SUPPORTEDSIZES));
     Reset();
-    sm.setPixelType(3);
+    sm.setPixelType(SM_PIXEL_BW | SM_PIXEL_GRAY);
     sm.setPixelType(0);
     EXPECT_EQ((std::vector<TW_UINT32>{TWPT_GRAY, TWPT_GRAY}), SentItems(ICAP_PIXELTYPE));
 }
@@ -311,11 +394,12 @@ TEST_F(CapabilityEdgeTest, SetIndexSendsTheLeadingNonZeroEntries) {
 }
 
 TEST_F(CapabilityEdgeTest, SetIndexWithoutListSendsAOneValue) {
-    sm.setIndex(2, nullptr);
+    EXPECT_TRUE(IsStatus(SM_OK, sm.setIndex(2, nullptr)));
     const std::vector<TdsmCall> calls = CapCalls(ICAP_IMAGEDATASET);
     ASSERT_EQ(1u, calls.size());
     EXPECT_EQ(TWON_ONEVALUE, calls[0].capIn.conType);
     EXPECT_EQ(TWTY_UINT32, calls[0].capIn.itemType);
+    EXPECT_EQ((std::vector<TW_UINT32>{2}), SentItems(ICAP_IMAGEDATASET)) << "the count itself";
     EXPECT_TRUE(NoContainerLeft());
 }
 
@@ -324,21 +408,85 @@ TEST_F(CapabilityEdgeTest, PaperSizeListWithoutCodeSeven) {
     ASSERT_EQ(1, scanner.setValues(ICAP_SUPPORTEDSIZES, 4, sizes));
     WORD flags = 0;
     EXPECT_EQ(SM_OK, sm.getSupportedPaperSize(&flags));
-    EXPECT_EQ(0x103, flags);
+    EXPECT_EQ(SM_PAPER_NONE | SM_PAPER_A4LETTER | SM_PAPER_USLEDGER, flags) << "0x103";
 }
 
+// A source answering dots per inch in every unit: each resolution is multiplied by the unit's factor and truncated.
+// The resolutions listed are chosen so that no product lies on a whole number.
 TEST_F(CapabilityEdgeTest, ResolutionFollowsTheUnitFactor) {
-    ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_DPIINEVERYUNIT, 1)); // a source answering dots per inch in every unit
-    ASSERT_EQ(SM_OK, sm.setXResolution(300));
-    ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_UNITS, TWTY_UINT16, TWUN_CENTIMETERS));
-    short current = 0, minimum = 0, maximum = 0;
-    EXPECT_EQ(SM_OK, sm.getXResolution(&current, &minimum, &maximum));
-    EXPECT_EQ(118, current) << "300 x 1/2.54, truncated";
-    EXPECT_EQ(19, minimum);
-    EXPECT_EQ(236, maximum);
-    ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_UNITS, TWTY_UINT16, TWUN_POINTS));
-    EXPECT_EQ(SM_OK, sm.getXResolution(&current, &minimum, &maximum));
-    EXPECT_EQ(4, current) << "300 / 72";
+    ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_DPIINEVERYUNIT, 1));
+    const struct {
+        TW_UINT16 unit;
+        std::vector<double> listed;
+        LONG dpi;
+        Outputs read; // current, minimum, maximum
+    } factors[] = {
+        {TWUN_INCHES, {50, 300, 600}, 300, {300, 50, 600}},
+        {TWUN_CENTIMETERS, {50, 300, 600}, 300, {118, 19, 236}}, // 1/2.54
+        {TWUN_PICAS, {100, 200, 400}, 200, {33, 16, 66}},        // 1/6
+        {TWUN_POINTS, {100, 300, 600}, 300, {4, 1, 8}},          // 1/72
+        {TWUN_TWIPS, {2000, 3000, 15000}, 3000, {2, 1, 10}},     // 1/1440
+        {TWUN_PIXELS, {50, 300, 600}, 300, {300, 50, 600}},      // 1
+    };
+    for (const auto &f : factors) {
+        SCOPED_TRACE("unit " + std::to_string(f.unit));
+        ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_UNITS, TWTY_UINT16, TWUN_INCHES));
+        ASSERT_EQ(1, scanner.setValues(ICAP_XRESOLUTION, static_cast<int>(f.listed.size()), f.listed.data()));
+        ASSERT_EQ(SM_OK, sm.setXResolution(f.dpi));
+        ASSERT_EQ(TWRC_SUCCESS, SetThroughLibrary(sm, ICAP_UNITS, TWTY_UINT16, f.unit));
+        Outputs read;
+        EXPECT_TRUE(IsStatus(SM_OK, CallThree(sm.getXResolution, read)));
+        EXPECT_TRUE(SameOutputs(f.read, read));
+    }
+}
+
+// A range answered for the resolution gives its bounds; the scanner lists 50 to 600 dots per inch.
+TEST_F(CapabilityEdgeTest, ResolutionRangeGivesItsBounds) {
+    const struct {
+        TW_UINT16 cap;
+        LONG(WINAPI *set)(LONG);
+        LONG(WINAPI *get)(short *, short *, short *);
+        LONG dpi;
+    } axes[] = {{ICAP_XRESOLUTION, sm.setXResolution, sm.getXResolution, 300},
+                {ICAP_YRESOLUTION, sm.setYResolution, sm.getYResolution, 150}};
+    for (const auto &axis : axes) {
+        SCOPED_TRACE(axis.cap);
+        ASSERT_EQ(1, scanner.setContainer(axis.cap, MSG_GET, TWON_RANGE));
+        ASSERT_EQ(SM_OK, axis.set(axis.dpi));
+        Reset();
+        Outputs read;
+        EXPECT_TRUE(IsStatus(SM_OK, CallThree(axis.get, read)));
+        EXPECT_TRUE(SameOutputs({static_cast<double>(axis.dpi), 50, 600}, read));
+        const std::vector<TdsmCall> calls = CapCalls(axis.cap);
+        ASSERT_EQ(1u, calls.size());
+        EXPECT_EQ(TWON_RANGE, calls[0].capOut.conType);
+        EXPECT_TRUE(NoContainerLeft());
+    }
+}
+
+// An enumeration answered for the scaling gives only its current item, as minimum and maximum too.
+TEST_F(CapabilityEdgeTest, ScaleEnumerationGivesItsCurrentItemThreeTimes) {
+    const double listed[] = {0.5, 1, 2};
+    const struct {
+        TW_UINT16 cap;
+        LONG(WINAPI *set)(double);
+        LONG(WINAPI *get)(double *, double *, double *);
+        double scale;
+    } axes[] = {{ICAP_XSCALING, sm.setXScale, sm.getXScale, 2}, {ICAP_YSCALING, sm.setYScale, sm.getYScale, 0.5}};
+    for (const auto &axis : axes) {
+        SCOPED_TRACE(axis.cap);
+        ASSERT_EQ(1, scanner.setValues(axis.cap, 3, listed));
+        ASSERT_EQ(1, scanner.setContainer(axis.cap, MSG_GET, TWON_ENUMERATION));
+        ASSERT_EQ(SM_OK, axis.set(axis.scale));
+        Reset();
+        Outputs read;
+        EXPECT_TRUE(IsStatus(SM_OK, CallThree(axis.get, read)));
+        EXPECT_TRUE(SameOutputs({axis.scale, axis.scale, axis.scale}, read));
+        const std::vector<TdsmCall> calls = CapCalls(axis.cap);
+        ASSERT_EQ(1u, calls.size());
+        EXPECT_EQ(TWON_ENUMERATION, calls[0].capOut.conType);
+        EXPECT_TRUE(NoContainerLeft());
+    }
 }
 
 // Width, height, the unit, then the X resolution (which reads the unit again), whatever the unit.
@@ -617,6 +765,9 @@ TEST_F(CapabilityEdgeTest, SnapshotWithoutSource) {
     EXPECT_EQ(104, record.At(0));
     EXPECT_EQ(0, record.At(56));
     EXPECT_EQ(8, record.At(72));
+    // What the getters answering 11 leave: no resolution, no area, no unit, pixel type or buffer size.
+    for (int offset : {60, 64, 68, 76, 80, 84, 88, 92})
+        EXPECT_EQ(0, record.At(offset)) << "offset " << offset;
     for (int offset = 4; offset < 56; offset += 4)
         EXPECT_EQ(0x77777777, record.At(offset)) << "offset " << offset << " is not written";
     EXPECT_EQ(0x77777777, record.At(96));
@@ -642,8 +793,8 @@ TEST_F(CapabilityEdgeTest, SnapshotOfTheOpenSource) {
     EXPECT_EQ(8, record.At(72));
     EXPECT_EQ(10200, record.At(76)) << "8.5 x 1200";
     EXPECT_EQ(16800, record.At(80));
-    EXPECT_EQ(1, record.At(84)) << "inches";
-    EXPECT_EQ(4, record.At(88)) << "RGB";
+    EXPECT_EQ(SM_UNIT_INCHES, record.At(84));
+    EXPECT_EQ(SM_PIXEL_RGB, record.At(88));
     DWORD minimum = 0, maximum = 0, preferred = 0;
     ASSERT_EQ(SM_OK, sm.getMemXferSize(&minimum, &maximum, &preferred));
     EXPECT_EQ(static_cast<LONG>(maximum), record.At(92));
@@ -723,6 +874,7 @@ TEST_F(CapabilityEdgeTest, FailedBufferSizeQueryGivesDefaults) {
     EXPECT_TRUE(OneRecord("Warning", "Sm_7", "DSM_Entry returns failure in TScanModule::GetMemXferSize"));
     CloseSource();
     EXPECT_EQ(SM_ERR_SEQUENCE, sm.getMemXferSize(&minimum, &maximum, &preferred));
+    EXPECT_TRUE(WarningsOnTheEntryLine(viewer, "Sm_7", "GetMemXferSize", "GetMemXferSize"));
 }
 
 TEST_F(CapabilityEdgeTest, PendingCountNeedsAnEnabledSource) {
@@ -913,63 +1065,322 @@ TEST_F(CapabilityEdgeTest, UnknownItemTypeReadsNothing) {
 
 namespace {
 
-// An accessor resolved by name and called with an output that must stay untouched: gets receive a
-// filled buffer, sets a value.
-struct Unavailable {
-    const char *exportName;
+// Every output an accessor could write, filled so that a write shows.
+struct Canvas {
+    static constexpr int kSize = 256;
+    static constexpr BYTE kFill = 0xA5;
+    Canvas() { std::memset(bytes, kFill, sizeof bytes); }
+    template <typename T> T *At(int offset) { return reinterpret_cast<T *>(bytes + offset); }
+    LONG Word(int offset) const {
+        LONG word;
+        std::memcpy(&word, bytes + offset, sizeof word);
+        return word;
+    }
+    alignas(8) BYTE bytes[kSize];
+};
+constexpr LONG kFilledWord = static_cast<LONG>(0xA5A5A5A5);
+
+// A method whose availability gate refused, and its file. The patterns' gate warns on the method's entry line; a
+// gate in the method's own body (`ownGate`) on a line of that body.
+struct Gate {
     const char *method;
-    enum { GetLong, GetWord, GetThree16, SetLong, SetDouble } shape;
+    const char *file;
+    bool ownGate = false;
 };
 
-const Unavailable kUnavailable[] = {
-    {"smIsADFAvailable", "IsADFAvailable", Unavailable::GetLong},
-    {"smGetThumbMode", "GetThumbMode", Unavailable::GetLong},
-    {"smNonUIAvailable", "IsNonUIAvailable", Unavailable::GetLong},
-    {"smGetUnit", "GetUnit", Unavailable::GetWord},
-    {"smGetPixelType", "GetPixelType", Unavailable::GetWord},
-    {"smGetPaperSize", "GetPaperSize", Unavailable::GetWord},
-    {"smGetXferMech", "GetXferMech", Unavailable::GetWord},
-    {"smGetXResolution", "GetXResolution", Unavailable::GetThree16},
-    {"smSetADFEnable", "SetADFEnable", Unavailable::SetLong},
-    {"smSetPixelType", "SetPixelType", Unavailable::SetLong},
-    {"smSetBitDepth", "SetBitDepth", Unavailable::SetLong},
-    {"smSetXResolution", "SetXResolution", Unavailable::SetLong},
-    {"smSetGamma", "SetGamma", Unavailable::SetDouble},
+struct UnavailableRow {
+    const char *name; // the export and its arguments
+    std::function<LONG(const CapabilityExports &, Canvas &)> call;
+    LONG result;
+    std::vector<Gate> gates;                        // in order
+    std::vector<std::pair<int, LONG>> written = {}; // canvas words the call writes, by offset
 };
 
-class CapabilityUnavailableTest : public ModuleTest {};
+// The snapshot's fields when every getter is refused at the gate: size, reserved and bit depth, the others 0.
+const std::vector<std::pair<int, LONG>> kRefusedSnapshot = {{0, 104}, {56, 0}, {60, 0}, {64, 0}, {68, 0}, {72, 8},
+                                                            {76, 0},  {80, 0}, {84, 0}, {88, 0}, {92, 0}};
 
-TEST_F(CapabilityUnavailableTest, EveryAccessorAnswersMinusOneAndTouchesNothing) {
-    InstallDsm(Dsm::Absent);
-    library.Load();
-    for (const Unavailable &row : kUnavailable) {
-        SCOPED_TRACE(row.exportName);
+const std::vector<UnavailableRow> &UnavailableRows() {
+    using S = const CapabilityExports &;
+    static const std::vector<UnavailableRow> rows = {
+        {"smCapNegotiate",
+         [](S sm, Canvas &c) { return LONG{sm.capNegotiate(MSG_GET, c.At<TW_CAPABILITY>(0))}; },
+         TWRC_FAILURE,
+         {{"CapNegotiate", "Sm_4", true}}},
+        {"smIsADFAvailable",
+         [](S sm, Canvas &c) { return sm.isADFAvailable(c.At<LONG>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"IsADFAvailable", "Sm_4"}}},
+        {"smIsADFPaperLoaded",
+         [](S sm, Canvas &c) { return sm.isADFPaperLoaded(c.At<LONG>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"IsADFPaperLoaded", "Sm_4"}}},
+        {"smIsPaperLoaded",
+         [](S sm, Canvas &c) { return sm.isPaperLoaded(c.At<LONG>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"IsADFPaperLoaded", "Sm_4"}}},
+        {"smGetADFEnable",
+         [](S sm, Canvas &c) { return sm.getADFEnable(c.At<LONG>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetADFEnable", "Sm_4"}}},
+        {"smSetADFEnable",
+         [](S sm, Canvas &) { return sm.setADFEnable(1); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetADFEnable", "Sm_4"}}},
+        {"smGetBrightness",
+         [](S sm, Canvas &c) { return sm.getBrightness(c.At<short>(0), 0, 100); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetBrightness", "Sm_4"}}},
+        {"smSetBrightness",
+         [](S sm, Canvas &) { return sm.setBrightness(50, 0, 100); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetBrightness", "Sm_4"}}},
+        {"smGetContrast",
+         [](S sm, Canvas &c) { return sm.getContrast(c.At<short>(0), 0, 100); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetContrast", "Sm_4"}}},
+        {"smSetContrast",
+         [](S sm, Canvas &) { return sm.setContrast(50, 0, 100); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetContrast", "Sm_4"}}},
+        {"smGetHighlight",
+         [](S sm, Canvas &c) { return sm.getHighlight(c.At<short>(0), 0, 100); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetHighlight", "Sm_4"}}},
+        {"smSetHighlight",
+         [](S sm, Canvas &) { return sm.setHighlight(50, 0, 100); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetHighlight", "Sm_4"}}},
+        {"smGetShadow",
+         [](S sm, Canvas &c) { return sm.getShadow(c.At<short>(0), 0, 100); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetShadow", "Sm_4"}}},
+        {"smSetShadow",
+         [](S sm, Canvas &) { return sm.setShadow(50, 0, 100); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetShadow", "Sm_4"}}},
+        {"smSetThreshold",
+         [](S sm, Canvas &) { return sm.setThreshold(50, 0, 100); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetThreshold", "Sm_4"}}},
+        {"smGetGamma",
+         [](S sm, Canvas &c) { return sm.getGamma(c.At<double>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetGamma", "Sm_4"}}},
+        {"smSetGamma", [](S sm, Canvas &) { return sm.setGamma(1.0); }, SM_ERR_UNAVAILABLE, {{"SetGamma", "Sm_4"}}},
+        {"smGetUnit",
+         [](S sm, Canvas &c) { return sm.getUnit(c.At<WORD>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetUnit", "Sm_5"}}},
+        {"smGetMaxArea",
+         [](S sm, Canvas &c) { return sm.getMaxArea(c.At<double>(0), c.At<double>(8)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetMaxArea", "Sm_5"}}},
+        {"smGetPixelFlavor",
+         [](S sm, Canvas &c) { return sm.getPixelFlavor(c.At<LONG>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetPixelFlavor", "Sm_5"}}},
+        {"smGetPixelType",
+         [](S sm, Canvas &c) { return sm.getPixelType(c.At<WORD>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetPixelType", "Sm_5"}}},
+        {"smSetPixelType",
+         [](S sm, Canvas &) { return sm.setPixelType(SM_PIXEL_RGB); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetPixelType", "Sm_5"}}},
+        {"smGetSupportedPixelType",
+         [](S sm, Canvas &c) { return sm.getSupportedPixelType(c.At<WORD>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetSupportedPixelType", "Sm_5"}}},
+        {"smSetSupportedPixelType",
+         [](S sm, Canvas &) { return sm.setSupportedPixelType(SM_PIXEL_BW | SM_PIXEL_RGB); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetSupportedPixelType", "Sm_5"}}},
+        {"smSetBitDepth",
+         [](S sm, Canvas &) { return sm.setBitDepth(8); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetBitDepth", "Sm_5"}}},
+        {"smGetIndex",
+         [](S sm, Canvas &c) { return sm.getIndex(c.At<LONG>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetIndex", "Sm_5"}}},
+        {"smSetIndex(list)",
+         [](S sm, Canvas &c) { return sm.setIndex(2, c.At<DWORD>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetIndex", "Sm_5"}}},
+        {"smSetIndex(NULL)",
+         [](S sm, Canvas &) { return sm.setIndex(2, nullptr); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetIndex", "Sm_5"}}},
+        {"smGetPaperSize",
+         [](S sm, Canvas &c) { return sm.getPaperSize(c.At<WORD>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetPaperSize", "Sm_6"}}},
+        {"smSetPaperSize",
+         [](S sm, Canvas &) { return sm.setPaperSize(SM_PAPER_USLETTER); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetPaperSize", "Sm_6"}}},
+        {"smGetSupportedPaperSize",
+         [](S sm, Canvas &c) { return sm.getSupportedPaperSize(c.At<WORD>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetSupportedPaperSize", "Sm_6"}}},
+        {"smSetSupportedPaperSize",
+         [](S sm, Canvas &) { return sm.setSupportedPaperSize(SM_PAPER_NONE | SM_PAPER_USLETTER); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetSupportedPaperSize", "Sm_6"}}},
+        {"smGetXferMech",
+         [](S sm, Canvas &c) { return sm.getXferMech(c.At<WORD>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetXferMech", "Sm_6"}}},
+        {"smSetXferMech",
+         [](S sm, Canvas &) { return sm.setXferMech(SM_XFER_FILE); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetXferMech", "Sm_6"}}},
+        // The gate comes before the flag is looked at.
+        {"smSetXferMech(bad flag)",
+         [](S sm, Canvas &) { return sm.setXferMech(SM_XFER_NATIVE | SM_XFER_FILE); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetXferMech", "Sm_6"}}},
+        {"smGetXferCount",
+         [](S sm, Canvas &c) { return sm.getXferCount(c.At<short>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetXferCount", "Sm_6"}}},
+        {"smSetXferCount",
+         [](S sm, Canvas &) { return sm.setXferCount(-1); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetXferCount", "Sm_6"}}},
+        {"smGetXResolution",
+         [](S sm, Canvas &c) { return sm.getXResolution(c.At<short>(0), c.At<short>(8), c.At<short>(16)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetXResolution", "Sm_6"}}},
+        {"smSetXResolution",
+         [](S sm, Canvas &) { return sm.setXResolution(300); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetXResolution", "Sm_6"}}},
+        {"smGetYResolution",
+         [](S sm, Canvas &c) { return sm.getYResolution(c.At<short>(0), c.At<short>(8), c.At<short>(16)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetYResolution", "Sm_6"}}},
+        {"smSetYResolution",
+         [](S sm, Canvas &) { return sm.setYResolution(300); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetYResolution", "Sm_6"}}},
+        // Refused before any resolution is read.
+        {"smIsThisDPIAvailable",
+         [](S sm, Canvas &) { return sm.isThisDPIAvailable(300, 300); },
+         SM_ERR_UNAVAILABLE,
+         {{"IsThisDPIAvailable", "Sm_6", true}}},
+        {"smGetXScale",
+         [](S sm, Canvas &c) { return sm.getXScale(c.At<double>(0), c.At<double>(8), c.At<double>(16)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetXScale", "Sm_7"}}},
+        {"smSetXScale", [](S sm, Canvas &) { return sm.setXScale(2.0); }, SM_ERR_UNAVAILABLE, {{"SetXScale", "Sm_7"}}},
+        {"smGetYScale",
+         [](S sm, Canvas &c) { return sm.getYScale(c.At<double>(0), c.At<double>(8), c.At<double>(16)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetYScale", "Sm_7"}}},
+        {"smSetYScale", [](S sm, Canvas &) { return sm.setYScale(2.0); }, SM_ERR_UNAVAILABLE, {{"SetYScale", "Sm_7"}}},
+        {"smGetMemXferSize",
+         [](S sm, Canvas &c) { return sm.getMemXferSize(c.At<DWORD>(0), c.At<DWORD>(8), c.At<DWORD>(16)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetMemXferSize", "Sm_7"}}},
+        {"smGetDSProductName",
+         [](S sm, Canvas &c) { return sm.getDSProductName(c.At<char>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetDSProductName", "Sm_4"}}},
+        {"smGetPendingCount",
+         [](S sm, Canvas &c) { return sm.getPendingCount(c.At<WORD>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetPendingCount", "Sm_7", true}}},
+        {"smSetIndicatorEnable",
+         [](S sm, Canvas &) { return sm.setIndicatorEnable(1); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetIndicatorEnable", "Sm_4"}}},
+        {"smSetAutoFeedEnable",
+         [](S sm, Canvas &) { return sm.setAutoFeedEnable(1); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetAutoFeedEnable", "Sm_4"}}},
+        {"smSetLightpath",
+         [](S sm, Canvas &) { return sm.setLightpath(TWLP_TRANSMISSIVE); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetLightpath", "Sm_4"}}},
+        {"smSetThumbMode",
+         [](S sm, Canvas &) { return sm.setThumbMode(1); },
+         SM_ERR_UNAVAILABLE,
+         {{"SetThumbMode", "Sm_4"}}},
+        {"smGetThumbMode",
+         [](S sm, Canvas &c) { return sm.getThumbMode(c.At<LONG>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"GetThumbMode", "Sm_4"}}},
+        {"smNonUIAvailable",
+         [](S sm, Canvas &c) { return sm.nonUIAvailable(c.At<LONG>(0)); },
+         SM_ERR_UNAVAILABLE,
+         {{"IsNonUIAvailable", "Sm_4"}}},
+        // Every getter of the snapshot is refused, and the snapshot still answers 0 with what they leave.
+        {"smGetScanCap",
+         [](S sm, Canvas &c) { return sm.getScanCap(c.At<ScanCapBytes>(0)); },
+         SM_OK,
+         {{"GetXResolution", "Sm_6"},
+          {"GetMaxArea", "Sm_5"},
+          {"GetUnit", "Sm_5"},
+          {"GetPixelType", "Sm_5"},
+          {"GetMemXferSize", "Sm_7"},
+          {"Getbitdepth", "Sm_5"}},
+         kRefusedSnapshot},
+    };
+    return rows;
+}
+
+// The library loaded with no TWAIN_32.DLL in the Windows directory, its exports resolved and its global memory
+// followed.
+class CapabilityUnavailableTest : public ModuleTest {
+protected:
+    void SetUp() override {
+        ModuleTest::SetUp();
+        InstallDsm(Dsm::Absent);
+        library.Load();
+        sm.Resolve(library);
+        ASSERT_EQ(std::vector<std::string>{}, sm.Missing()) << "exports missing";
+        ASSERT_GE(tracker.Attach(library.Module()), 2) << "smkernal.dll imports GlobalAlloc and GlobalFree";
+    }
+    void TearDown() override {
+        tracker.Detach();
+        ModuleTest::TearDown();
+    }
+
+    CapabilityExports sm;
+    GlobalMemoryTracker tracker;
+};
+
+// Each export in turn: its result, the gate's warning of each method refused (after the load the gate retries), the
+// caller's memory untouched, no container built, nothing else done.
+TEST_F(CapabilityUnavailableTest, EveryAccessorAnswersAtTheGateAndTouchesNothing) {
+    for (const UnavailableRow &row : UnavailableRows()) {
+        SCOPED_TRACE(row.name);
         viewer.Clear();
-        LONG result = 0;
-        DWORD word = 0xA5A5A5A5;
-        short three[3] = {7, 7, 7};
-        switch (row.shape) {
-        case Unavailable::GetLong:
-        case Unavailable::GetWord:
-            result = library.Get<LONG(WINAPI *)(void *)>(row.exportName)(&word);
-            EXPECT_EQ(0xA5A5A5A5u, word);
-            break;
-        case Unavailable::GetThree16:
-            result =
-                library.Get<LONG(WINAPI *)(short *, short *, short *)>(row.exportName)(three, three + 1, three + 2);
-            EXPECT_EQ(7, three[0]);
-            break;
-        case Unavailable::SetLong:
-            result = library.Get<LONG(WINAPI *)(LONG)>(row.exportName)(1);
-            break;
-        case Unavailable::SetDouble:
-            result = library.Get<LONG(WINAPI *)(double)>(row.exportName)(1.0);
-            break;
+        tracker.Begin();
+        Canvas canvas;
+        const LONG result = row.call(sm, canvas);
+        EXPECT_TRUE(IsStatus(row.result, result));
+        for (int offset = 0; offset < Canvas::kSize; offset += sizeof(LONG)) {
+            LONG expected = kFilledWord;
+            for (const auto &word : row.written)
+                if (word.first == offset)
+                    expected = word.second;
+            EXPECT_EQ(expected, canvas.Word(offset)) << "canvas offset " << offset;
         }
-        EXPECT_EQ(SM_ERR_UNAVAILABLE, result);
-        const std::vector<std::string> warnings = viewer.Texts("Warning");
-        ASSERT_FALSE(warnings.empty());
-        EXPECT_EQ(std::string("TWAIN is not available in TScanModule::") + row.method, warnings.back());
+        EXPECT_EQ(0, tracker.Allocations()) << tracker.Describe();
+        std::vector<std::string> warnings;
+        for (const Gate &gate : row.gates) {
+            const std::string text = std::string("TWAIN is not available in TScanModule::") + gate.method;
+            warnings.push_back("LoadLibrary fails in TScanModule::LoadTWAIN");
+            warnings.push_back(text);
+            EXPECT_TRUE(OneRecordIn(viewer, "Warning", gate.file, text));
+            if (!gate.ownGate) {
+                EXPECT_TRUE(WarningsOnTheEntryLine(viewer, gate.file, gate.method, gate.method));
+            }
+        }
+        EXPECT_EQ(warnings, viewer.Texts("Warning"));
     }
 }
 

@@ -312,6 +312,73 @@ TEST_F(NegotiationWhiteBoxTest, BitDepthIsTheCurrentValueFirstAndTheLargestItemA
     EXPECT_EQ((std::vector<std::string>{"2 -> TWRC_SUCCESS", "1 -> TWRC_SUCCESS"}), Messages(mark, ICAP_BITDEPTH));
 }
 
+// Only the low word of the message is sent: 0x00010006 sets the mechanism as MSG_SET does.
+TEST_F(NegotiationWhiteBoxTest, MechanismSetWithAMessageInALongWordIsRemembered) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    ASSERT_EQ(kMechMemory, module->transferMechanism);
+    TW_CAPABILITY capability = {ICAP_XFERMECH, TWON_ONEVALUE, nullptr};
+    ASSERT_EQ(0, BuildupOneValue(&capability, TWTY_UINT16, TWSX_FILE));
+    const size_t mark = dsm.Calls().size();
+    EXPECT_EQ(TWRC_SUCCESS, module->CapNegotiate(0x00010000 | MSG_SET, &capability));
+    GlobalFree(capability.hContainer);
+    EXPECT_EQ((std::vector<std::string>{"6 -> TWRC_SUCCESS"}), Messages(mark, ICAP_XFERMECH));
+    EXPECT_EQ(kMechFile, module->transferMechanism);
+}
+
+// Both messages refused at the source: the status of the second failure, and 0 for the depth.
+TEST_F(NegotiationWhiteBoxTest, BitDepthNotReadGivesTheLastConditionCodeAndZero) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    scanner.failTriplet(DG_CONTROL, DAT_CAPABILITY, MSG_GETCURRENT, ICAP_BITDEPTH, TWRC_FAILURE, TWCC_CAPSEQERROR, 1,
+                        0);
+    scanner.failTriplet(DG_CONTROL, DAT_CAPABILITY, MSG_GET, ICAP_BITDEPTH, TWRC_FAILURE, TWCC_DENIED, 1, 0);
+    const size_t mark = dsm.Calls().size();
+    LONG depth = 77;
+    const LONG rc = module->Getbitdepth(&depth);
+    EXPECT_EQ(TWCC_DENIED, rc) << TwccName(rc);
+    EXPECT_EQ(0, depth);
+    EXPECT_EQ((std::vector<std::string>{"2 -> TWRC_FAILURE", "1 -> TWRC_FAILURE"}), Messages(mark, ICAP_BITDEPTH));
+}
+
+// The brightness query with no source open: 11, nothing sent, the range kept as it was.
+TEST_F(NegotiationWhiteBoxTest, BrightnessRangeWithoutAnOpenSourceKeepsTheRange) {
+    module->brightnessMin = -5.0;
+    module->brightnessMax = 5.0;
+    module->brightnessStep = 0.5;
+    const size_t before = dsm.Calls().size();
+    const LONG rc = module->GetDSBrightnessRange();
+    EXPECT_EQ(TWCC_SEQERROR, rc) << TwccName(rc);
+    EXPECT_EQ(before, dsm.Calls().size()) << "nothing sent";
+    EXPECT_EQ(-5.0, module->brightnessMin);
+    EXPECT_EQ(5.0, module->brightnessMax);
+    EXPECT_EQ(0.5, module->brightnessStep);
+}
+
+// Containers the query does not accept: 10 when both messages are answered so, 0 when MSG_GETCURRENT's one-value is
+// taken; the range is kept either way.
+TEST_F(NegotiationWhiteBoxTest, BrightnessRangeRefusingAnArrayKeepsTheRange) {
+    ASSERT_EQ(0, module->OpenDS(window, "White box"));
+    const struct {
+        TW_UINT16 current; // the container of MSG_GETCURRENT
+        LONG result;
+    } cases[] = {{TWON_ARRAY, TWCC_BADVALUE}, {TWON_ONEVALUE, 0}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.current);
+        ASSERT_NE(0, scanner.setContainer(ICAP_BRIGHTNESS, MSG_GET, TWON_ARRAY));
+        ASSERT_NE(0, scanner.setContainer(ICAP_BRIGHTNESS, MSG_GETCURRENT, c.current));
+        module->brightnessMin = -5.0;
+        module->brightnessMax = 5.0;
+        module->brightnessStep = 0.5;
+        const size_t mark = dsm.Calls().size();
+        const LONG rc = module->GetDSBrightnessRange();
+        EXPECT_EQ(c.result, rc) << TwccName(rc);
+        EXPECT_EQ((std::vector<std::string>{"1 -> TWRC_SUCCESS", "2 -> TWRC_SUCCESS"}),
+                  Messages(mark, ICAP_BRIGHTNESS));
+        EXPECT_EQ(-5.0, module->brightnessMin);
+        EXPECT_EQ(5.0, module->brightnessMax);
+        EXPECT_EQ(0.5, module->brightnessStep);
+    }
+}
+
 TEST_F(NegotiationWhiteBoxTest, BrightnessRangeOfTheSourceIsLearntWithItsStep) {
     // A range -100..100 with a step of 1: the smallest gap of the values is the step the scanner answers.
     const double values[] = {-100.0, -99.0, 0.0, 100.0};
@@ -326,6 +393,56 @@ TEST_F(NegotiationWhiteBoxTest, BrightnessRangeOfTheSourceIsLearntWithItsStep) {
     const LONG rc = module->GetBrightness(&value, 0, 255);
     EXPECT_EQ(0, rc) << TwccName(rc);
     EXPECT_EQ(128, value) << "128 of 0..255 is 0.0 at the source, and 0.0 reads back as 128";
+}
+
+} // namespace
+
+// --- Negotiation without the source manager: the brightness query returns to the module's own range.
+
+namespace {
+
+class NegotiationWithoutManagerWhiteBoxTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        InstallDsm(Dsm::Absent);
+        WriteDebugIni(1, 1);
+        viewer.Start();
+        module = std::make_unique<TScanModule>(GetModuleHandleA(nullptr));
+        viewer.Clear();
+    }
+    void TearDown() override {
+        module.reset();
+        viewer.Stop();
+        // The trace keeps its composer after shut-down; nothing of this program traces afterwards.
+        traceStream = nullptr;
+        traceDepth = 0;
+    }
+
+    TraceViewer viewer;
+    std::unique_ptr<TScanModule> module;
+};
+
+TEST_F(NegotiationWithoutManagerWhiteBoxTest, BrightnessRangeIsResetToTheModulesOwn) {
+    module->brightnessMin = -5.0;
+    module->brightnessMax = 5.0;
+    module->brightnessStep = 0.5;
+    const LONG rc = module->GetDSBrightnessRange();
+    EXPECT_EQ(-1, rc);
+    EXPECT_EQ(-1000.0, module->brightnessMin);
+    EXPECT_EQ(1000.0, module->brightnessMax);
+    EXPECT_EQ(1.0, module->brightnessStep);
+    const TraceLine *entry = nullptr, *warning = nullptr;
+    for (const TraceLine &record : viewer.Records()) {
+        if (record.text == "Coming TScanModule::GetDSBrightnessRange")
+            entry = &record;
+        if (record.text == "TWAIN is not available in TScanModule::GetDSBrightnessRange")
+            warning = &record;
+    }
+    ASSERT_NE(nullptr, entry);
+    ASSERT_NE(nullptr, warning);
+    EXPECT_EQ("Warning", warning->level);
+    EXPECT_EQ("F:\\smkernal\\Sm_3.cpp", warning->source);
+    EXPECT_EQ(entry->line, warning->line) << "the gate writes on the query's own line";
 }
 
 } // namespace
