@@ -21,7 +21,7 @@ LONG TScanModule::GetDSBrightnessRange() {
     LONG result = 0;
     const Outcome outcome = ReadCapability(call, kBrightnessRange, reading, result);
     if (outcome == Outcome::NotAsked) {
-        if (result == -1) {
+        if (result == kNotAvailable) {
             brightnessMin = kDefaultBrightnessMin;
             brightnessMax = kDefaultBrightnessMax;
             brightnessStep = kDefaultBrightnessStep;

@@ -212,7 +212,7 @@ TW_UINT16 TScanModule::CapNegotiate(UINT message, TW_CAPABILITY *capability) {
 // The patterns below write their records for the calling method, on its own line of its own file.
 bool TScanModule::AccessorReady(const TraceCall &call, LONG &result) {
     if (!Available(call, call.Line())) {
-        result = -1;
+        result = kNotAvailable;
         return false;
     }
     if (sessionState < kStateSourceOpen) {

@@ -158,7 +158,7 @@ LONG TScanModule::SetYResolution(LONG dpi) {
 LONG TScanModule::IsThisDPIAvailable(LONG x, LONG y) {
     TraceCall call(kSource, "IsThisDPIAvailable", __LINE__, __LINE__);
     if (!Available(call, __LINE__))
-        return -1;
+        return kNotAvailable;
     short savedX = 0, savedY = 0, minimum = 0, maximum = 0;
     GetXResolution(&savedX, &minimum, &maximum);
     GetYResolution(&savedY, &minimum, &maximum);

@@ -85,7 +85,7 @@ LONG TScanModule::EndThisXfer(WORD *count) {
     TraceCall call(kSource, "EndThisXfer", __LINE__, __LINE__);
     *count = 0;
     if (!Available(call, __LINE__))
-        return -1;
+        return kNotAvailable;
     TW_PENDINGXFERS pending = {};
     if (CallDsm(&sourceIdentity, DG_CONTROL, DAT_PENDINGXFERS, MSG_ENDXFER, &pending) != TWRC_SUCCESS) {
         call.Warn(__LINE__, "DSM_Entry returns failure");
@@ -99,7 +99,7 @@ LONG TScanModule::EndThisXfer(WORD *count) {
 LONG TScanModule::EndAllXfer() {
     TraceCall call(kSource, "EndAllXfer", __LINE__, __LINE__);
     if (!Available(call, __LINE__))
-        return -1;
+        return kNotAvailable;
     TW_PENDINGXFERS pending = {};
     if (CallDsm(&sourceIdentity, DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending) != TWRC_SUCCESS) {
         call.Warn(__LINE__, "DSM_Entry returns failure");
@@ -111,7 +111,7 @@ LONG TScanModule::EndAllXfer() {
 LONG TScanModule::GetPendingCount(WORD *count) {
     TraceCall call(kSource, "GetPendingCount", __LINE__, __LINE__);
     if (!Available(call, __LINE__))
-        return -1;
+        return kNotAvailable;
     if (sessionState < kStateSourceEnabled) {
         call.Warn(__LINE__, "Sequence error");
         return TWCC_SEQERROR;
