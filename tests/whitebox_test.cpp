@@ -143,6 +143,13 @@ TEST_F(WhiteBoxTest, CancelExportsSetTheFlags) {
 
 TEST_F(WhiteBoxTest, UnloadingWithTheSourceManagerOpenKeepsTheLibrary) {
     Construct();
+    // The object leaves the source manager loaded on purpose; release that reference once the test has looked, so
+    // that the next test can replace TWAIN_32.DLL.
+    const HMODULE kept = module->dsmLibrary;
+    ScopeExit release([kept] {
+        if (IsLoaded(TwainPath()))
+            FreeLibrary(kept);
+    });
     module->sessionState = kStateDsmOpen;
     module.reset();
     EXPECT_TRUE(IsLoaded(TwainPath())) << "the source manager must stay loaded while a session is open";
