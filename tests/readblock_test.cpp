@@ -29,6 +29,7 @@ protected:
         ASSERT_NE(nullptr, readBlock);
     }
     void TearDown() override {
+        EndTransferAtTheSource();
         SessionTest::TearDown();
         scanner.Free();
     }
@@ -49,18 +50,36 @@ protected:
     // source manager until it answers MSG_XFERREADY (the module's own event filter is not used here).
     void DeliverTransferReady() {
         TW_IDENTITY app = {}, source = {};
+        EnabledPair(app, source);
+        ASSERT_NE(0u, source.Id);
+        const DSMENTRYPROC entry = dsm.Entry();
+        const TW_UINT16 message = WaitForSourceMessage(
+            [&](TW_EVENT &event) { return entry(&app, &source, DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event); },
+            3000);
+        ASSERT_EQ(MSG_XFERREADY, message) << "the source never announced its transfer";
+    }
+    // A test may stop in the middle of an image, and the source, still transferring, would refuse the disable that
+    // closes the session: the transfer is ended there as an application ends it, the images still pending dropped.
+    void EndTransferAtTheSource() {
+        if (!scanner.Module() || scanner.Info().state < VSCAN_STATE_XFERREADY)
+            return;
+        TW_IDENTITY app = {}, source = {};
+        EnabledPair(app, source);
+        const DSMENTRYPROC entry = dsm.Entry();
+        TW_PENDINGXFERS pending = {};
+        if (scanner.Info().state == VSCAN_STATE_XFERRING)
+            entry(&app, &source, DG_CONTROL, DAT_PENDINGXFERS, MSG_ENDXFER, &pending);
+        if (scanner.Info().state == VSCAN_STATE_XFERREADY)
+            entry(&app, &source, DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending);
+        EXPECT_EQ(VSCAN_STATE_ENABLED, scanner.Info().state) << "the source is still in a transfer";
+    }
+    // The identities of the module's MSG_ENABLEDS: its application and the source it enabled.
+    void EnabledPair(TW_IDENTITY &app, TW_IDENTITY &source) const {
         for (const TdsmCall &call : dsm.Calls())
             if (call.dat == DAT_USERINTERFACE && call.msg == MSG_ENABLEDS) {
                 app.Id = call.originId;
                 source.Id = call.destId;
             }
-        ASSERT_NE(0u, source.Id);
-        auto entry = reinterpret_cast<DSMENTRYPROC>(
-            reinterpret_cast<void *>(GetProcAddress(GetModuleHandleA(TwainPath().c_str()), "DSM_Entry")));
-        const TW_UINT16 message = WaitForSourceMessage(
-            [&](TW_EVENT &event) { return entry(&app, &source, DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event); },
-            3000);
-        ASSERT_EQ(MSG_XFERREADY, message) << "the source never announced its transfer";
     }
     // The buffer length the module offers the source for the next block, when the caller has `size` bytes.
     TW_UINT32 OfferedLength(DWORD size) {

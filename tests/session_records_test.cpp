@@ -19,6 +19,8 @@ struct RecordScenario {
     std::function<void(class SessionRecordsTest &)> arrange;
     std::function<void(class SessionRecordsTest &)> act;
     Strings records; // "Level line text"
+    // Run after the check, when the scenario leaves more behind than the open session the fixture closes.
+    std::function<void(class SessionRecordsTest &)> undo = nullptr;
 };
 
 void PrintTo(const RecordScenario &scenario, std::ostream *out) {
@@ -38,6 +40,7 @@ public:
     using SessionTest::setDefaultDriver;
     using SessionTest::window;
 
+    using SessionTest::DisableInTheSourcesPlace;
     using SessionTest::Enable;
     using SessionTest::LeaveManagerOpen;
     using SessionTest::Open;
@@ -80,6 +83,10 @@ TEST_P(SessionRecordsTest, WritesItsRecordsWithTheirLines) {
     if (scenario.arrange)
         scenario.arrange(*this);
     viewer.Clear();
+    ScopeExit undo([&] {
+        if (scenario.undo)
+            scenario.undo(*this);
+    });
     scenario.act(*this);
     EXPECT_EQ(scenario.records, Sm2Records());
 }
@@ -172,7 +179,8 @@ const RecordScenario kScenarios[] = {
      [](SessionRecordsTest &t) { t.enableDS(FALSE, FALSE); },
      {"Trace 463 Coming TScanModule::EnableDS",
       "Warning 527 DSM_Entry returns check condition in TScanModule::EnableDS",
-      "Trace 547 Leaving TScanModule::EnableDS"}},
+      "Trace 547 Leaving TScanModule::EnableDS"},
+     [](SessionRecordsTest &t) { t.DisableInTheSourcesPlace(); }},
     {"EnableDSFailing",
      [](SessionRecordsTest &t) {
          t.Open();

@@ -201,6 +201,7 @@ TEST_F(SessionStateTest, ModalEnableDisablesTheParentUntilDisable) {
 TEST_F(SessionStateTest, CheckStatusOnEnableCountsAsSuccess) {
     Open();
     script.failOnce(DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, TWRC_CHECKSTATUS, TWCC_SUCCESS);
+    ScopeExit settle([this] { DisableInTheSourcesPlace(); });
     EXPECT_EQ(SM_OK, enableDS(FALSE, FALSE));
     EXPECT_EQ((Strings{"DSM_Entry returns check condition in TScanModule::EnableDS"}), Warnings());
     Reset();

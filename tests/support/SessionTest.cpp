@@ -142,6 +142,11 @@ void SessionTest::Enable() {
     Reset();
 }
 
+void SessionTest::DisableInTheSourcesPlace() {
+    script.failOnce(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, TWRC_SUCCESS, TWCC_SUCCESS);
+    EXPECT_EQ(SM_OK, disableDS()) << "the module stays in state 5, and the session cannot close";
+}
+
 void SessionTest::LeaveManagerOpen() {
     script.failOnce(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, TWRC_FAILURE, TWCC_NODS);
     script.failOnce(DG_CONTROL, DAT_PARENT, MSG_CLOSEDSM, TWRC_FAILURE, TWCC_SEQERROR);

@@ -56,6 +56,9 @@ protected:
     void Open();
     // Reaches state 5 (no user interface), then Reset().
     void Enable();
+    // After a fault answered MSG_ENABLEDS in the source's place, the module is in state 5 and the source still in 4:
+    // the stand-in answers the module's disable in the source's place too, so that the session can close.
+    void DisableInTheSourcesPlace();
     // Reaches state 3: the source fails to open and the source manager then fails to close. Then Reset().
     void LeaveManagerOpen();
     // Loads the library again with no TWAIN_32.DLL in the Windows directory; the exports are resolved anew.
