@@ -43,6 +43,7 @@ protected:
         if (closeDS)
             closeDS();
         library.Free();
+        ReleaseSourceKeptByWine();
         viewer.Stop();
         if (window)
             DestroyWindow(window);

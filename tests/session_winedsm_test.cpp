@@ -35,6 +35,7 @@ protected:
     }
     void TearDown() override {
         library.Free();
+        ReleaseSourceKeptByWine();
         viewer.Stop();
         if (window)
             DestroyWindow(window);

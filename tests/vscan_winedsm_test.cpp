@@ -38,6 +38,7 @@ protected:
             DestroyWindow(window_);
         if (dsm_)
             FreeLibrary(dsm_);
+        ReleaseSourceKeptByWine();
     }
 
     TW_UINT16 Dsm(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg, TW_MEMREF data) {

@@ -26,6 +26,10 @@ std::string InstallSource(const std::string &relativePath, const char *binary = 
 // The virtual scanner as twain_32\<name>: vscan.ds for the stand-in, sane.ds for Wine's source manager.
 std::string InstallVscan(const std::string &name = "vscan.ds");
 void UninstallVscan(const std::string &name = "vscan.ds");
+// Wine's source manager loads a source on every MSG_OPENDS and never frees it on MSG_CLOSEDS. Called once the manager
+// itself is freed, this releases the references it kept to twain_32\<name>, so that the next test of the same program
+// can replace the file and gets a fresh source.
+void ReleaseSourceKeptByWine(const std::string &name = "sane.ds");
 
 // --- The expected test page, computed from the formula in the README, independently of the source.
 
