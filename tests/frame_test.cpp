@@ -194,6 +194,16 @@ TEST_F(FrameTest, ImportsOnlySystemDlls) {
     }
 }
 
+TEST_F(FrameTest, LoadingAndFreeingKeepsNoTlsIndex) {
+    // The fixture's load has brought in every system DLL the library and the stand-in it loads need.
+    library.Free();
+    EXPECT_EQ(0, TlsIndexesKeptBy([this] {
+                  library.Load();
+                  library.Free();
+              }))
+        << "smkernal.dll or TWAIN_32.DLL keeps TLS indexes when freed";
+}
+
 TEST_F(FrameTest, StringResourcesAreTheWindows1252Texts) {
     // LoadStringA converts to the ANSI code page, which the test bench pins through the locale.
     ASSERT_EQ(1252u, GetACP()) << "wine-run must start Wine in the C locale";

@@ -45,6 +45,17 @@ TEST_F(TdsmSourceTest, OpenDsLoadsTheSourceGivesAFreshIdAndPassesTheApplicationA
     EXPECT_EQ(source.Id, given.Id) << "the source learns its Id";
 }
 
+TEST_F(TdsmSourceTest, FakeSourceLoadedAndFreedKeepsNoTlsIndex) {
+    FakeSource fake;
+    ASSERT_TRUE(fake.Attach(BinDir() + "\\fakeds.ds"));
+    fake.Detach();
+    EXPECT_EQ(0, TlsIndexesKeptBy([&fake] {
+                  ASSERT_TRUE(fake.Attach(BinDir() + "\\fakeds.ds"));
+                  fake.Detach();
+              }))
+        << "fakeds.ds keeps TLS indexes when freed";
+}
+
 TEST_F(TdsmSourceTest, CloseDsClosesAndFreesTheSource) {
     const std::string path = PutSource("Alpha.ds");
     ASSERT_RC(TWRC_SUCCESS, OpenDsm());

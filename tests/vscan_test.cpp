@@ -151,6 +151,15 @@ protected:
 };
 class VscanCapTest : public VscanTest {};
 
+TEST_F(VscanIdentityTest, LoadingAndFreeingKeepsNoTlsIndex) {
+    ds.Free();
+    EXPECT_EQ(0, TlsIndexesKeptBy([this] {
+                  ASSERT_TRUE(ds.Load());
+                  ds.Free();
+              }))
+        << "vscan.ds keeps TLS indexes when freed";
+}
+
 TEST_F(VscanIdentityTest, AnswersItsIdentityBeforeAndAfterOpening) {
     TW_IDENTITY id{};
     id.Id = 0;

@@ -348,4 +348,25 @@ bool IsLoaded(const std::string &path) {
     return GetModuleHandleA(path.c_str()) != nullptr;
 }
 
+namespace {
+
+// Takes every free TLS index and gives them back: how many there were.
+int FreeTlsIndexes() {
+    std::vector<DWORD> taken;
+    for (DWORD index = TlsAlloc(); index != TLS_OUT_OF_INDEXES; index = TlsAlloc())
+        taken.push_back(index);
+    for (DWORD index : taken)
+        TlsFree(index);
+    return static_cast<int>(taken.size());
+}
+
+} // namespace
+
+int TlsIndexesKeptBy(const std::function<void()> &loadAndFree, int cycles) {
+    const int before = FreeTlsIndexes();
+    for (int cycle = 0; cycle < cycles; ++cycle)
+        loadAndFree();
+    return before - FreeTlsIndexes();
+}
+
 } // namespace smtest

@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -143,6 +144,10 @@ std::string Describe(const TdsmCall &call);
 
 // True when the module at `path` is loaded in this process.
 bool IsLoaded(const std::string &path);
+
+// The TLS indexes still taken after `cycles` runs of `loadAndFree` (a LoadLibrary and FreeLibrary of DLLs that are
+// loaded already once, so that no system DLL comes in for good meanwhile). A process has 1088 of them.
+int TlsIndexesKeptBy(const std::function<void()> &loadAndFree, int cycles = 20);
 
 // Runs `undo` when the scope ends, also when a failed assertion returns early.
 template <typename Undo> class ScopeExit {
