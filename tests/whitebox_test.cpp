@@ -4,8 +4,8 @@
 #include <cstring>
 #include <memory>
 
+#include "ModuleTest.h"
 #include "ScanModule.h"
-#include "TestSupport.h"
 
 using namespace smtest;
 
@@ -27,6 +27,7 @@ protected:
         traceStream = nullptr;
         traceDepth = 0;
         theScanModule = nullptr;
+        ExpectTwainDllReleased();
     }
     void Construct() { module = std::make_unique<TScanModule>(GetModuleHandleA(nullptr)); }
 

@@ -7,6 +7,12 @@
 
 namespace smtest {
 
+// At the end of a test nothing may hold TWAIN_32.DLL any more: the next test of the same program replaces the file.
+inline void ExpectTwainDllReleased() {
+    EXPECT_FALSE(IsLoaded(TwainPath())) << "the test ends with TWAIN_32.DLL still loaded, so the next one cannot "
+                                           "replace it";
+}
+
 class ModuleTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -19,6 +25,7 @@ protected:
         library.Free();
         dsm.Close();
         viewer.Stop();
+        ExpectTwainDllReleased();
     }
 
     TraceViewer viewer;
