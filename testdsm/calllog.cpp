@@ -2,6 +2,7 @@
 #include "calllog.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <deque>
 
@@ -159,8 +160,22 @@ void Trim() {
 
 } // namespace
 
+// Asks the memory manager instead of reading under an exception guard (IsBadReadPtr): a page fault caught inside
+// Wine is raised as an illegal instruction under qemu-user, and would end the process there.
 bool Readable(const void *data, size_t size) {
-    return data && !IsBadReadPtr(data, size);
+    constexpr DWORD kReadable = PAGE_READONLY | PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READ |
+                                PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+    const uintptr_t end = reinterpret_cast<uintptr_t>(data) + size;
+    if (!data || end < reinterpret_cast<uintptr_t>(data))
+        return false;
+    for (uintptr_t at = reinterpret_cast<uintptr_t>(data); at < end;) {
+        MEMORY_BASIC_INFORMATION region;
+        if (!VirtualQuery(reinterpret_cast<const void *>(at), &region, sizeof region) || region.State != MEM_COMMIT ||
+            (region.Protect & (PAGE_GUARD | PAGE_NOACCESS)) || !(region.Protect & kReadable))
+            return false;
+        at = reinterpret_cast<uintptr_t>(region.BaseAddress) + region.RegionSize;
+    }
+    return true;
 }
 
 TW_UINT32 ItemSize(TW_UINT16 itemType) {

@@ -10,13 +10,18 @@ static inline void TwainDllPath(char path[MAX_PATH]) {
     lstrcatA(path, "\\TWAIN_32.DLL");
 }
 
-/* Replaces <windows>\TWAIN_32.DLL by `fileName` from the running program's directory, or only removes it when
-   `fileName` is NULL. Nonzero on success. */
-static inline BOOL PlaceTwainDll(const char *fileName) {
+/* How long placing or removing TWAIN_32.DLL waits for another process that still holds the file: a test program
+   that crashed or was stopped a moment ago may still be going away. */
+#define SMT_TWAIN_WAIT_MS 60000
+
+/* One try of PlaceTwainDll; on failure GetLastError says why (a sharing violation while another process holds the
+   file). */
+static inline BOOL PlaceTwainDllOnce(const char *fileName) {
     char target[MAX_PATH];
     char source[MAX_PATH];
     TwainDllPath(target);
-    DeleteFileA(target);
+    if (!DeleteFileA(target) && GetLastError() != ERROR_FILE_NOT_FOUND)
+        return FALSE;
     if (!fileName)
         return GetFileAttributesA(target) == INVALID_FILE_ATTRIBUTES;
     DWORD length = GetModuleFileNameA(NULL, source, MAX_PATH);
@@ -27,6 +32,28 @@ static inline BOOL PlaceTwainDll(const char *fileName) {
     source[length] = '\0';
     lstrcatA(source, fileName);
     return CopyFileA(source, target, FALSE);
+}
+
+/* Replaces <windows>\TWAIN_32.DLL by `fileName` from the running program's directory, or only removes it when
+   `fileName` is NULL, trying again for up to `waitMs` milliseconds while another process holds the file. Nonzero on
+   success; on failure GetLastError tells the last try's reason. */
+static inline BOOL PlaceTwainDllWithin(const char *fileName, DWORD waitMs) {
+    const DWORD step = 100;
+    for (DWORD waited = 0;; waited += step) {
+        if (PlaceTwainDllOnce(fileName))
+            return TRUE;
+        DWORD error = GetLastError();
+        if (waited >= waitMs ||
+            (error != ERROR_SHARING_VIOLATION && error != ERROR_ACCESS_DENIED && error != ERROR_LOCK_VIOLATION))
+            return FALSE;
+        Sleep(step);
+        SetLastError(error);
+    }
+}
+
+/* PlaceTwainDllWithin with the usual wait. */
+static inline BOOL PlaceTwainDll(const char *fileName) {
+    return PlaceTwainDllWithin(fileName, SMT_TWAIN_WAIT_MS);
 }
 
 /* The TWAIN_32.DLL loaded in this process, NULL when none is. */

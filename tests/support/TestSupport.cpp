@@ -3,6 +3,8 @@
 
 #include "StandInDsm.h"
 
+#include <tlhelp32.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -49,7 +51,199 @@ std::string TwainPath() {
 void InstallDsm(Dsm which) {
     // In the order of Dsm: nothing, the stand-in, its variant without DSM_Entry.
     static const char *const files[] = {nullptr, "testdsm.dll", "testdsm_noentry.dll"};
-    Check(PlaceTwainDll(files[static_cast<int>(which)]), "placing or removing TWAIN_32.DLL");
+    const std::string problem = PlaceTwainDllOrExplain(files[static_cast<int>(which)], SMT_TWAIN_WAIT_MS);
+    if (!problem.empty()) {
+        std::fprintf(stderr, "test support: %s\n", problem.c_str());
+        std::abort();
+    }
+}
+
+std::string PlaceTwainDllOrExplain(const char *fileName, DWORD waitMs) {
+    if (PlaceTwainDllWithin(fileName, waitMs))
+        return "";
+    const DWORD error = GetLastError();
+    return std::string(fileName ? "placing " : "removing ") + "TWAIN_32.DLL failed (error " + std::to_string(error) +
+           ") after waiting " + std::to_string(waitMs / 1000) + " s: " + TwainDllHolders();
+}
+
+namespace {
+
+// Calls `visit` with every process of the prefix but this one.
+void ForEachOtherProcess(const std::function<void(const PROCESSENTRY32 &)> &visit) {
+    HANDLE processes = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    if (processes == INVALID_HANDLE_VALUE)
+        return;
+    PROCESSENTRY32 process = {};
+    process.dwSize = sizeof process;
+    for (BOOL more = Process32First(processes, &process); more; more = Process32Next(processes, &process))
+        if (process.th32ProcessID != GetCurrentProcessId())
+            visit(process);
+    CloseHandle(processes);
+}
+
+bool HasModuleLoaded(DWORD processId, const std::string &path) {
+    HANDLE modules = CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, processId);
+    if (modules == INVALID_HANDLE_VALUE)
+        return false;
+    MODULEENTRY32 module = {};
+    module.dwSize = sizeof module;
+    bool found = false;
+    for (BOOL more = Module32First(modules, &module); more && !found; more = Module32Next(modules, &module))
+        found = lstrcmpiA(module.szExePath, path.c_str()) == 0;
+    CloseHandle(modules);
+    return found;
+}
+
+std::string ProcessName(const PROCESSENTRY32 &process) {
+    return std::string(process.szExeFile) + " (pid " + std::to_string(process.th32ProcessID) + ")";
+}
+
+} // namespace
+
+std::string TwainDllHolders() {
+    const std::string twain = TwainPath();
+    std::string holders;
+    std::string others;
+    ForEachOtherProcess([&](const PROCESSENTRY32 &process) {
+        std::string &list = HasModuleLoaded(process.th32ProcessID, twain) ? holders : others;
+        list += (list.empty() ? "" : ", ") + ProcessName(process);
+    });
+    if (IsLoaded(twain))
+        holders = "this test program" + (holders.empty() ? "" : ", " + holders);
+    if (!holders.empty())
+        return "held by " + holders;
+    return "no process has it loaded; running besides this test program: " + (others.empty() ? "nothing" : others);
+}
+
+namespace {
+
+// A function that reads the unmapped address 0x10 with one instruction of 5 bytes, then returns.
+extern "C" void smtest_ReadUnmapped();
+asm(".text\n"
+    "_smtest_ReadUnmapped:\n"
+    "\tmovl 0x10, %eax\n"
+    "\tret\n");
+constexpr DWORD kReadUnmappedLength = 5;
+
+DWORD pageFaultCode = 0;
+
+LONG CALLBACK RecordPageFault(EXCEPTION_POINTERS *info) {
+    CONTEXT *context = info->ContextRecord;
+    if (context->Eip != reinterpret_cast<DWORD>(&smtest_ReadUnmapped))
+        return EXCEPTION_CONTINUE_SEARCH;
+    pageFaultCode = info->ExceptionRecord->ExceptionCode;
+    context->Eip += kReadUnmappedLength;
+    return EXCEPTION_CONTINUE_EXECUTION;
+}
+
+} // namespace
+
+DWORD PageFaultExceptionCode() {
+    pageFaultCode = 0;
+    PVOID handler = AddVectoredExceptionHandler(1, RecordPageFault);
+    smtest_ReadUnmapped();
+    RemoveVectoredExceptionHandler(handler);
+    return pageFaultCode;
+}
+
+std::string RunMode() {
+    char mode[256];
+    const DWORD length = GetEnvironmentVariableA("SMK_I386_MODE", mode, sizeof mode);
+    return length > 0 && length < sizeof mode ? std::string(mode, length) : std::string();
+}
+
+int RunChildRole(const char *argument, LPTOP_LEVEL_EXCEPTION_FILTER crashFilter) {
+    const std::string role = argument + std::strlen(kChildRolePrefix);
+    if (role == "crash")
+        SetUnhandledExceptionFilter(crashFilter);
+    if (role == "crash" || role == "crash-unfiltered")
+        __builtin_trap();
+    const std::string hold = "hold-twain:";
+    if (role.compare(0, hold.size(), hold) == 0) {
+        const size_t colon = role.find(':', hold.size());
+        if (colon == std::string::npos)
+            return 4;
+        const DWORD ms = std::strtoul(role.substr(hold.size(), colon - hold.size()).c_str(), nullptr, 10);
+        HMODULE twain = LoadLibraryA(TwainPath().c_str());
+        HANDLE event = OpenEventA(EVENT_MODIFY_STATE, FALSE, role.substr(colon + 1).c_str());
+        if (!twain || !event)
+            return 3;
+        SetEvent(event);
+        Sleep(ms);
+        // Reset before the library goes: whoever removes the file after that sees the event reset.
+        ResetEvent(event);
+        CloseHandle(event);
+        FreeLibrary(twain);
+        return 0;
+    }
+    std::fprintf(stderr, "test program: no child role %s\n", role.c_str());
+    return 4;
+}
+
+ChildProgram::ChildProgram(const std::string &role) {
+    char exe[MAX_PATH];
+    char temp[MAX_PATH];
+    char output[MAX_PATH];
+    GetModuleFileNameA(nullptr, exe, sizeof exe);
+    GetTempPathA(sizeof temp, temp);
+    if (!GetTempFileNameA(temp, "smk", 0, output))
+        return;
+    outputPath_ = output;
+    SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
+    HANDLE file = CreateFileA(output, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherited,
+                              CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return;
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = file;
+    startup.hStdError = file;
+    std::string command = std::string("\"") + exe + "\" " + kChildRolePrefix + role;
+    PROCESS_INFORMATION info = {};
+    if (CreateProcessA(exe, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info)) {
+        process_ = info.hProcess;
+        id_ = info.dwProcessId;
+        CloseHandle(info.hThread);
+    }
+    CloseHandle(file);
+}
+
+ChildProgram::~ChildProgram() {
+    if (process_) {
+        if (!Ended(0)) {
+            TerminateProcess(process_, 1);
+            WaitForSingleObject(process_, SMT_TWAIN_WAIT_MS);
+        }
+        CloseHandle(process_);
+    }
+    if (!outputPath_.empty())
+        DeleteFileA(outputPath_.c_str());
+}
+
+bool ChildProgram::Ended(DWORD waitMs) {
+    return process_ && WaitForSingleObject(process_, waitMs) == WAIT_OBJECT_0;
+}
+
+DWORD ChildProgram::ExitCode() const {
+    DWORD code = STILL_ACTIVE;
+    if (process_)
+        GetExitCodeProcess(process_, &code);
+    return code;
+}
+
+std::string ChildProgram::Output() const {
+    std::string text;
+    HANDLE file = CreateFileA(outputPath_.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                              nullptr, OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return text;
+    char buffer[4096];
+    DWORD read = 0;
+    while (ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0)
+        text.append(buffer, read);
+    CloseHandle(file);
+    return text;
 }
 
 std::string DebugIniPath() {

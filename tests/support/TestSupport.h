@@ -21,8 +21,54 @@ std::string WindowsDir();
 std::string TwainPath();
 
 enum class Dsm { Absent, Present, WithoutEntry };
-// Puts the stand-in source manager (or its broken variant) in the Windows directory, or removes it.
+// Puts the stand-in source manager (or its broken variant) in the Windows directory, or removes it. While another
+// process holds the file, it waits for that process to go; when it gives up, it names the holder and stops the test
+// program.
 void InstallDsm(Dsm which);
+// Places `fileName` from the bin directory as TWAIN_32.DLL (NULL: removes it), waiting up to `waitMs` for a process
+// that holds the file. "" on success, else what went wrong and who holds the file.
+std::string PlaceTwainDllOrExplain(const char *fileName, DWORD waitMs);
+// The processes that have TWAIN_32.DLL of the Windows directory loaded, as "name.exe (pid N)", comma-separated;
+// when none has, the other programs running in the prefix.
+std::string TwainDllHolders();
+
+// The exception code that a read of an unmapped address raises in this process: EXCEPTION_ACCESS_VIOLATION where
+// 32-bit code runs natively. qemu-user hands Wine such a fault without its trap number, and Wine then raises
+// EXCEPTION_ILLEGAL_INSTRUCTION, which no handler for page faults catches.
+DWORD PageFaultExceptionCode();
+// How the test command runs 32-bit code, as scripts/wine-prefix found it ("native", "emulated ..."), from the
+// environment wine-run gives; "" outside it.
+std::string RunMode();
+
+// The test bench's child roles: a test program started with kChildRolePrefix + role as its first argument plays that
+// role instead of running tests. Roles: "crash" (ends in an illegal instruction with the test programs' crash
+// filter), "crash-unfiltered" (the same without it), "hold-twain:<ms>:<event>" (loads TWAIN_32.DLL, sets the
+// named event, holds the library for <ms> milliseconds, resets the event and frees the library).
+constexpr char kChildRolePrefix[] = "--smk-child=";
+// What the crash filter of the test programs writes to stderr before the exception's code.
+constexpr char kCrashBanner[] = "test program: unhandled exception";
+int RunChildRole(const char *argument, LPTOP_LEVEL_EXCEPTION_FILTER crashFilter);
+
+// This test program started again in a child role, its stderr in a file.
+class ChildProgram {
+public:
+    explicit ChildProgram(const std::string &role);
+    ~ChildProgram();
+    ChildProgram(const ChildProgram &) = delete;
+    ChildProgram &operator=(const ChildProgram &) = delete;
+    bool Started() const { return process_ != nullptr; }
+    DWORD Id() const { return id_; }
+    // True once it has ended, waiting up to `waitMs`.
+    bool Ended(DWORD waitMs);
+    DWORD ExitCode() const;
+    // What it wrote to stderr so far.
+    std::string Output() const;
+
+private:
+    HANDLE process_ = nullptr;
+    DWORD id_ = 0;
+    std::string outputPath_;
+};
 
 // DEBUGSM.INI in the Windows directory.
 std::string DebugIniPath();
