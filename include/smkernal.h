@@ -281,6 +281,17 @@ SMAPI LONG SMCALL smSetIndex(LONG count, const DWORD *list);
    the image size leaves after the blocks counted before. A failed block leaves *count as it was. */
 SMAPI BOOL SMCALL smReadBlock(BYTE *buffer, DWORD size, DWORD *count);
 
+/* Ordinal 48. Sets the scan frame (DAT_IMAGELAYOUT), the four edges given in the unit of the flag `unit` (SM_UNIT_*;
+   any other value means inches). They are converted to the source's current unit; a source in inches, or in a unit
+   the module does not know, gets them unconverted. Needs an open source. */
+SMAPI LONG SMCALL smSetImageLayout(double left, double top, double right, double bottom, WORD unit);
+/* Ordinal 50. Copies the source's palette (DAT_PALETTE8) into `table`, 256 caller-owned entries of 4 bytes
+   {channel 1, channel 2, channel 3, 0}. Every entry is white {255, 255, 255, 0} first, and those the source does not
+   fill stay so; more than 256 colours answer TWCC_BADVALUE (10) with all 256 white. Needs an open source. */
+SMAPI LONG SMCALL smGetDSPalette(BYTE *table);
+/* Ordinal 63. The width and length in pixels of the image about to be transferred (DAT_IMAGEINFO), both 0 when the
+   source cannot tell. No result. */
+SMAPI void SMCALL smGetImageDim(LONG *width, LONG *length);
 /* Ordinal 62. Fills the snapshot from the getters; always SM_OK (fields of failed queries keep their fall-back). */
 SMAPI LONG SMCALL smGetScanCap(ScanCapRecord *record);
 /* Ordinal 68. Whether the source can scan without showing its own interface (CAP_UICONTROLLABLE). */

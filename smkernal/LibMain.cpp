@@ -219,6 +219,18 @@ LONG WINAPI smGetPendingCount(WORD *count) {
     return theScanModule->GetPendingCount(count);
 }
 
+LONG WINAPI smSetImageLayout(double left, double top, double right, double bottom, WORD unit) {
+    return theScanModule->SetImageLayout(left, top, right, bottom, unit);
+}
+
+LONG WINAPI smGetDSPalette(BYTE *table) {
+    return theScanModule->GetDSPalette(table);
+}
+
+void WINAPI smGetImageDim(LONG *width, LONG *length) {
+    theScanModule->GetImageDim(width, length);
+}
+
 LONG WINAPI smSetThreshold(LONG value, LONG appMin, LONG appMax) {
     return theScanModule->SetThreshold(value, appMin, appMax);
 }

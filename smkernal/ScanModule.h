@@ -185,6 +185,12 @@ public:
     LONG GetPendingCount(WORD *count);
     LONG GetScanCap(ScanCapRecord *record);
 
+    // The scan frame (left, top, right, bottom in the unit flag `unit`), the palette (256 entries of 4 bytes) and
+    // the size of the image about to be transferred.
+    LONG SetImageLayout(double left, double top, double right, double bottom, WORD unit);
+    LONG GetDSPalette(BYTE *table);
+    void GetImageDim(LONG *width, LONG *length);
+
     // The availability gate that opens every session, capability and transfer method: false
     // (after the warning "TWAIN is not available in TScanModule::<method>") when the source
     // manager cannot be loaded.
@@ -243,6 +249,7 @@ private:
                         LONG value, LONG appMin, LONG appMax, const char *badRange);
     LONG GetResolution(const TraceCall &call, TW_UINT16 cap, short *current, short *minimum, short *maximum);
     LONG GetScale(const TraceCall &call, TW_UINT16 cap, double *current, double *minimum, double *maximum);
+    void ResolutionsFor(WORD unit, short *x, short *y);
     // Allocates the transfer buffer: the preferred size, then the minimum, then the maximum.
     bool ChooseBuffer(const TraceCall &call, TGlobalBuffer &buffer, DWORD preferred, DWORD minimum, DWORD maximum);
     void CopyBlock(const TW_IMAGEMEMXFER &block, const TGlobalBuffer &buffer, BYTE *destination, DWORD destinationSize,

@@ -1,5 +1,9 @@
-// Scaling, the end of transfers, the memory-transfer buffer sizes, the pending count and the scan-capability snapshot.
+// Scaling, the end of transfers, the memory-transfer buffer sizes, the pending count, the scan frame, the palette, the
+// image size and the scan-capability snapshot.
 #include "ScanModule.h"
+#include "Utility.h"
+
+#include <cstring>
 
 namespace {
 
@@ -8,6 +12,32 @@ constexpr DWORD kDefaultBufferSize = 0x10000;
 constexpr short kReportedResolution = 300;
 constexpr double kSnapshotDotsPerInch = 1200.0;
 constexpr LONG kSnapshotBitDepth = 8;
+constexpr int kPaletteEntries = 256;
+constexpr BYTE kPaletteWhite[4] = {0xFF, 0xFF, 0xFF, 0x00};
+
+// Units of the application's unit flags per inch; pixels count by the resolution of their axis, and anything else
+// (inches among them) is taken as inches.
+double UnitsPerInch(WORD unit, short resolution) {
+    switch (unit) {
+    case SM_UNIT_CENTIMETERS:
+        return 2.54;
+    case SM_UNIT_PICAS:
+        return 6.0;
+    case SM_UNIT_POINTS:
+        return 72.0;
+    case SM_UNIT_TWIPS:
+        return 1440.0;
+    case SM_UNIT_PIXELS:
+        return resolution;
+    default:
+        return 1.0;
+    }
+}
+
+bool IsInches(WORD unit) {
+    return unit != SM_UNIT_CENTIMETERS && unit != SM_UNIT_PICAS && unit != SM_UNIT_POINTS && unit != SM_UNIT_TWIPS &&
+           unit != SM_UNIT_PIXELS;
+}
 
 // A range's current value and bounds; an enumeration's current item alone, its own minimum and maximum.
 constexpr GetSpec kScale(TW_UINT16 cap) {
@@ -118,6 +148,89 @@ LONG TScanModule::GetPendingCount(WORD *count) {
     }
     *count = pendingCount;
     return 0;
+}
+
+// The X and Y resolutions of the source, when `unit` counts pixels; the getters' other outputs are not needed.
+void TScanModule::ResolutionsFor(WORD unit, short *x, short *y) {
+    if (unit != SM_UNIT_PIXELS)
+        return;
+    short minimum = 0, maximum = 0;
+    GetXResolution(x, &minimum, &maximum);
+    GetYResolution(y, &minimum, &maximum);
+}
+
+// DG_IMAGE / DAT_IMAGELAYOUT / MSG_SET: the frame, given in `unit`, converted to the source's current unit. A
+// source in inches (or in a unit the module does not know) takes the values as they are given.
+LONG TScanModule::SetImageLayout(double left, double top, double right, double bottom, WORD unit) {
+    TraceCall call(kSource, "SetImageLayout", __LINE__, __LINE__);
+    LONG result = 0;
+    if (!AccessorReady(call, result))
+        return result;
+    short xGiven = 0, yGiven = 0;
+    ResolutionsFor(unit, &xGiven, &yGiven);
+    const double xScale = UnitsPerInch(unit, xGiven);
+    const double yScale = UnitsPerInch(unit, yGiven);
+    WORD sourceUnit = 0;
+    GetUnit(&sourceUnit);
+    double xFactor = 1.0, yFactor = 1.0;
+    if (!IsInches(sourceUnit)) {
+        short xSource = 0, ySource = 0;
+        ResolutionsFor(sourceUnit, &xSource, &ySource);
+        xFactor = UnitsPerInch(sourceUnit, xSource) / xScale;
+        yFactor = UnitsPerInch(sourceUnit, ySource) / yScale;
+    }
+    TW_IMAGELAYOUT layout = {};
+    layout.Frame.Left = FloatToFIX32(static_cast<float>(left * xFactor));
+    layout.Frame.Top = FloatToFIX32(static_cast<float>(top * yFactor));
+    layout.Frame.Right = FloatToFIX32(static_cast<float>(right * xFactor));
+    layout.Frame.Bottom = FloatToFIX32(static_cast<float>(bottom * yFactor));
+    if (CallDsm(&sourceIdentity, DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, &layout) != TWRC_SUCCESS) {
+        call.Warn(__LINE__, "DSM_Entry returns failure");
+        return GetTWAINStatusCode();
+    }
+    return 0;
+}
+
+// DG_IMAGE / DAT_PALETTE8 / MSG_GET into the caller's 256 entries of {channel 1, channel 2, channel 3, 0}; the
+// entries the source leaves out, and all of them when it fails, are white.
+LONG TScanModule::GetDSPalette(BYTE *table) {
+    TraceCall call(kSource, "GetDSPalette", __LINE__, __LINE__);
+    LONG result = 0;
+    if (!AccessorReady(call, result))
+        return result;
+    TW_PALETTE8 palette = {};
+    const TW_UINT16 rc = CallDsm(&sourceIdentity, DG_IMAGE, DAT_PALETTE8, MSG_GET, &palette);
+    for (int i = 0; i < kPaletteEntries; ++i)
+        std::memcpy(table + i * sizeof kPaletteWhite, kPaletteWhite, sizeof kPaletteWhite);
+    if (rc != TWRC_SUCCESS) {
+        call.Warn(__LINE__, "DSM_Entry returns failure");
+        return GetTWAINStatusCode();
+    }
+    if (palette.NumColors > kPaletteEntries) {
+        call.Warn(__LINE__, "Bad Value, palette.NumColors > 256,");
+        return TWCC_BADVALUE;
+    }
+    for (int i = 0; i < palette.NumColors; ++i) {
+        BYTE *entry = table + i * sizeof kPaletteWhite;
+        entry[0] = palette.Colors[i].Channel1;
+        entry[1] = palette.Colors[i].Channel2;
+        entry[2] = palette.Colors[i].Channel3;
+        entry[3] = 0;
+    }
+    return 0;
+}
+
+// DG_IMAGE / DAT_IMAGEINFO / MSG_GET: the image's width and length, both 0 when the source cannot tell. No records;
+// without a source manager there is nobody to ask.
+void TScanModule::GetImageDim(LONG *width, LONG *length) {
+    TW_IMAGEINFO info = {};
+    if (dsmEntry && CallDsm(&sourceIdentity, DG_IMAGE, DAT_IMAGEINFO, MSG_GET, &info) == TWRC_SUCCESS) {
+        *width = info.ImageWidth;
+        *length = info.ImageLength;
+        return;
+    }
+    *width = 0;
+    *length = 0;
 }
 
 // Fills the snapshot from the getters; their results are not checked, so a failed getter leaves

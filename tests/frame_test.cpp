@@ -92,7 +92,7 @@ const std::map<int, const char *> kExportTable = {
 };
 
 // The entries of the event filter, the remaining transfers and the scan to file, not built yet.
-const std::set<int> kNotYetBuilt = {2, 48, 50, 51, 63};
+const std::set<int> kNotYetBuilt = {2, 51};
 
 FARPROC ByOrdinal(HMODULE module, int ordinal) {
     return GetProcAddress(module, reinterpret_cast<LPCSTR>(static_cast<ULONG_PTR>(ordinal)));

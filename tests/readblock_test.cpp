@@ -4,8 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "SessionTest.h"
-#include "VscanSupport.h"
+#include "TransferTest.h"
 #include "vscan.h"
 
 using namespace smtest;
@@ -14,73 +13,17 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-// 8.5 x 14 inches at 50 dpi scaled by a quarter: a small RGB page.
-constexpr int kWidth = 106;
-constexpr int kHeight = 175;
-constexpr DWORD kImageBytes = kWidth * kHeight * 3;
+constexpr DWORD kImageBytes = kSmallPageWidth * kSmallPageLength * 3;
 constexpr DWORD kEnded = 0xFFFFFFFF;
 
-class ReadBlockTest : public SessionTest {
+class ReadBlockTest : public TransferTest {
 protected:
     void SetUp() override {
-        SessionTest::SetUp();
-        ASSERT_TRUE(scanner.Load(WindowsDir() + "\\twain_32\\vscan.ds")) << "the installed scanner's controls";
+        TransferTest::SetUp();
         readBlock = library.Get<decltype(readBlock)>("smReadBlock");
         ASSERT_NE(nullptr, readBlock);
     }
-    void TearDown() override {
-        EndTransferAtTheSource();
-        SessionTest::TearDown();
-        scanner.Free();
-    }
-    // Opens the scanner for memory transfers of a small page and enables it without its interface.
-    void StartScan() {
-        ASSERT_EQ(SM_OK, openDS(window, "Block reader"));
-        auto call = [this](const char *name, LONG value) { return library.Get<LONG(WINAPI *)(LONG)>(name)(value); };
-        ASSERT_EQ(SM_OK, call("smSetXferMech", SM_XFER_MEMORY));
-        ASSERT_EQ(SM_OK, call("smSetXResolution", 50));
-        ASSERT_EQ(SM_OK, call("smSetYResolution", 50));
-        ASSERT_EQ(SM_OK, library.Get<LONG(WINAPI *)(double)>("smSetXScale")(0.25));
-        ASSERT_EQ(SM_OK, library.Get<LONG(WINAPI *)(double)>("smSetYScale")(0.25));
-        ASSERT_EQ(SM_OK, enableDS(FALSE, FALSE));
-        DeliverTransferReady();
-        Mark();
-    }
-    // What an application's message loop does: the source's notice goes back to it through the
-    // source manager until it answers MSG_XFERREADY (the module's own event filter is not used here).
-    void DeliverTransferReady() {
-        TW_IDENTITY app = {}, source = {};
-        EnabledPair(app, source);
-        ASSERT_NE(0u, source.Id);
-        const DSMENTRYPROC entry = dsm.Entry();
-        const TW_UINT16 message = WaitForSourceMessage(
-            [&](TW_EVENT &event) { return entry(&app, &source, DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event); },
-            3000);
-        ASSERT_EQ(MSG_XFERREADY, message) << "the source never announced its transfer";
-    }
-    // A test may stop in the middle of an image, and the source, still transferring, would refuse the disable that
-    // closes the session: the transfer is ended there as an application ends it, the images still pending dropped.
-    void EndTransferAtTheSource() {
-        if (!scanner.Module() || scanner.Info().state < VSCAN_STATE_XFERREADY)
-            return;
-        TW_IDENTITY app = {}, source = {};
-        EnabledPair(app, source);
-        const DSMENTRYPROC entry = dsm.Entry();
-        TW_PENDINGXFERS pending = {};
-        if (scanner.Info().state == VSCAN_STATE_XFERRING)
-            entry(&app, &source, DG_CONTROL, DAT_PENDINGXFERS, MSG_ENDXFER, &pending);
-        if (scanner.Info().state == VSCAN_STATE_XFERREADY)
-            entry(&app, &source, DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending);
-        EXPECT_EQ(VSCAN_STATE_ENABLED, scanner.Info().state) << "the source is still in a transfer";
-    }
-    // The identities of the module's MSG_ENABLEDS: its application and the source it enabled.
-    void EnabledPair(TW_IDENTITY &app, TW_IDENTITY &source) const {
-        for (const TdsmCall &call : dsm.Calls())
-            if (call.dat == DAT_USERINTERFACE && call.msg == MSG_ENABLEDS) {
-                app.Id = call.originId;
-                source.Id = call.destId;
-            }
-    }
+    void StartScan() { TransferTest::StartScan(SM_XFER_MEMORY); }
     // The buffer length the module offers the source for the next block, when the caller has `size` bytes.
     TW_UINT32 OfferedLength(DWORD size) {
         std::vector<BYTE> buffer(size);
@@ -131,7 +74,6 @@ protected:
         return out;
     }
 
-    VscanLibrary scanner;
     BOOL(WINAPI *readBlock)(BYTE *, DWORD, DWORD *) = nullptr;
 };
 
@@ -141,10 +83,11 @@ TEST_F(ReadBlockTest, WholeImageArrivesBlockByBlockInRgbOrder) {
     const std::vector<unsigned char> image = ReadAll(4096, &blocks);
     ASSERT_EQ(kImageBytes, image.size());
     EXPECT_GT(blocks, 1) << "a 4096-byte buffer cannot take the page at once";
-    for (int y = 0; y < kHeight; ++y)
-        for (int x = 0; x < kWidth; ++x) {
-            const std::vector<unsigned> expected = ExpectedSamples(Format{}, kWidth, kHeight, 1, x, y);
-            const unsigned char *pixel = &image[(y * kWidth + x) * 3];
+    for (int y = 0; y < kSmallPageLength; ++y)
+        for (int x = 0; x < kSmallPageWidth; ++x) {
+            const std::vector<unsigned> expected =
+                ExpectedSamples(Format{}, kSmallPageWidth, kSmallPageLength, 1, x, y);
+            const unsigned char *pixel = &image[(y * kSmallPageWidth + x) * 3];
             ASSERT_EQ(expected, (std::vector<unsigned>{pixel[0], pixel[1], pixel[2]})) << "pixel " << x << ", " << y;
         }
     EXPECT_EQ((Strings{"DG_CONTROL/DAT_PENDINGXFERS/MSG_ENDXFER -> TWRC_SUCCESS"}), TransferEnds());
@@ -168,7 +111,7 @@ TEST_F(ReadBlockTest, SourceCancelEndsTheImageAndDropsThePending) {
     std::vector<BYTE> buffer(4096);
     DWORD count = 0;
     EXPECT_EQ(0, readBlock(buffer.data(), 4096, &count));
-    EXPECT_EQ(4096u / (kWidth * 3) * (kWidth * 3), count) << "the scanner delivers whole rows";
+    EXPECT_EQ(4096u / (kSmallPageWidth * 3) * (kSmallPageWidth * 3), count) << "the scanner delivers whole rows";
     EXPECT_EQ(1, readBlock(buffer.data(), 4096, &count));
     EXPECT_EQ(kEnded, count);
     // The source, back in state 5 after the end of the image, may refuse the reset; it is sent anyway.
