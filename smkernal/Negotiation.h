@@ -16,6 +16,25 @@ constexpr TW_UINT16 kUnitPoints = 1u << TWUN_POINTS;
 constexpr TW_UINT16 kUnitTwips = 1u << TWUN_TWIPS;
 constexpr TW_UINT16 kUnitPixels = 1u << TWUN_PIXELS;
 
+// Units of the unit flag `unitFlag` in one inch; pixels count by `resolution` (1 when it is not positive), and a flag
+// of no known unit (inches among them) by 1.
+inline double UnitsPerInch(WORD unitFlag, short resolution) {
+    switch (unitFlag) {
+    case kUnitCentimetres:
+        return 2.54;
+    case kUnitPicas:
+        return 6.0;
+    case kUnitPoints:
+        return 72.0;
+    case kUnitTwips:
+        return 1440.0;
+    case kUnitPixels:
+        return resolution > 0 ? resolution : 1.0;
+    default:
+        return 1.0;
+    }
+}
+
 // Containers a get accepts.
 enum AcceptedContainer : unsigned {
     kAcceptOneValue = 1u << 0,

@@ -47,24 +47,6 @@ constexpr SetSpec kImageDataSetList = {
 constexpr SetSpec kImageDataSetOne = {ICAP_IMAGEDATASET, {TWTY_UINT32},         1,
                                       BuildOneValue,     kOneValueBuildFailure, nullptr};
 
-// Units of the source's current unit in one inch, to express its physical size in inches.
-double UnitsPerInch(WORD unitFlag, short xResolution) {
-    switch (unitFlag) {
-    case kUnitCentimetres:
-        return 2.54;
-    case kUnitPicas:
-        return 6.0;
-    case kUnitPoints:
-        return 72.0;
-    case kUnitTwips:
-        return 1440.0;
-    case kUnitPixels:
-        return xResolution > 0 ? xResolution : 1.0;
-    default:
-        return 1.0;
-    }
-}
-
 // The 16-bit codes of the single-bit flags set, for an enumeration of supported values.
 std::vector<TW_UINT16> CodesOf(TW_UINT32 flags, TW_UINT32 reported) {
     std::vector<TW_UINT16> codes;

@@ -15,28 +15,10 @@ constexpr LONG kSnapshotBitDepth = 8;
 constexpr int kPaletteEntries = 256;
 constexpr BYTE kPaletteWhite[4] = {0xFF, 0xFF, 0xFF, 0x00};
 
-// Units of the application's unit flags per inch; pixels count by the resolution of their axis, and anything else
-// (inches among them) is taken as inches.
-double UnitsPerInch(WORD unit, short resolution) {
-    switch (unit) {
-    case SM_UNIT_CENTIMETERS:
-        return 2.54;
-    case SM_UNIT_PICAS:
-        return 6.0;
-    case SM_UNIT_POINTS:
-        return 72.0;
-    case SM_UNIT_TWIPS:
-        return 1440.0;
-    case SM_UNIT_PIXELS:
-        return resolution;
-    default:
-        return 1.0;
-    }
-}
-
-bool IsInches(WORD unit) {
-    return unit != SM_UNIT_CENTIMETERS && unit != SM_UNIT_PICAS && unit != SM_UNIT_POINTS && unit != SM_UNIT_TWIPS &&
-           unit != SM_UNIT_PIXELS;
+// A source in inches, or in a unit the module does not know, takes a frame as it is given.
+bool TakesFramesAsGiven(WORD unit) {
+    return unit != kUnitCentimetres && unit != kUnitPicas && unit != kUnitPoints && unit != kUnitTwips &&
+           unit != kUnitPixels;
 }
 
 // A range's current value and bounds; an enumeration's current item alone, its own minimum and maximum.
@@ -152,7 +134,7 @@ LONG TScanModule::GetPendingCount(WORD *count) {
 
 // The X and Y resolutions of the source, when `unit` counts pixels; the getters' other outputs are not needed.
 void TScanModule::ResolutionsFor(WORD unit, short *x, short *y) {
-    if (unit != SM_UNIT_PIXELS)
+    if (unit != kUnitPixels)
         return;
     short minimum = 0, maximum = 0;
     GetXResolution(x, &minimum, &maximum);
@@ -173,7 +155,7 @@ LONG TScanModule::SetImageLayout(double left, double top, double right, double b
     WORD sourceUnit = 0;
     GetUnit(&sourceUnit);
     double xFactor = 1.0, yFactor = 1.0;
-    if (!IsInches(sourceUnit)) {
+    if (!TakesFramesAsGiven(sourceUnit)) {
         short xSource = 0, ySource = 0;
         ResolutionsFor(sourceUnit, &xSource, &ySource);
         xFactor = UnitsPerInch(sourceUnit, xSource) / xScale;
