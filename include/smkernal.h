@@ -111,6 +111,97 @@ typedef struct ScanCapRecord {
     LONG passThroughTail[2]; /* offsets 96 to 103: never written */
 } ScanCapRecord;
 
+/* Image transfers. The application passes every message of its loop to smIsDSEvent. When the
+   source has images ready, smIsDSEvent transfers all of them before it returns, by the mechanism
+   the source has now (smSetXferMech), sending these notifications to the window given to smOpenDS:
+
+   SM_MSG_XFERSTART  once per image, before it is fetched; lParam: the mechanism's ScanImageInfo.
+                     Call smCancelThisXfer or smCancelAllXfer here to skip the image (or all).
+   SM_MSG_XFERDATA   memory transfers only, once per block; lParam: the ScanBlockInfo.
+   SM_MSG_XFEREND    once per image that had an XferStart; wParam: the image's result (SM_OK,
+                     SM_ERR_SOURCE_CANCEL, SM_ERR_APP_CANCEL, SM_ERR_LOW_MEMORY or a TWAIN condition
+                     code); lParam: the same ScanImageInfo.
+   SM_MSG_CLOSEDSREQ the source asks to be closed, or the images of a source enabled without its
+                     interface are over (a memory transfer whose image failed with condition code 5
+                     sends it twice); call smDisableDS and smCloseDS. wParam and lParam are 0.
+
+   The records are the module's: one per mechanism, overwritten for every image and block, valid
+   until the library is unloaded. What xferTarget points at, by mechanism:
+   - native (SM_XFER_NATIVE): a slot that receives the bitmap's handle (a packed DIB in global
+     memory) once the image is delivered. The handle is yours from then on: free it with
+     GlobalFree. Take it by writing the address of your own HGLOBAL variable into xferTarget during
+     XferStart, or by reading *(HGLOBAL *)xferTarget during XferEnd with wParam SM_OK. Writing NULL
+     into xferTarget during XferStart makes the module free that image's bitmap itself.
+   - file (SM_XFER_FILE): the module's 256-byte file-name buffer. Write the file's name (at most
+     255 characters and the NUL) into it during XferStart; the source writes a BMP file there. The
+     name is used as a wsprintf format, so "%%" stands for one "%" (other directives expand to
+     nothing useful). The buffer keeps the last name for the next image.
+   - memory (SM_XFER_MEMORY): the buffer descriptor, {size, address} of the buffer the source
+     writes each block into. The module fills it with a buffer of its own; write your own buffer's
+     size and address into it (during XferStart or XferData) and the next block goes there (the
+     memory stays yours); clear it and the module's own buffer is used again. The module's own
+     buffer is freed when the transfer ends. */
+
+/* The image about to be transferred (lParam of SM_MSG_XFERSTART and SM_MSG_XFEREND): 46 bytes,
+   packed, little-endian. */
+#pragma pack(push, 1)
+typedef struct ScanImageInfo {
+    short xResolution;      /* offset 0: X resolution in the source's unit, scaled per inch for cm, picas, points,
+                               twips; 0xFFFF (-1) when negative */
+    short yResolution;      /* offset 2: the same for Y */
+    LONG imageWidth;        /* offset 4: pixels */
+    LONG imageLength;       /* offset 8: rows (-1 when the source does not know yet) */
+    short samplesPerPixel;  /* offset 12 */
+    short bitsPerSample[8]; /* offset 14 */
+    short bitsPerPixel;     /* offset 30 */
+    LONG planar;            /* offset 32: 1 when the colour planes come one after the other */
+    WORD pixelTypeFlag;     /* offset 36: SM_PIXEL_*; a pixel type above 8 leaves the previous image's flag */
+    WORD compression;       /* offset 38: TWAIN compression code, 0 for none */
+    WORD mechanism;         /* offset 40: SM_XFER_NATIVE, SM_XFER_FILE or SM_XFER_MEMORY */
+    void *xferTarget;       /* offset 42: handle slot, file-name buffer or buffer descriptor, see above */
+} ScanImageInfo;
+
+/* The buffer a memory transfer's blocks are written into (what ScanImageInfo.xferTarget and
+   ScanBlockInfo.bufferDescriptor point at): 8 bytes. */
+typedef struct SmBufferDescriptor {
+    DWORD size;    /* offset 0: bytes */
+    void *address; /* offset 4 */
+} SmBufferDescriptor;
+
+/* One block of a memory transfer (lParam of SM_MSG_XFERDATA): 74 bytes, packed. Its first 42 bytes
+   are those of the image's ScanImageInfo. RGB pixels arrive blue, green, red (48-bit pixels with
+   their six bytes reversed), 16-bit gray samples with their two bytes exchanged; planar and
+   compressed blocks arrive as the source sent them. */
+typedef struct ScanBlockInfo {
+    short xResolution;      /* offset 0 */
+    short yResolution;      /* offset 2 */
+    LONG imageWidth;        /* offset 4 */
+    LONG imageLength;       /* offset 8 */
+    short samplesPerPixel;  /* offset 12 */
+    short bitsPerSample[8]; /* offset 14 */
+    short bitsPerPixel;     /* offset 30 */
+    LONG planar;            /* offset 32 */
+    WORD pixelTypeFlag;     /* offset 36 */
+    WORD compression;       /* offset 38 */
+    WORD mechanism;         /* offset 40: SM_XFER_MEMORY */
+    DWORD bytesPerRow;      /* offset 42 */
+    DWORD columns;          /* offset 46: pixels in each row of the block */
+    DWORD rows;             /* offset 50: rows in the block (repaired to bytesWritten / bytesPerRow when they
+                               disagree) */
+    DWORD xOffset;          /* offset 54: column of the block's first pixel in the image */
+    DWORD yOffset;          /* offset 58: row of the block's first row in the image */
+    DWORD bytesWritten;     /* offset 62 */
+    LONG rowsAligned;       /* offset 66: 1 when the rows are those of a bitmap (4-byte multiples) */
+    SmBufferDescriptor *bufferDescriptor; /* offset 70: the block's bytes start at bufferDescriptor->address */
+} ScanBlockInfo;
+#pragma pack(pop)
+
+/* Ordinal 2. Passes one message of your loop (thread messages too) to the source. Returns 1 when it
+   was the source's: do not translate or dispatch it. Before smEnableDS it returns 0 and asks
+   nothing. Transfers run inside this call (see above) unless CV_Scan.INI beside your executable
+   says [Settings] SuppressTWAIN=2: the images then stay pending for smReadBlock. */
+SMAPI BOOL SMCALL smIsDSEvent(MSG *message);
+
 /* Ordinal 1. Returns 1 when TWAIN_32.DLL is loaded (loading it now if needed), else 0. */
 SMAPI BOOL SMCALL smIsTWAINAvailable(void);
 

@@ -27,6 +27,10 @@ BOOL WINAPI smIsTWAINAvailable() {
     return theScanModule->IsTWAINAvailable();
 }
 
+BOOL WINAPI smIsDSEvent(MSG *message) {
+    return theScanModule->IsDSEvent(message);
+}
+
 LONG WINAPI smSelectDS(HWND window) {
     return theScanModule->SelectDS(window);
 }

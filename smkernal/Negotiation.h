@@ -35,6 +35,23 @@ inline double UnitsPerInch(WORD unitFlag, short resolution) {
     }
 }
 
+// What a resolution in the unit of `unitFlag` is multiplied by to be reported: 1/2.54, 1/6, 1/72 and 1/1440 for
+// centimetres, picas, points and twips; 1 for inches, pixels and any unknown flag.
+inline double ResolutionFactor(WORD unitFlag) {
+    switch (unitFlag) {
+    case kUnitCentimetres:
+        return 0.39370078740157477;
+    case kUnitPicas:
+        return 1.0 / 6.0;
+    case kUnitPoints:
+        return 1.0 / 72.0;
+    case kUnitTwips:
+        return 1.0 / 1440.0;
+    default:
+        return 1.0;
+    }
+}
+
 // Containers a get accepts.
 enum AcceptedContainer : unsigned {
     kAcceptOneValue = 1u << 0,

@@ -12,6 +12,32 @@ static_assert(sizeof(DisabledWindowList) == 10, "DisabledWindowList is 10 bytes"
 static_assert(offsetof(DisabledWindowList, windowCount) == 4, "DisabledWindowList.windowCount");
 static_assert(offsetof(DisabledWindowList, nextSlot) == 6, "DisabledWindowList.nextSlot");
 
+static_assert(sizeof(ScanImageInfo) == 46, "ScanImageInfo is 46 bytes");
+static_assert(offsetof(ScanImageInfo, imageWidth) == 4, "ScanImageInfo.imageWidth");
+static_assert(offsetof(ScanImageInfo, imageLength) == 8, "ScanImageInfo.imageLength");
+static_assert(offsetof(ScanImageInfo, samplesPerPixel) == 12, "ScanImageInfo.samplesPerPixel");
+static_assert(offsetof(ScanImageInfo, bitsPerSample) == 14, "ScanImageInfo.bitsPerSample");
+static_assert(offsetof(ScanImageInfo, bitsPerPixel) == 30, "ScanImageInfo.bitsPerPixel");
+static_assert(offsetof(ScanImageInfo, planar) == 32, "ScanImageInfo.planar");
+static_assert(offsetof(ScanImageInfo, pixelTypeFlag) == 36, "ScanImageInfo.pixelTypeFlag");
+static_assert(offsetof(ScanImageInfo, compression) == 38, "ScanImageInfo.compression");
+static_assert(offsetof(ScanImageInfo, mechanism) == 40, "ScanImageInfo.mechanism");
+static_assert(offsetof(ScanImageInfo, xferTarget) == 42, "ScanImageInfo.xferTarget");
+
+// The first bytes of a block's record repeat the image's record up to its mechanism.
+constexpr size_t kBlockImageBytes = 42;
+static_assert(sizeof(ScanBlockInfo) == 74, "ScanBlockInfo is 74 bytes");
+static_assert(offsetof(ScanBlockInfo, mechanism) == offsetof(ScanImageInfo, mechanism), "ScanBlockInfo image part");
+static_assert(offsetof(ScanBlockInfo, bytesPerRow) == kBlockImageBytes, "ScanBlockInfo.bytesPerRow");
+static_assert(offsetof(ScanBlockInfo, columns) == 46, "ScanBlockInfo.columns");
+static_assert(offsetof(ScanBlockInfo, rows) == 50, "ScanBlockInfo.rows");
+static_assert(offsetof(ScanBlockInfo, xOffset) == 54, "ScanBlockInfo.xOffset");
+static_assert(offsetof(ScanBlockInfo, yOffset) == 58, "ScanBlockInfo.yOffset");
+static_assert(offsetof(ScanBlockInfo, bytesWritten) == 62, "ScanBlockInfo.bytesWritten");
+static_assert(offsetof(ScanBlockInfo, rowsAligned) == 66, "ScanBlockInfo.rowsAligned");
+static_assert(offsetof(ScanBlockInfo, bufferDescriptor) == 70, "ScanBlockInfo.bufferDescriptor");
+static_assert(sizeof(SmBufferDescriptor) == 8, "SmBufferDescriptor is 8 bytes");
+
 static_assert(sizeof(ScanCapRecord) == 104, "ScanCapRecord is 104 bytes");
 static_assert(offsetof(ScanCapRecord, reserved) == 56, "ScanCapRecord.reserved");
 static_assert(offsetof(ScanCapRecord, maxXResolution) == 60, "ScanCapRecord.maxXResolution");
@@ -76,6 +102,13 @@ public:
     void *data;
 };
 
+// The source's memory-transfer buffer sizes, as GetMemXferSize repairs them.
+struct BufferSizes {
+    DWORD minimum;
+    DWORD maximum;
+    DWORD preferred;
+};
+
 class TScanModule {
 public:
     explicit TScanModule(HINSTANCE instance);
@@ -90,6 +123,20 @@ public:
     BOOL IsTWAINLoaded();
     void UnloadTWAIN();
     BOOL IsTWAINAvailable();
+
+    // The event filter: the source sees every message of the application's loop; its transfer-ready event runs the
+    // transfer of all pending images by the mechanism the source has, its close request goes to the application.
+    BOOL IsDSEvent(MSG *message);
+    bool TransfersSuppressed();
+    void ProcessScanImage();
+    // The transfer loops, one pass per pending image, each image announced and ended with a notification.
+    void DoNativeXfer();
+    void DoFileXfer();
+    void DoMemXfer();
+    // The scan-to-file driver's handling of a transfer-ready event (while scanToFileActive is set).
+    void ProcessZephraScanImage();
+    // Bytes of one row of a device-independent bitmap of the image: its bits rounded up to whole 4-byte words.
+    DWORD ImageBytesPerRow(const TW_IMAGEINFO *info);
 
     // Cancel requests from the application's notification handlers.
     void CancelThisXfer();
@@ -252,6 +299,20 @@ private:
     void ResolutionsFor(WORD unit, short *x, short *y);
     // Allocates the transfer buffer: the preferred size, then the minimum, then the maximum.
     bool ChooseBuffer(const TraceCall &call, TGlobalBuffer &buffer, DWORD preferred, DWORD minimum, DWORD maximum);
+    // The native and file loops: `fetch` gets one announced image and answers its result.
+    using FetchImage = LONG (TScanModule::*)(const TraceCall &call, ScanImageInfo &record);
+    void TransferImages(const TraceCall &call, ScanImageInfo &record, WORD mechanism, void *target, FetchImage fetch);
+    LONG FetchNative(const TraceCall &call, ScanImageInfo &record);
+    LONG FetchFile(const TraceCall &call, ScanImageInfo &record);
+    LONG FetchFailed(const TraceCall &call, TW_UINT16 rc);
+    // One image of the memory transfer: its announcement and its blocks; `announced` tells whether XferStart went out.
+    LONG TransferMemImage(const TraceCall &call, TGlobalBuffer &own, const BufferSizes &sizes, bool &announced);
+    // The buffer of the next block: the descriptor's when it names one, else the module's own (made when missing).
+    bool TakeBuffer(const TraceCall &call, TGlobalBuffer &own, const BufferSizes &sizes);
+    // The row repair and the in-place sample swaps of one uncompressed block; false when the block does not fit its
+    // buffer.
+    bool ProcessBlock(const TraceCall &call, TW_IMAGEMEMXFER &block, DWORD bitmapRowBytes);
+    void FillImageRecord(ScanImageInfo &record, const TW_IMAGEINFO &info, WORD mechanism, void *target);
     void CopyBlock(const TW_IMAGEMEMXFER &block, const TGlobalBuffer &buffer, BYTE *destination, DWORD destinationSize,
                    DWORD *count);
     void InitAppIdentity(HINSTANCE instance);

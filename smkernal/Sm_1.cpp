@@ -1,4 +1,4 @@
-// Scan module construction and destruction, the global buffer, source-manager loading and the cancel flags.
+// Scan module construction and destruction, the global buffer, source-manager loading, the event filter, cancel flags.
 #include <cstring>
 
 #include "ScanModule.h"
@@ -11,6 +11,9 @@ const char kDefaultTitle[] = "Calvex Scan Module";
 const char kTwainLibrary[] = "TWAIN_32.DLL";
 // The string resources are loaded into buffers of this many characters.
 constexpr int kResourceTextSize = 256;
+// The settings file beside the application's executable, and the SuppressTWAIN value that keeps transfers pending.
+const char kSuppressSettingsFile[] = "CV_Scan.INI";
+constexpr UINT kSuppressTransfers = 2;
 
 } // namespace
 
@@ -206,4 +209,62 @@ void TScanModule::CancelThisXfer() {
 void TScanModule::CancelAllXfer() {
     cancelThisXfer = TRUE;
     cancelAllXfer = TRUE;
+}
+
+// DG_CONTROL / DAT_EVENT / MSG_PROCESSEVENT: the source sees the message; its transfer-ready event runs the transfers
+// (or, during a scan to file, the scan to file's processing), its close request goes to the application.
+BOOL TScanModule::IsDSEvent(MSG *message) {
+    if (sessionState < kStateSourceEnabled)
+        return FALSE;
+    TW_EVENT event = {message, MSG_NULL};
+    const TW_UINT16 rc = CallDsm(&sourceIdentity, DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event);
+    switch (event.TWMessage) {
+    case MSG_XFERREADY:
+        TraceRecord(TraceLevel::Trace, kSource, __LINE__, "Coming TScanModule::IsDSEvent capturing MSG_XFERREADY");
+        if (scanToFileActive)
+            ProcessZephraScanImage();
+        else if (!TransfersSuppressed())
+            ProcessScanImage();
+        TraceRecord(TraceLevel::Trace, kSource, __LINE__, "Leaving TScanModule::IsDSEvent capturing MSG_XFERREADY");
+        break;
+    case MSG_CLOSEDSREQ:
+        TraceRecord(TraceLevel::Trace, kSource, __LINE__, "Coming TScanModule::IsDSEvent capturing MSG_CLOSEDSREQ");
+        if (scanToFileActive) {
+            DisableDS();
+            CloseDS();
+            SendMessageA(parentWindow, msgScanToFileDSClosed, 0, 0);
+        } else {
+            SendMessageA(parentWindow, msgCloseDSReq, 0, 0);
+        }
+        TraceRecord(TraceLevel::Trace, kSource, __LINE__, "Leaving TScanModule::IsDSEvent capturing MSG_CLOSEDSREQ");
+        break;
+    default:
+        break;
+    }
+    return rc == TWRC_DSEVENT;
+}
+
+// [Settings] SuppressTWAIN=2 in CV_Scan.INI beside the application's executable leaves the images pending for the
+// application (smReadBlock); any other value, or no file, lets the module transfer them.
+bool TScanModule::TransfersSuppressed() {
+    char path[MAX_PATH + sizeof kSuppressSettingsFile] = "";
+    GetModuleFileNameA(nullptr, path, MAX_PATH);
+    char *slash = std::strrchr(path, '\\');
+    char *name = slash ? slash + 1 : path;
+    lstrcpyA(name, kSuppressSettingsFile);
+    return GetPrivateProfileIntA("Settings", "SuppressTWAIN", 0, path) == kSuppressTransfers;
+}
+
+// The transfer of every pending image by the mechanism the source has now (not the one the module last set).
+void TScanModule::ProcessScanImage() {
+    TraceCall call(kSource, "ProcessScanImage", __LINE__, __LINE__);
+    // A failed query leaves no mechanism the loops know, and the memory transfer runs.
+    WORD mechanism = 0;
+    GetXferMech(&mechanism);
+    if (mechanism == kMechNative)
+        DoNativeXfer();
+    else if (mechanism == kMechFile)
+        DoFileXfer();
+    else
+        DoMemXfer();
 }

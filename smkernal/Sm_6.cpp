@@ -42,23 +42,8 @@ constexpr GetSpec kResolution(TW_UINT16 cap) {
     return {cap, kGetThenCurrent, kAcceptAny, kReadCurrentAndBounds, AsIs, 0, ItemOrder::Fix32};
 }
 
-// The factor each resolution is multiplied by, chosen by the source's unit flag. It divides
-// rather than converts a per-unit density; applications rely on these numbers as they are.
-double ResolutionFactor(WORD unitFlag) {
-    switch (unitFlag) {
-    case kUnitCentimetres:
-        return 0.39370078740157477;
-    case kUnitPicas:
-        return 1.0 / 6.0;
-    case kUnitPoints:
-        return 1.0 / 72.0;
-    case kUnitTwips:
-        return 1.0 / 1440.0;
-    default:
-        return 1.0;
-    }
-}
-
+// A resolution times the factor of the source's unit. The factor divides rather than converts a per-unit density;
+// applications rely on these numbers as they are.
 short Scaled(TW_UINT32 bits, double factor) {
     return static_cast<short>(static_cast<int>(Fix32Value(bits) * factor));
 }

@@ -1,27 +1,50 @@
-// Application-driven transfers: the transfer buffer and its descriptor, and the block reader behind smReadBlock.
+// Transfers: the native, file and memory loops that the event filter runs, the transfer buffer and its descriptor,
+// and the block reader behind smReadBlock.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 #include "ScanModule.h"
+#include "Utility.h"
 
 namespace {
 
 const char kSource[] = SM_SOURCE("Sm_8");
 // The memory transfer's name, which the buffer records carry for both of its forms.
 const char kMemoryTransfer[] = "DoMemXfer";
+// The close request after a native or a file transfer names the native loop in both.
+const char kNativeTransfer[] = "DoNativeXfer";
 // One maker's sources want blocks of at least their minimum size.
 const char kBlockSizeMaker[] = "EPSON";
 constexpr TW_UINT32 kAppOwnedPointer = TWMF_APPOWNS | TWMF_POINTER;
 constexpr int kGrayBytes = 1;
 constexpr int kRgbBytes = 3;
+// Results of an image that a notification reports besides the condition codes.
+constexpr LONG kSourceCancelled = -4;
+constexpr LONG kAppCancelled = -5;
+// What pendingCount reads outside the end message of a memory transfer.
+constexpr WORD kNoPendingCount = 9999;
+// The file-name buffer the application writes into, and the longest name a TW_SETUPFILEXFER takes.
+constexpr int kFileNameSize = 256;
+// wsprintf writes at most this many characters.
+constexpr int kFormattedSize = 1024;
+// Arguments for the directives a file name may hold when it is expanded as a format: zeros (NULL strings) for
+// every directive that fits in a name, so that nothing unpassed is ever read.
+constexpr int kHarmlessArguments = kFileNameSize;
 
 // The size and address of the transfer buffer; the application may put its own buffer here.
-struct BufferDescriptor {
-    DWORD size;
-    void *address;
-};
-BufferDescriptor bufferDescriptor;
+SmBufferDescriptor bufferDescriptor;
+
+// Each mechanism's record of the image being transferred, and the block record of the memory transfer.
+ScanImageInfo nativeImage;
+ScanImageInfo fileImage;
+ScanImageInfo memoryImage;
+ScanBlockInfo memoryBlock;
+// The source's bitmap handle, and the slot the application reads it from unless it points elsewhere.
+TW_UINT32 nativeBitmap;
+HGLOBAL nativeHandleSlot;
+// The application's name of the file the source is to write.
+char fileNameBuffer[kFileNameSize];
 
 // The block reader's state, kept from call to call until an image ends: bytes per pixel (0 before
 // the first block of an image) and the source's buffer sizes read at that first block.
@@ -29,6 +52,32 @@ int readBlockBytesPerPixel = 0;
 DWORD readBlockMin = 0;
 DWORD readBlockMax = 0;
 DWORD readBlockPreferred = 0;
+
+// A resolution as the record keeps it: truncated toward zero to 16 bits, a negative one as 0xFFFF.
+short RecordedResolution(double value) {
+    if (value < 0)
+        return static_cast<short>(0xFFFF);
+    return static_cast<short>(static_cast<LONG>(value));
+}
+
+bool IsPlainPixelFlag(WORD flag) {
+    return flag == SM_PIXEL_BW || flag == SM_PIXEL_GRAY || flag == SM_PIXEL_RGB || flag == SM_PIXEL_PALETTE;
+}
+
+// Reverses each `width`-byte group of the first `count` groups at `bytes`.
+void ReverseGroups(BYTE *bytes, DWORD count, int width) {
+    for (DWORD i = 0; i < count; ++i)
+        std::reverse(bytes + i * width, bytes + (i + 1) * width);
+}
+
+// The file name as the source is to get it: the application's text used as a wsprintf format (a "%%" becomes "%"),
+// its directives given zeros, cut to what a TW_STR255 holds.
+void ExpandFileName(const char *name, char *out) {
+    static const DWORD zeros[kHarmlessArguments] = {};
+    char expanded[kFormattedSize + 1] = "";
+    wvsprintfA(expanded, name, reinterpret_cast<va_list>(const_cast<DWORD *>(zeros)));
+    lstrcpynA(out, expanded, kFileNameSize);
+}
 
 } // namespace
 
@@ -135,4 +184,271 @@ LONG TScanModule::ReadBlock(BYTE *destination, DWORD destinationSize, DWORD *cou
         EndAllXfer();
     }
     return result;
+}
+
+// The record of an image from the source's DAT_IMAGEINFO; resolutions times the factor of the source's unit. A pixel
+// type the record has no flag for leaves the previous image's flag.
+void TScanModule::FillImageRecord(ScanImageInfo &record, const TW_IMAGEINFO &info, WORD mechanism, void *target) {
+    WORD unit = kUnitInches;
+    GetUnit(&unit);
+    const double factor = ResolutionFactor(unit);
+    record.xResolution = RecordedResolution(FIX32ToFloat(info.XResolution) * factor);
+    record.yResolution = RecordedResolution(FIX32ToFloat(info.YResolution) * factor);
+    record.imageWidth = info.ImageWidth;
+    record.imageLength = info.ImageLength;
+    record.samplesPerPixel = info.SamplesPerPixel;
+    for (int i = 0; i < 8; ++i)
+        record.bitsPerSample[i] = info.BitsPerSample[i];
+    record.bitsPerPixel = info.BitsPerPixel;
+    record.planar = info.Planar;
+    if (info.PixelType >= TWPT_BW && info.PixelType <= TWPT_CIEXYZ)
+        record.pixelTypeFlag = static_cast<WORD>(1u << info.PixelType);
+    record.compression = info.Compression;
+    record.mechanism = mechanism;
+    record.xferTarget = target;
+}
+
+// The loop the native and the file transfer share: each pending image announced, fetched (unless the application
+// cancels it) and ended; a source without its interface is asked to be closed afterwards.
+void TScanModule::TransferImages(const TraceCall &call, ScanImageInfo &record, WORD mechanism, void *target,
+                                 FetchImage fetch) {
+    WORD count = 0;
+    do {
+        cancelThisXfer = FALSE;
+        cancelAllXfer = FALSE;
+        TW_IMAGEINFO info = {};
+        if (CallDsm(&sourceIdentity, DG_IMAGE, DAT_IMAGEINFO, MSG_GET, &info) != TWRC_SUCCESS) {
+            call.Warn(__LINE__, "Error in get DAT_IMAGEINFO");
+        } else {
+            FillImageRecord(record, info, mechanism, target);
+            call.NoteIn(__LINE__, "Send WM_XFERSTART");
+            SendMessageA(parentWindow, msgXferStart, 0, reinterpret_cast<LPARAM>(&record));
+            LONG result = kAppCancelled;
+            if (cancelThisXfer || cancelAllXfer)
+                call.Warn(__LINE__, "AP cancel image xfer");
+            else
+                result = (this->*fetch)(call, record);
+            SendMessageA(parentWindow, msgXferEnd, static_cast<WPARAM>(result), reinterpret_cast<LPARAM>(&record));
+        }
+        EndThisXfer(&count);
+        if (cancelAllXfer) {
+            EndAllXfer();
+            break;
+        }
+    } while (count != 0);
+    if (!showUI) {
+        call.NoteAs(__LINE__, "Send WM_CLOSEDSREQ", kNativeTransfer);
+        SendMessageA(parentWindow, msgCloseDSReq, 0, 0);
+    }
+}
+
+// A fetch the source cancelled or refused.
+LONG TScanModule::FetchFailed(const TraceCall &call, TW_UINT16 rc) {
+    if (rc == TWRC_CANCEL) {
+        call.Warn(__LINE__, "Image xfer canceled");
+        return kSourceCancelled;
+    }
+    call.Warn(__LINE__, "Image xfer error");
+    return GetTWAINStatusCode();
+}
+
+// DG_IMAGE / DAT_IMAGENATIVEXFER / MSG_GET: the bitmap goes where the record's target points, or is freed when the
+// application cleared the target.
+LONG TScanModule::FetchNative(const TraceCall &call, ScanImageInfo &record) {
+    call.NoteIn(__LINE__, "MSG_GET DAT_IMAGENATIVEXFER");
+    const TW_UINT16 rc = CallDsm(&sourceIdentity, DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &nativeBitmap);
+    if (rc != TWRC_XFERDONE)
+        return FetchFailed(call, rc);
+    // Written on every delivered image, as it always has been; viewers of old traces know it so.
+    call.Warn(__LINE__, "MSG_GET DAT_IMAGENATIVEXFER error");
+    const HGLOBAL bitmap = reinterpret_cast<HGLOBAL>(static_cast<UINT_PTR>(nativeBitmap));
+    if (!record.xferTarget)
+        GlobalFree(bitmap);
+    else
+        *static_cast<HGLOBAL *>(record.xferTarget) = bitmap;
+    return 0;
+}
+
+// DG_CONTROL / DAT_SETUPFILEXFER / MSG_SET with the application's file name as a BMP, then
+// DG_IMAGE / DAT_IMAGEFILEXFER / MSG_GET.
+LONG TScanModule::FetchFile(const TraceCall &call, ScanImageInfo &) {
+    TW_SETUPFILEXFER setup = {};
+    fileNameBuffer[kFileNameSize - 1] = '\0';
+    ExpandFileName(fileNameBuffer, setup.FileName);
+    setup.Format = TWFF_BMP;
+    call.NoteIn(__LINE__, "MSG_SET DAT_SETUPFILEXFER");
+    if (CallDsm(&sourceIdentity, DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup) != TWRC_SUCCESS) {
+        call.Warn(__LINE__, "MSG_SET DAT_SETUPFILEXFER error");
+        return GetTWAINStatusCode();
+    }
+    call.Note(__LINE__, "Get image by DAT_IMAGEFILEXFER");
+    const TW_UINT16 rc = CallDsm(&sourceIdentity, DG_IMAGE, DAT_IMAGEFILEXFER, MSG_GET, nullptr);
+    return rc == TWRC_XFERDONE ? 0 : FetchFailed(call, rc);
+}
+
+void TScanModule::DoNativeXfer() {
+    TraceCall call(kSource, "DoNativeXfer", __LINE__, __LINE__);
+    // Each image starts with the module's own slot as the target; the application may point it elsewhere.
+    nativeHandleSlot = nullptr;
+    TransferImages(call, nativeImage, kMechNative, &nativeHandleSlot, &TScanModule::FetchNative);
+}
+
+void TScanModule::DoFileXfer() {
+    TraceCall call(kSource, "DoFileXfer", __LINE__, __LINE__);
+    TransferImages(call, fileImage, kMechFile, fileNameBuffer, &TScanModule::FetchFile);
+}
+
+bool TScanModule::TakeBuffer(const TraceCall &call, TGlobalBuffer &own, const BufferSizes &sizes) {
+    if (bufferDescriptor.size && bufferDescriptor.address)
+        return true;
+    if (own.data) {
+        bufferDescriptor = {own.size, own.data};
+        return true;
+    }
+    return ChooseBuffer(call, own, sizes.preferred, sizes.minimum, sizes.maximum);
+}
+
+// The rows of an uncompressed block of a plain pixel type are repaired to what its bytes hold; chunky RGB arrives
+// blue first (48-bit pixels reversed whole) and 16-bit gray with its bytes exchanged, in place. A source whose block
+// claims more than its buffer holds is refused before anything is touched.
+bool TScanModule::ProcessBlock(const TraceCall &call, TW_IMAGEMEMXFER &block, DWORD bitmapRowBytes) {
+    if (block.BytesWritten > bufferDescriptor.size) {
+        call.Warn(__LINE__, "Bad Value, BytesWritten > buffer size,");
+        return false;
+    }
+    if (memoryImage.compression != TWCP_NONE)
+        return true;
+    call.NoteIn(__LINE__, "Process memory buffer");
+    if (IsPlainPixelFlag(memoryImage.pixelTypeFlag) &&
+        (block.Rows * block.BytesPerRow != block.BytesWritten || block.Rows * bitmapRowBytes != block.BytesWritten)) {
+        call.NoteIn(__LINE__, "not 4-byte align");
+        // A source that gives no row length has no whole rows to offer.
+        block.Rows = block.BytesPerRow ? block.BytesWritten / block.BytesPerRow : 0;
+    }
+    if (memoryImage.planar)
+        return true;
+    int width = 0;
+    if (memoryImage.pixelTypeFlag == SM_PIXEL_RGB && memoryImage.bitsPerPixel == 24) {
+        width = 3;
+        call.Note(__LINE__, "Swap R,G data in TScanModuke::DoMemXfer");
+    } else if (memoryImage.pixelTypeFlag == SM_PIXEL_RGB && memoryImage.bitsPerPixel == 48) {
+        width = 6;
+        call.Note(__LINE__, "Swap R,G data in TScanModuke::DoMemXfer");
+    } else if (memoryImage.pixelTypeFlag == SM_PIXEL_GRAY && memoryImage.bitsPerPixel == 16) {
+        width = 2;
+        call.Note(__LINE__, "Swap hi-byte & lo-byte data in TScanModuke::DoMemXfer");
+    }
+    if (width == 0)
+        return true;
+    BYTE *bytes = static_cast<BYTE *>(bufferDescriptor.address);
+    const unsigned long long rowBytes = static_cast<unsigned long long>(block.Columns) * width;
+    for (DWORD row = 0; row < block.Rows; ++row) {
+        const unsigned long long start = static_cast<unsigned long long>(row) * block.BytesPerRow;
+        if (start + rowBytes > bufferDescriptor.size) {
+            call.Warn(__LINE__, "Bad Value, row beyond the buffer, swap stopped,");
+            break;
+        }
+        ReverseGroups(bytes + start, block.Columns, width);
+    }
+    return true;
+}
+
+// One image of the memory transfer: announced, then its blocks fetched into the descriptor's buffer, processed and
+// handed to the application one by one.
+LONG TScanModule::TransferMemImage(const TraceCall &call, TGlobalBuffer &own, const BufferSizes &sizes,
+                                   bool &announced) {
+    announced = false;
+    TW_IMAGEINFO info = {};
+    if (CallDsm(&sourceIdentity, DG_IMAGE, DAT_IMAGEINFO, MSG_GET, &info) != TWRC_SUCCESS) {
+        call.Warn(__LINE__, "Error in get DAT_IMAGEINFO");
+        return 0;
+    }
+    FillImageRecord(memoryImage, info, kMechMemory, &bufferDescriptor);
+    call.NoteIn(__LINE__, "Send WM_XFERSTART");
+    SendMessageA(parentWindow, msgXferStart, 0, reinterpret_cast<LPARAM>(&memoryImage));
+    announced = true;
+    if (cancelThisXfer || cancelAllXfer) {
+        call.Warn(__LINE__, "AP cancel image xfer");
+        return kAppCancelled;
+    }
+    if (!TakeBuffer(call, own, sizes))
+        return TWCC_LOWMEMORY;
+    call.NoteIn(__LINE__, "Do while-loop to get image data");
+    for (;;) {
+        TW_IMAGEMEMXFER block = {};
+        block.Memory = {kAppOwnedPointer, bufferDescriptor.size, bufferDescriptor.address};
+        call.NoteIn(__LINE__, "MSG_GET DAT_IMAGEMEMXFER");
+        const TW_UINT16 rc = CallDsm(&sourceIdentity, DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &block);
+        if (rc == TWRC_CANCEL) {
+            call.Warn(__LINE__, "image xfer canceled");
+            SetForegroundWindow(parentWindow);
+            return kSourceCancelled;
+        }
+        if (rc != TWRC_SUCCESS && rc != TWRC_XFERDONE) {
+            call.Warn(__LINE__, "Image xfer error");
+            return GetTWAINStatusCode();
+        }
+        const DWORD bitmapRowBytes = ImageBytesPerRow(&info);
+        if (!ProcessBlock(call, block, bitmapRowBytes))
+            return TWCC_BADVALUE;
+        std::memcpy(&memoryBlock, &memoryImage, kBlockImageBytes);
+        memoryBlock.bytesPerRow = block.BytesPerRow;
+        memoryBlock.columns = block.Columns;
+        memoryBlock.rows = block.Rows;
+        memoryBlock.xOffset = block.XOffset;
+        memoryBlock.yOffset = block.YOffset;
+        memoryBlock.bytesWritten = block.BytesWritten;
+        memoryBlock.rowsAligned = memoryImage.compression == TWCP_NONE && IsPlainPixelFlag(memoryImage.pixelTypeFlag) &&
+                                  bitmapRowBytes == block.BytesPerRow;
+        memoryBlock.bufferDescriptor = &bufferDescriptor;
+        call.NoteIn(__LINE__, "Send WM_XFERDATA");
+        SendMessageA(parentWindow, msgXferData, 0, reinterpret_cast<LPARAM>(&memoryBlock));
+        if (cancelThisXfer || cancelAllXfer)
+            return kAppCancelled;
+        if (rc == TWRC_XFERDONE) {
+            SetForegroundWindow(parentWindow);
+            return 0;
+        }
+        if (!TakeBuffer(call, own, sizes))
+            return TWCC_LOWMEMORY;
+    }
+}
+
+// Every pending image by memory transfer. It writes no exit record: viewers show the calls after it one level deeper.
+void TScanModule::DoMemXfer() {
+    TraceCall call(kSource, "DoMemXfer", __LINE__, 0);
+    call.NoExit();
+    TGlobalBuffer own(0);
+    pendingCount = kNoPendingCount;
+    WORD count = 0;
+    LONG result = 0;
+    do {
+        BufferSizes sizes = {};
+        GetMemXferSize(&sizes.minimum, &sizes.maximum, &sizes.preferred);
+        cancelThisXfer = FALSE;
+        cancelAllXfer = FALSE;
+        bool announced = false;
+        result = TransferMemImage(call, own, sizes, announced);
+        EndThisXfer(&count);
+        pendingCount = count;
+        if (announced)
+            SendMessageA(parentWindow, msgXferEnd, static_cast<WPARAM>(result), reinterpret_cast<LPARAM>(&memoryImage));
+        pendingCount = kNoPendingCount;
+        if (result == TWCC_OPERATIONERROR) {
+            EndAllXfer();
+            SendMessageA(parentWindow, msgCloseDSReq, 0, 0);
+            break;
+        }
+        if (cancelAllXfer) {
+            EndAllXfer();
+            break;
+        }
+    } while (count != 0);
+    if (!showUI || result == TWCC_OPERATIONERROR) {
+        call.NoteIn(__LINE__, "Send SM_CLOSEDSREQ");
+        SendMessageA(parentWindow, msgCloseDSReq, 0, 0);
+    }
+    // The module's own buffer is freed now; a descriptor naming it would point at nothing.
+    if (own.data && bufferDescriptor.address == own.data)
+        bufferDescriptor = {};
 }

@@ -64,6 +64,8 @@ public:
 
     // Writes the exit record now; `line` 0 takes the exit line given at construction.
     void Leave(int line = 0);
+    // No exit record at all, for the one method that never writes it (the viewer's depth then stays raised).
+    void NoExit() { left_ = true; }
     // "Warning " record "<what> in <scope><method>".
     void Warn(int line, const char *what) const;
     // "Warning " record "<what> in <scope><name>", for texts that spell the method's name otherwise.

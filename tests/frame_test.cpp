@@ -91,8 +91,8 @@ const std::map<int, const char *> kExportTable = {
     {100, "DisableWnds"},
 };
 
-// The entries of the event filter, the remaining transfers and the scan to file, not built yet.
-const std::set<int> kNotYetBuilt = {2, 51};
+// The entry of the scan to file, not built yet.
+const std::set<int> kNotYetBuilt = {51};
 
 FARPROC ByOrdinal(HMODULE module, int ordinal) {
     return GetProcAddress(module, reinterpret_cast<LPCSTR>(static_cast<ULONG_PTR>(ordinal)));
