@@ -165,6 +165,8 @@ LONG TScanModule::ReadBlock(BYTE *destination, DWORD destinationSize, DWORD *cou
         }
     }
     buffer.Free();
+    // The reader's buffer is gone; a descriptor naming it would mislead the next transfer.
+    bufferDescriptor = {};
     if (rc == TWRC_SUCCESS || rc == TWRC_XFERDONE) {
         if (cancelThisXfer || cancelAllXfer) {
             result = -5;
@@ -221,6 +223,8 @@ void TScanModule::TransferImages(const TraceCall &call, ScanImageInfo &record, W
             call.Warn(__LINE__, "Error in get DAT_IMAGEINFO");
         } else {
             FillImageRecord(record, info, mechanism, target);
+            // The module's handle slot holds nothing until this image is delivered.
+            nativeHandleSlot = nullptr;
             call.NoteIn(__LINE__, "Send WM_XFERSTART");
             SendMessageA(parentWindow, msgXferStart, 0, reinterpret_cast<LPARAM>(&record));
             LONG result = kAppCancelled;
@@ -289,7 +293,6 @@ LONG TScanModule::FetchFile(const TraceCall &call, ScanImageInfo &) {
 void TScanModule::DoNativeXfer() {
     TraceCall call(kSource, "DoNativeXfer", __LINE__, __LINE__);
     // Each image starts with the module's own slot as the target; the application may point it elsewhere.
-    nativeHandleSlot = nullptr;
     TransferImages(call, nativeImage, kMechNative, &nativeHandleSlot, &TScanModule::FetchNative);
 }
 
