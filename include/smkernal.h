@@ -365,7 +365,10 @@ SMAPI LONG SMCALL smSetIndex(LONG count, const DWORD *list);
 /* What smReadBlock leaves in *count once the image is over. */
 #define SM_IMAGE_ENDED 0xFFFFFFFFu
 /* Ordinal 61. Reads one block of the pending image (TWAIN state 6 or 7, after the transfer-ready
-   event) into `buffer`, at most `size` bytes, rows packed without padding. Returns 0 while bytes
+   event) into `buffer`, rows packed without padding. The source is asked for at most `size` bytes.
+   Unpadded blocks are cut to `size` (the rest of that block is lost); padded rows are copied one
+   by one while fewer than `size` bytes were copied, and a row once started is copied whole, so
+   `buffer` must hold `size` bytes plus one row (RGB: 3 bytes a pixel, else 1). Returns 0 while bytes
    were delivered (*count says how many) and 1 once *count is SM_IMAGE_ENDED: the image ended, was
    cancelled or failed; the next call starts the next pending image. The call that reports the end
    of an image also delivers its last block: those bytes are in `buffer`, and their number is what

@@ -18,6 +18,22 @@ _Static_assert(offsetof(ScanCapRecord, maxXResolution) == 60, "maxXResolution at
 _Static_assert(offsetof(ScanCapRecord, bitDepth) == 72, "bitDepth at 72");
 _Static_assert(offsetof(ScanCapRecord, memXferSize) == 92, "memXferSize at 92");
 
+_Static_assert(sizeof(ScanImageInfo) == 46, "ScanImageInfo is 46 bytes");
+_Static_assert(offsetof(ScanImageInfo, samplesPerPixel) == 12, "samplesPerPixel at 12");
+_Static_assert(offsetof(ScanImageInfo, bitsPerPixel) == 30, "bitsPerPixel at 30");
+_Static_assert(offsetof(ScanImageInfo, planar) == 32, "planar at 32");
+_Static_assert(offsetof(ScanImageInfo, pixelTypeFlag) == 36, "pixelTypeFlag at 36");
+_Static_assert(offsetof(ScanImageInfo, mechanism) == 40, "mechanism at 40");
+_Static_assert(offsetof(ScanImageInfo, xferTarget) == 42, "xferTarget at 42");
+_Static_assert(sizeof(ScanBlockInfo) == 74, "ScanBlockInfo is 74 bytes");
+_Static_assert(offsetof(ScanBlockInfo, mechanism) == 40, "the block's mechanism at 40");
+_Static_assert(offsetof(ScanBlockInfo, bytesPerRow) == 42, "bytesPerRow at 42");
+_Static_assert(offsetof(ScanBlockInfo, rows) == 50, "rows at 50");
+_Static_assert(offsetof(ScanBlockInfo, bytesWritten) == 62, "bytesWritten at 62");
+_Static_assert(offsetof(ScanBlockInfo, rowsAligned) == 66, "rowsAligned at 66");
+_Static_assert(offsetof(ScanBlockInfo, bufferDescriptor) == 70, "bufferDescriptor at 70");
+_Static_assert(sizeof(SmBufferDescriptor) == 8, "SmBufferDescriptor is 8 bytes");
+
 static int passed, failed;
 
 static void Check(int ok, const char *what) {
@@ -39,6 +55,9 @@ int main(void) {
     Check(StandInLoaded(), "the module loaded the stand-in TWAIN_32.DLL");
     smCancelThisXfer();
     smCancelAllXfer();
+    MSG message;
+    memset(&message, 0, sizeof message);
+    Check(smIsDSEvent(&message) == 0, "smIsDSEvent answers 0 before a source is enabled");
 
     HWND window = CreateWindowA("STATIC", "c", WS_OVERLAPPED, 0, 0, 10, 10, NULL, NULL, NULL, NULL);
     Check(window != NULL, "a window to count");

@@ -100,6 +100,8 @@ C_NAME int __stdcall start(void) {
     Snapshot();
     DisableWindows();
     Check(sizeof(DisabledWindowList) == 10 && sizeof(ScanCapRecord) == 104, "record sizes");
+    Check(sizeof(ScanImageInfo) == 46 && sizeof(ScanBlockInfo) == 74 && sizeof(SmBufferDescriptor) == 8,
+          "transfer record sizes");
     Check(SM_IMAGE_ENDED == 0xFFFFFFFFu, "the end-of-image count");
     Say(failed ? "msvc_link (" LANGUAGE "): failed\n" : "msvc_link (" LANGUAGE "): passed\n");
     ExitProcess(failed != 0);

@@ -674,9 +674,16 @@ TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
                                 "PreferredBufSize = 2000000\n"
                                 "ZeroRangeStep = 1\n"
                                 "DpiInEveryUnit = 1\n"
-                                "UnknownPending = 1\n";
+                                "UnknownPending = 1\n"
+                                "ImagePixelType = 9\n"
+                                "Compression = 5\n"
+                                "StripRows = 0\n"
+                                "StripXOffsetDelta = 1000\n"
+                                "StripYOffsetDelta = 45\n"
+                                "ColumnsDelta = 5\n"
+                                "RowAlign = 16\n";
     ds.reset();
-    EXPECT_EQ(24, ds.Info().settingsKeys);
+    EXPECT_EQ(31, ds.Info().settingsKeys);
     EXPECT_EQ(7, ds.Info().sheetsLeft) << "Pages";
     OpenSmall();
     EXPECT_STREQ("EPSON", ds.ds.Manufacturer);
@@ -712,7 +719,7 @@ TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
     EXPECT_EQ(500000u, setup.MaxBufSize) << "MaxBufSize";
     EXPECT_EQ(2000000u, setup.Preferred) << "PreferredBufSize";
 
-    // Two of the seven sheets, through memory transfers of 10 rows of 100 RGB pixels.
+    // Two of the seven sheets, through memory transfers of 10 rows of 100 RGB pixels, padded to 304 bytes.
     ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
     ASSERT_TWRC(TWRC_SUCCESS, ds.Enable(true));
     EXPECT_EQ(MSG_XFERREADY, ds.WaitEvent()) << "AutoScan: Scan pressed by itself";
@@ -720,11 +727,21 @@ TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_GET, &pending));
     EXPECT_EQ(0xFFFF, pending.Count) << "UnknownPending";
     EXPECT_EQ(7, ds.Info().pending);
-    EXPECT_EQ(-1, ImageInfo().ImageLength) << "UnknownLength";
-    std::vector<unsigned char> buffer(kWidth * 3 * 10);
+    const TW_IMAGEINFO info = ImageInfo();
+    EXPECT_EQ(-1, info.ImageLength) << "UnknownLength";
+    EXPECT_EQ(9, info.PixelType) << "ImagePixelType";
+    EXPECT_EQ(5, info.Compression) << "Compression";
+    std::vector<unsigned char> buffer(304 * 10);
     TW_IMAGEMEMXFER mx;
     ASSERT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
     EXPECT_EQ(static_cast<TW_UINT32>(buffer.size() - 3), mx.BytesWritten) << "BytesWrittenDelta";
+    EXPECT_EQ(304u, mx.BytesPerRow) << "RowAlign";
+    EXPECT_EQ(0xA5, buffer[300]) << "RowAlign";
+    EXPECT_EQ(5, mx.Compression) << "Compression";
+    EXPECT_EQ(0u, mx.Rows) << "StripRows";
+    EXPECT_EQ(1000u, mx.XOffset) << "StripXOffsetDelta";
+    EXPECT_EQ(45u, mx.YOffset) << "StripYOffsetDelta";
+    EXPECT_EQ(static_cast<TW_UINT32>(kWidth + 5), mx.Columns) << "ColumnsDelta";
     for (int strip = 2; strip < kHeight / 10; ++strip) {
         EXPECT_TWRC(TWRC_SUCCESS, Strip(buffer, mx)) << "strip " << strip;
     }

@@ -104,19 +104,26 @@ bool WriteFile(const char *path, const std::vector<uint8_t> &bytes) {
     return ok && written == bytes.size();
 }
 
-// Delivers rows of the current plane into a strip; true when the whole image is delivered.
+// Delivers rows of the current plane into a strip, each padded per the ROWALIGN fault; the strip's fields as the
+// faults have them. True when the whole image is delivered.
 bool FillStrip(Source &s, TW_IMAGEMEMXFER &mx, uint8_t *buffer, TW_UINT32 rows) {
     Transfer &x = s.xfer;
-    const TW_UINT32 bytesPerRow = MemoryBytesPerRow(x.format);
-    for (TW_UINT32 i = 0; i < rows; ++i)
-        RenderRow(x.format, x.nextRow + static_cast<int>(i), x.format.planar ? x.plane : -1, buffer + i * bytesPerRow);
-    mx.Compression = TWCP_NONE;
+    const int *faults = s.faults;
+    const TW_UINT32 pixelBytes = MemoryBytesPerRow(x.format);
+    const TW_UINT32 bytesPerRow = StripBytesPerRow(s, x.format);
+    for (TW_UINT32 i = 0; i < rows; ++i) {
+        uint8_t *row = buffer + i * bytesPerRow;
+        RenderRow(x.format, x.nextRow + static_cast<int>(i), x.format.planar ? x.plane : -1, row);
+        std::memset(row + pixelBytes, VSCAN_ROW_PADDING, bytesPerRow - pixelBytes);
+    }
+    const int forcedRows = faults[VSCAN_FAULT_STRIPROWS];
+    mx.Compression = static_cast<TW_UINT16>(faults[VSCAN_FAULT_COMPRESSION]); // TWCP_NONE unless switched
     mx.BytesPerRow = bytesPerRow;
-    mx.Columns = x.format.width;
-    mx.Rows = rows;
-    mx.XOffset = 0;
-    mx.YOffset = x.nextRow;
-    mx.BytesWritten = rows * bytesPerRow + s.faults[VSCAN_FAULT_BYTESWRITTENDELTA];
+    mx.Columns = static_cast<TW_UINT32>(x.format.width + faults[VSCAN_FAULT_COLUMNSDELTA]);
+    mx.Rows = forcedRows == VSCAN_STRIPROWS_OFF ? rows : static_cast<TW_UINT32>(forcedRows);
+    mx.XOffset = static_cast<TW_UINT32>(faults[VSCAN_FAULT_STRIPXOFFSETDELTA]);
+    mx.YOffset = static_cast<TW_UINT32>(x.nextRow + faults[VSCAN_FAULT_STRIPYOFFSETDELTA]);
+    mx.BytesWritten = rows * bytesPerRow + faults[VSCAN_FAULT_BYTESWRITTENDELTA];
     x.nextRow += rows;
     if (x.nextRow < x.format.height)
         return false;
@@ -145,8 +152,9 @@ TW_UINT16 GetImageInfo(Call &call) {
         info->BitsPerSample[i] = static_cast<TW_INT16>(BitsPerSample(f));
     info->BitsPerPixel = static_cast<TW_INT16>(f.bitDepth);
     info->Planar = f.planar && Mechanism(s) == TWSX_MEMORY; // bitmaps are always chunky
-    info->PixelType = static_cast<TW_INT16>(f.pixelType);
-    info->Compression = TWCP_NONE;
+    const int forcedType = s.faults[VSCAN_FAULT_IMAGEPIXELTYPE];
+    info->PixelType = static_cast<TW_INT16>(forcedType == VSCAN_IMAGEPIXELTYPE_OFF ? f.pixelType : forcedType);
+    info->Compression = static_cast<TW_UINT16>(s.faults[VSCAN_FAULT_COMPRESSION]); // TWCP_NONE unless switched
     return TWRC_SUCCESS;
 }
 
@@ -239,7 +247,7 @@ TW_UINT16 FileXfer(Call &call) {
     return TWRC_XFERDONE;
 }
 
-// DG_IMAGE / DAT_IMAGEMEMXFER / MSG_GET: whole rows per strip; planar images plane after plane.
+// DG_IMAGE / DAT_IMAGEMEMXFER / MSG_GET: whole (padded) rows per strip; planar images plane after plane.
 TW_UINT16 MemoryXfer(Call &call) {
     Source &s = call.source;
     if (Mechanism(s) != TWSX_MEMORY || s.xfer.done)
@@ -250,7 +258,7 @@ TW_UINT16 MemoryXfer(Call &call) {
     auto *buffer =
         static_cast<uint8_t *>(handle ? GlobalLock(static_cast<HGLOBAL>(mx->Memory.TheMem)) : mx->Memory.TheMem);
     const TW_UINT32 rowsLeft = static_cast<TW_UINT32>(f.height - (s.xfer.started ? s.xfer.nextRow : 0));
-    const TW_UINT32 rows = std::min(mx->Memory.Length / MemoryBytesPerRow(f), rowsLeft);
+    const TW_UINT32 rows = std::min(mx->Memory.Length / StripBytesPerRow(s, f), rowsLeft);
     TW_UINT16 rc;
     if (!buffer || rows == 0) {
         rc = Fail(call.cc, TWCC_BADVALUE);

@@ -131,6 +131,8 @@ const Name kNames[] = {
     VSCAN_NAME(VSCAN_MALFORMED_CURRENTINDEX),
     VSCAN_NAME(VSCAN_MALFORMED_SHORTBLOCK),
     VSCAN_NAME(VSCAN_CLOSEREQUEST_OFF),
+    VSCAN_NAME(VSCAN_IMAGEPIXELTYPE_OFF),
+    VSCAN_NAME(VSCAN_STRIPROWS_OFF),
 };
 #undef VSCAN_NAME
 
@@ -149,6 +151,13 @@ const Name kFaultKeys[] = {
     {"ZeroRangeStep", VSCAN_FAULT_ZERORANGESTEP},
     {"DpiInEveryUnit", VSCAN_FAULT_DPIINEVERYUNIT},
     {"UnknownPending", VSCAN_FAULT_UNKNOWNPENDING},
+    {"ImagePixelType", VSCAN_FAULT_IMAGEPIXELTYPE},
+    {"Compression", VSCAN_FAULT_COMPRESSION},
+    {"StripRows", VSCAN_FAULT_STRIPROWS},
+    {"StripXOffsetDelta", VSCAN_FAULT_STRIPXOFFSETDELTA},
+    {"StripYOffsetDelta", VSCAN_FAULT_STRIPYOFFSETDELTA},
+    {"ColumnsDelta", VSCAN_FAULT_COLUMNSDELTA},
+    {"RowAlign", VSCAN_FAULT_ROWALIGN},
 };
 
 std::string Trim(const std::string &text) {

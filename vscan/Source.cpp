@@ -89,6 +89,8 @@ void ResetAll(Source &s) {
     DefaultIdentity(s.identity);
     s.pages = kDefaultPages;
     s.faults[VSCAN_FAULT_CLOSEREQUESTAFTER] = VSCAN_CLOSEREQUEST_OFF;
+    s.faults[VSCAN_FAULT_IMAGEPIXELTYPE] = VSCAN_IMAGEPIXELTYPE_OFF;
+    s.faults[VSCAN_FAULT_STRIPROWS] = VSCAN_STRIPROWS_OFF;
     ResetAnswers(s);
     ResetNegotiation(s);
     s.settingsKeys = LoadSettings(s, DefaultSettingsPath());
@@ -167,6 +169,15 @@ PageFormat NegotiatedFormat(const Source &s) {
     f.threshold = static_cast<int>(std::lround(CapValue(s, ICAP_THRESHOLD)));
     f.vanilla = CapValue(s, ICAP_PIXELFLAVOR) == TWPF_VANILLA;
     return f;
+}
+
+uint32_t StripBytesPerRow(const Source &s, const PageFormat &f) {
+    const uint32_t row = MemoryBytesPerRow(f);
+    const int align = s.faults[VSCAN_FAULT_ROWALIGN];
+    if (align <= 1)
+        return row;
+    const uint32_t step = static_cast<uint32_t>(align);
+    return (row + step - 1) / step * step;
 }
 
 } // namespace vscan

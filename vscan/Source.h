@@ -122,6 +122,9 @@ bool EndImage(Source &s);
 int PendingCount(const Source &s);
 // The format the next image gets from the negotiated values, with the page at the head of the batch.
 PageFormat NegotiatedFormat(const Source &s);
+// Bytes of a row (of a plane, for planar images) in memory transfers: MemoryBytesPerRow, padded to a multiple of the
+// ROWALIGN fault's bytes when it is above 1.
+uint32_t StripBytesPerRow(const Source &s, const PageFormat &f);
 double XResolution(const Source &s);
 double YResolution(const Source &s);
 

@@ -206,12 +206,12 @@ TW_UINT16 ResetPending(Call &call) {
 }
 
 // DG_CONTROL / DAT_SETUPMEMXFER / MSG_GET: a row at least, 64 KB of whole rows preferred (a row at least), a plane
-// at most (the preferred size at least).
+// at most (the preferred size at least); rows as memory transfers deliver them, padded per ROWALIGN.
 TW_UINT16 GetSetupMem(Call &call) {
     constexpr TW_UINT32 kPreferredBytes = 64 * 1024;
     auto *setup = static_cast<TW_SETUPMEMXFER *>(call.data);
     const PageFormat f = NegotiatedFormat(call.source);
-    const TW_UINT32 row = MemoryBytesPerRow(f);
+    const TW_UINT32 row = StripBytesPerRow(call.source, f);
     const int *faults = call.source.faults;
     const bool zero = faults[VSCAN_FAULT_ZEROBUFFERSIZES] != 0;
     setup->MinBufSize = zero ? 0 : row;

@@ -23,8 +23,8 @@ extern "C" {
 #define VSCAN_AUTO_SCAN 1       /* Scan is pressed as soon as the interface opens */
 #define VSCAN_AUTO_SCAN_CLOSE 2 /* Scan, then Close once every image of the batch is transferred */
 
-/* Single-value faults (VscanSetFault); 0 switches each off but CLOSEREQUESTAFTER, off at VSCAN_CLOSEREQUEST_OFF.
-   The settings key is the name after VSCAN_FAULT_. */
+/* Single-value faults (VscanSetFault); 0 switches each off but CLOSEREQUESTAFTER, IMAGEPIXELTYPE and STRIPROWS, off
+   at their VSCAN_..._OFF, and ROWALIGN, off at 0 and 1. The settings key is the name after VSCAN_FAULT_. */
 #define VSCAN_FAULT_UNKNOWNLENGTH 1     /* DAT_IMAGEINFO answers ImageLength -1 */
 #define VSCAN_FAULT_CANCELIMAGE 2       /* image N (1 = first since MSG_OPENDS) is cancelled with TWRC_CANCEL */
 #define VSCAN_FAULT_CANCELBLOCK 3       /* memory transfers cancel at block N (of image CANCELIMAGE, or of each) */
@@ -38,9 +38,22 @@ extern "C" {
 #define VSCAN_FAULT_ZERORANGESTEP 11    /* every range answered has StepSize 0 */
 #define VSCAN_FAULT_DPIINEVERYUNIT 12   /* resolutions are answered and set in dots per inch whatever ICAP_UNITS says */
 #define VSCAN_FAULT_UNKNOWNPENDING 13   /* TW_PENDINGXFERS.Count is -1 while images remain, as feeders may answer */
-#define VSCAN_FAULT_COUNT 14
+#define VSCAN_FAULT_IMAGEPIXELTYPE 14   /* DAT_IMAGEINFO answers PixelType N; the pixels stay the negotiated type's */
+#define VSCAN_FAULT_COMPRESSION 15      /* DAT_IMAGEINFO and memory strips answer Compression N; bytes uncompressed */
+#define VSCAN_FAULT_STRIPROWS 16        /* memory strips answer Rows = N (0 too); the rows delivered stay as they are */
+#define VSCAN_FAULT_STRIPXOFFSETDELTA 17 /* memory strips answer XOffset + N */
+#define VSCAN_FAULT_STRIPYOFFSETDELTA 18 /* memory strips answer YOffset + N */
+#define VSCAN_FAULT_COLUMNSDELTA 19      /* memory strips answer Columns = image width + N */
+#define VSCAN_FAULT_ROWALIGN 20          /* memory-transfer rows padded with 0xA5 bytes to a multiple of N bytes */
+#define VSCAN_FAULT_COUNT 21
 /* VSCAN_FAULT_CLOSEREQUESTAFTER switched off, its default. */
 #define VSCAN_CLOSEREQUEST_OFF (-1)
+/* VSCAN_FAULT_IMAGEPIXELTYPE switched off, its default. */
+#define VSCAN_IMAGEPIXELTYPE_OFF (-1)
+/* VSCAN_FAULT_STRIPROWS switched off, its default. */
+#define VSCAN_STRIPROWS_OFF (-1)
+/* What VSCAN_FAULT_ROWALIGN pads each row with. */
+#define VSCAN_ROW_PADDING 0xA5
 
 /* Spoiled capability answers (VscanSetMalformed, key Malformed): a source that answers a get with TWRC_SUCCESS and a
    container a careful application must not trust. */
