@@ -70,20 +70,6 @@ protected:
         }
         return texts;
     }
-    // One memory strip into `buffer`.
-    TW_UINT16 Strip(std::vector<unsigned char> &buffer, TW_IMAGEMEMXFER &mx) {
-        mx = TW_IMAGEMEMXFER{};
-        mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
-        mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
-        mx.Memory.TheMem = buffer.data();
-        return ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx);
-    }
-    // DAT_SETUPMEMXFER's three sizes.
-    TW_SETUPMEMXFER SetupMem() {
-        TW_SETUPMEMXFER setup{1, 1, 1};
-        EXPECT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup));
-        return setup;
-    }
     // Transfers the announced image natively and ends it; the count left.
     int TransferOne() {
         TW_UINT32 handle = 0;
@@ -354,8 +340,8 @@ TEST_P(VscanFaultTest, UnknownImageLength) {
     EXPECT_EQ(kWidth, ImageInfo().ImageWidth);
     std::vector<unsigned char> buffer(kWidth * 30);
     TW_IMAGEMEMXFER mx;
-    ASSERT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
-    ASSERT_TWRC(TWRC_XFERDONE, Strip(buffer, mx)) << "the rows still end";
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Strip(buffer, mx));
+    ASSERT_TWRC(TWRC_XFERDONE, ds.Strip(buffer, mx)) << "the rows still end";
     EXPECT_EQ(30u, mx.YOffset);
     EXPECT_EQ(static_cast<TW_UINT32>(kHeight - 30), mx.Rows);
 }
@@ -366,10 +352,10 @@ TEST_P(VscanFaultTest, MemoryTransferCancelledAtBlock) {
     EnableToReady();
     std::vector<unsigned char> buffer(kWidth * 10);
     TW_IMAGEMEMXFER mx;
-    EXPECT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
-    EXPECT_TWRC(TWRC_CANCEL, Strip(buffer, mx));
+    EXPECT_TWRC(TWRC_SUCCESS, ds.Strip(buffer, mx));
+    EXPECT_TWRC(TWRC_CANCEL, ds.Strip(buffer, mx));
     EXPECT_EQ(VSCAN_STATE_XFERRING, ds.Info().state);
-    EXPECT_TWFAIL(TWCC_SEQERROR, Strip(buffer, mx)) << "nothing more of a cancelled image";
+    EXPECT_TWFAIL(TWCC_SEQERROR, ds.Strip(buffer, mx)) << "nothing more of a cancelled image";
     TW_UINT16 count;
     EXPECT_TWRC(TWRC_SUCCESS, EndXfer(count));
     EXPECT_EQ(0, count);
@@ -392,10 +378,10 @@ TEST_P(VscanFaultTest, MemoryTransferCancelledAtABlockOfOneImage) {
         for (int block = 1; block <= blocks; ++block) {
             const TW_UINT16 expected =
                 image == 2 && block == 3 ? TWRC_CANCEL : (block == kHeight / 10 ? TWRC_XFERDONE : TWRC_SUCCESS);
-            EXPECT_TWRC(expected, Strip(buffer, mx)) << "block " << block;
+            EXPECT_TWRC(expected, ds.Strip(buffer, mx)) << "block " << block;
         }
         if (image == 2) {
-            EXPECT_TWFAIL(TWCC_SEQERROR, Strip(buffer, mx)) << "nothing more of the cancelled image";
+            EXPECT_TWFAIL(TWCC_SEQERROR, ds.Strip(buffer, mx)) << "nothing more of the cancelled image";
         }
         TW_UINT16 count;
         ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
@@ -442,7 +428,7 @@ TEST_P(VscanFaultTest, BytesWrittenDisagreesWithRows) {
     EnableToReady();
     std::vector<unsigned char> buffer(kWidth * 10);
     TW_IMAGEMEMXFER mx;
-    ASSERT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Strip(buffer, mx));
     EXPECT_EQ(10u, mx.Rows);
     EXPECT_EQ(static_cast<TW_UINT32>(kWidth), mx.BytesPerRow);
     EXPECT_EQ(static_cast<TW_UINT32>(10 * kWidth - 3), mx.BytesWritten);
@@ -451,7 +437,7 @@ TEST_P(VscanFaultTest, BytesWrittenDisagreesWithRows) {
 TEST_P(VscanFaultTest, ZeroBufferSizes) {
     Switch("ZeroBufferSizes = 1", [&] { ds.setFault(VSCAN_FAULT_ZEROBUFFERSIZES, 1); });
     MemoryGray();
-    const TW_SETUPMEMXFER setup = SetupMem();
+    const TW_SETUPMEMXFER setup = ds.SetupMem();
     EXPECT_EQ(0u, setup.MinBufSize);
     EXPECT_EQ(0u, setup.MaxBufSize);
     EXPECT_EQ(0u, setup.Preferred);
@@ -464,7 +450,7 @@ TEST_P(VscanFaultTest, BufferSizesChosenByTheTest) {
         ds.setFault(VSCAN_FAULT_PREFERREDBUFSIZE, 2000000);
     });
     MemoryGray();
-    const TW_SETUPMEMXFER setup = SetupMem();
+    const TW_SETUPMEMXFER setup = ds.SetupMem();
     EXPECT_EQ(1000u, setup.MinBufSize);
     EXPECT_EQ(500000u, setup.MaxBufSize);
     EXPECT_EQ(2000000u, setup.Preferred) << "unchecked: above the maximum";
@@ -714,7 +700,7 @@ TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_PALETTE8, MSG_GET, &palette));
     EXPECT_EQ(300, palette.NumColors) << "PaletteColors";
     ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XFERMECH, TWTY_UINT16, TWSX_MEMORY));
-    TW_SETUPMEMXFER setup = SetupMem();
+    TW_SETUPMEMXFER setup = ds.SetupMem();
     EXPECT_EQ(1000u, setup.MinBufSize) << "MinBufSize";
     EXPECT_EQ(500000u, setup.MaxBufSize) << "MaxBufSize";
     EXPECT_EQ(2000000u, setup.Preferred) << "PreferredBufSize";
@@ -733,7 +719,7 @@ TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
     EXPECT_EQ(5, info.Compression) << "Compression";
     std::vector<unsigned char> buffer(304 * 10);
     TW_IMAGEMEMXFER mx;
-    ASSERT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Strip(buffer, mx));
     EXPECT_EQ(static_cast<TW_UINT32>(buffer.size() - 3), mx.BytesWritten) << "BytesWrittenDelta";
     EXPECT_EQ(304u, mx.BytesPerRow) << "RowAlign";
     EXPECT_EQ(0xA5, buffer[300]) << "RowAlign";
@@ -743,14 +729,14 @@ TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
     EXPECT_EQ(45u, mx.YOffset) << "StripYOffsetDelta";
     EXPECT_EQ(static_cast<TW_UINT32>(kWidth + 5), mx.Columns) << "ColumnsDelta";
     for (int strip = 2; strip < kHeight / 10; ++strip) {
-        EXPECT_TWRC(TWRC_SUCCESS, Strip(buffer, mx)) << "strip " << strip;
+        EXPECT_TWRC(TWRC_SUCCESS, ds.Strip(buffer, mx)) << "strip " << strip;
     }
-    EXPECT_TWRC(TWRC_XFERDONE, Strip(buffer, mx));
+    EXPECT_TWRC(TWRC_XFERDONE, ds.Strip(buffer, mx));
     TW_UINT16 count;
     ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
     EXPECT_EQ(MSG_CLOSEDSREQ, ds.WaitEvent()) << "CloseRequestAfter";
-    EXPECT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
-    EXPECT_TWRC(TWRC_CANCEL, Strip(buffer, mx)) << "CancelImage and CancelBlock";
+    EXPECT_TWRC(TWRC_SUCCESS, ds.Strip(buffer, mx));
+    EXPECT_TWRC(TWRC_CANCEL, ds.Strip(buffer, mx)) << "CancelImage and CancelBlock";
     ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending));
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
@@ -758,7 +744,7 @@ TEST_F(VscanSettingsTest, EveryKeyNamesAndNumbersCommentsAndSections) {
     // The three sizes switched off by another file show the zeros of ZeroBufferSizes.
     std::ofstream(IniPath()) << "MinBufSize = 0\nMaxBufSize = 0\nPreferredBufSize = 0\n";
     ASSERT_EQ(3, ds.loadSettings(IniPath().c_str()));
-    setup = SetupMem();
+    setup = ds.SetupMem();
     EXPECT_EQ(0u, setup.MinBufSize) << "ZeroBufferSizes";
     EXPECT_EQ(0u, setup.MaxBufSize) << "ZeroBufferSizes";
     EXPECT_EQ(0u, setup.Preferred) << "ZeroBufferSizes";
@@ -800,8 +786,8 @@ TEST_F(VscanSettingsTest, TheReadmeExample) {
     for (int image = 1; image <= 5; ++image) {
         SCOPED_TRACE("image " + std::to_string(image));
         TW_IMAGEMEMXFER mx;
-        EXPECT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
-        EXPECT_TWRC(image == 3 ? TWRC_CANCEL : TWRC_XFERDONE, Strip(buffer, mx)) << "CancelImage and CancelBlock";
+        EXPECT_TWRC(TWRC_SUCCESS, ds.Strip(buffer, mx));
+        EXPECT_TWRC(image == 3 ? TWRC_CANCEL : TWRC_XFERDONE, ds.Strip(buffer, mx)) << "CancelImage and CancelBlock";
         TW_PENDINGXFERS pending{};
         ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_ENDXFER, &pending));
         EXPECT_EQ(5 - image, pending.Count);

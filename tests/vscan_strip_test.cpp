@@ -14,56 +14,10 @@ constexpr int kWidth = 100;
 constexpr int kHeight = 50;
 constexpr unsigned char kPadding = 0xA5;
 
-Format Make(int pixelType, int bitDepth, bool planar = false) {
-    Format f;
-    f.pixelType = pixelType;
-    f.bitDepth = bitDepth;
-    f.planar = planar;
-    return f;
-}
-
-const Format kGray8 = Make(TWPT_GRAY, 8);
-
-// Unpadded bytes of a row, of a plane for planar RGB.
-unsigned PixelBytes(const Format &f, int width) {
-    const int bits = f.planar ? f.bitDepth / 3 : f.bitDepth;
-    return (static_cast<unsigned>(width) * bits + 7) / 8;
-}
-
-// The first sample of rows [y, y + rows) of a strip that differs from the page formula, or success; `stride` bytes
-// from one row to the next.
-::testing::AssertionResult RowsMatch(const Format &f, const unsigned char *strip, unsigned stride, int y, unsigned rows,
-                                     int plane = -1) {
-    for (unsigned r = 0; r < rows; ++r) {
-        for (int x = 0; x < kWidth; ++x) {
-            std::vector<unsigned> want = ExpectedSamples(f, kWidth, kHeight, 1, x, y + static_cast<int>(r));
-            if (plane >= 0)
-                want = {want[plane]};
-            const std::vector<unsigned> got = ReadSamples(f, strip + r * stride, x, plane);
-            if (got != want)
-                return ::testing::AssertionFailure()
-                       << "plane " << plane << " pixel (" << x << ", " << y + r << "): got "
-                       << ::testing::PrintToString(got) << ", expected " << ::testing::PrintToString(want);
-        }
-    }
-    return ::testing::AssertionSuccess();
-}
+const Format kGray8 = MakeFormat(TWPT_GRAY, 8);
 
 class VscanStripTest : public VscanTest {
 protected:
-    // One memory strip into `buffer`.
-    TW_UINT16 Strip(std::vector<unsigned char> &buffer, TW_IMAGEMEMXFER &mx) {
-        mx = TW_IMAGEMEMXFER{};
-        mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
-        mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
-        mx.Memory.TheMem = buffer.data();
-        return ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx);
-    }
-    TW_SETUPMEMXFER SetupMem() {
-        TW_SETUPMEMXFER setup{1, 1, 1};
-        EXPECT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup));
-        return setup;
-    }
     // State 6 with a small 8-bit gray image for memory transfers.
     void ReadyGray() {
         OpenSmall();
@@ -83,10 +37,17 @@ protected:
         strips.clear();
         for (int y = 0; y < kHeight; y += 10) {
             TW_IMAGEMEMXFER mx;
-            ASSERT_TWRC(y + 10 < kHeight ? TWRC_SUCCESS : TWRC_XFERDONE, Strip(buffer, mx)) << "row " << y;
-            EXPECT_TRUE(RowsMatch(kGray8, buffer.data(), kWidth, y, 10)) << "row " << y;
+            ASSERT_TWRC(y + 10 < kHeight ? TWRC_SUCCESS : TWRC_XFERDONE, ds.Strip(buffer, mx)) << "row " << y;
+            EXPECT_TRUE(StripRowsMatch(kGray8, buffer.data(), kWidth, kWidth, kHeight, 1, y, 10)) << "row " << y;
             strips.push_back(mx);
         }
+    }
+    // A whole gray image as TransferGray checks it, every strip as the source gives it without a fault.
+    void TransferPlainGray() {
+        std::vector<TW_IMAGEMEMXFER> strips;
+        TransferGray(strips);
+        for (size_t i = 0; i < strips.size(); ++i)
+            ExpectPlainStrip(strips[i], static_cast<int>(i));
     }
     // The fields of the strips of an image as the source gives them without a fault.
     static void ExpectPlainStrip(const TW_IMAGEMEMXFER &mx, int index) {
@@ -113,10 +74,7 @@ TEST_F(VscanStripTest, ImagePixelTypeAnswersAnotherTypeOverTheSamePixels) {
     EXPECT_EQ(0x7FFF, ImageInfo().PixelType);
     ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_IMAGEPIXELTYPE, 0));
     EXPECT_EQ(TWPT_BW, ImageInfo().PixelType) << "0 is a pixel type, not off";
-    std::vector<TW_IMAGEMEMXFER> strips;
-    TransferGray(strips);
-    for (size_t i = 0; i < strips.size(); ++i)
-        ExpectPlainStrip(strips[i], static_cast<int>(i));
+    TransferPlainGray();
     EXPECT_EQ(TWPT_BW, ImageInfo().PixelType) << "in state 7 too";
 
     ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_IMAGEPIXELTYPE, VSCAN_IMAGEPIXELTYPE_OFF));
@@ -147,9 +105,7 @@ TEST_F(VscanStripTest, CompressionClaimedOverUncompressedBytes) {
     ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_COMPRESSION, 0));
     EnableToReady();
     EXPECT_EQ(TWCP_NONE, ImageInfo().Compression);
-    TransferGray(strips);
-    for (size_t i = 0; i < strips.size(); ++i)
-        ExpectPlainStrip(strips[i], static_cast<int>(i));
+    TransferPlainGray();
 }
 
 TEST_F(VscanStripTest, StripRowsAnswersAnotherRowCount) {
@@ -179,9 +135,7 @@ TEST_F(VscanStripTest, StripRowsAnswersAnotherRowCount) {
 
     ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_STRIPROWS, VSCAN_STRIPROWS_OFF));
     EnableToReady();
-    TransferGray(strips);
-    for (size_t i = 0; i < strips.size(); ++i)
-        ExpectPlainStrip(strips[i], static_cast<int>(i));
+    TransferPlainGray();
     EndAndDisable();
 
     ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_STRIPROWS, 0));
@@ -213,9 +167,7 @@ TEST_F(VscanStripTest, StripXOffsetDeltaMovesEveryStrip) {
 
     ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_STRIPXOFFSETDELTA, 0));
     EnableToReady();
-    TransferGray(strips);
-    for (size_t i = 0; i < strips.size(); ++i)
-        ExpectPlainStrip(strips[i], static_cast<int>(i));
+    TransferPlainGray();
 }
 
 TEST_F(VscanStripTest, StripYOffsetDeltaMovesEveryStrip) {
@@ -243,9 +195,7 @@ TEST_F(VscanStripTest, StripYOffsetDeltaMovesEveryStrip) {
 
     ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_STRIPYOFFSETDELTA, 0));
     EnableToReady();
-    TransferGray(strips);
-    for (size_t i = 0; i < strips.size(); ++i)
-        ExpectPlainStrip(strips[i], static_cast<int>(i));
+    TransferPlainGray();
 }
 
 TEST_F(VscanStripTest, ColumnsDeltaChangesEveryStripsColumns) {
@@ -271,9 +221,7 @@ TEST_F(VscanStripTest, ColumnsDeltaChangesEveryStripsColumns) {
 
     ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_COLUMNSDELTA, 0));
     EnableToReady();
-    TransferGray(strips);
-    for (size_t i = 0; i < strips.size(); ++i)
-        ExpectPlainStrip(strips[i], static_cast<int>(i));
+    TransferPlainGray();
 }
 
 // --- RowAlign: padded rows in every format.
@@ -286,15 +234,15 @@ struct AlignCase {
 };
 
 const AlignCase kAlignCases[] = {
-    {"BW1", Make(TWPT_BW, 1), 4, 16},                    // 13 bytes
-    {"Gray8", Make(TWPT_GRAY, 8), 16, 112},              // 100
-    {"Gray16", Make(TWPT_GRAY, 16), 3, 201},             // 200
-    {"Palette4", Make(TWPT_PALETTE, 4), 7, 56},          // 50
-    {"RGB24", Make(TWPT_RGB, 24), 64, 320},              // 300
-    {"RGB48", Make(TWPT_RGB, 48), 1000, 1000},           // 600
-    {"PlanarRGB24", Make(TWPT_RGB, 24, true), 8, 104},   // 100 per plane
-    {"PlanarRGB48", Make(TWPT_RGB, 48, true), 128, 256}, // 200 per plane
-    {"Gray8Aligned", Make(TWPT_GRAY, 8), 4, 100},        // already a multiple: no padding
+    {"BW1", MakeFormat(TWPT_BW, 1), 4, 16},                    // 13 bytes
+    {"Gray8", MakeFormat(TWPT_GRAY, 8), 16, 112},              // 100
+    {"Gray16", MakeFormat(TWPT_GRAY, 16), 3, 201},             // 200
+    {"Palette4", MakeFormat(TWPT_PALETTE, 4), 7, 56},          // 50
+    {"RGB24", MakeFormat(TWPT_RGB, 24), 64, 320},              // 300
+    {"RGB48", MakeFormat(TWPT_RGB, 48), 1000, 1000},           // 600
+    {"PlanarRGB24", MakeFormat(TWPT_RGB, 24, true), 8, 104},   // 100 per plane
+    {"PlanarRGB48", MakeFormat(TWPT_RGB, 48, true), 128, 256}, // 200 per plane
+    {"Gray8Aligned", MakeFormat(TWPT_GRAY, 8), 4, 100},        // already a multiple: no padding
 };
 
 void PrintTo(const AlignCase &k, std::ostream *os) {
@@ -310,7 +258,7 @@ class VscanRowAlignTest : public VscanStripTest, public ::testing::WithParamInte
 TEST_P(VscanRowAlignTest, RowsPaddedWithA5AndSetupSizesFromThePaddedRow) {
     const AlignCase &k = GetParam();
     const Format &f = k.format;
-    const unsigned pixelBytes = PixelBytes(f, kWidth);
+    const unsigned pixelBytes = MemoryRowBytes(f, kWidth);
     const unsigned row = k.paddedRow;
     ASSERT_EQ(0u, row % k.align);
     ASSERT_LE(pixelBytes, row);
@@ -318,7 +266,7 @@ TEST_P(VscanRowAlignTest, RowsPaddedWithA5AndSetupSizesFromThePaddedRow) {
     ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_ROWALIGN, k.align));
     OpenSmall();
     Negotiate(f, TWSX_MEMORY);
-    const TW_SETUPMEMXFER setup = SetupMem();
+    const TW_SETUPMEMXFER setup = ds.SetupMem();
     EXPECT_EQ(row, setup.MinBufSize) << "a padded row";
     EXPECT_EQ(65536 / row * row, setup.Preferred) << "the padded rows within 64 KB";
     EXPECT_EQ(65536 / row * row, setup.MaxBufSize) << "the plane of 50 rows is smaller than the preferred size";
@@ -333,7 +281,7 @@ TEST_P(VscanRowAlignTest, RowsPaddedWithA5AndSetupSizesFromThePaddedRow) {
         for (int y = 0; y < kHeight;) {
             std::fill(buffer.begin(), buffer.end(), 0);
             TW_IMAGEMEMXFER mx;
-            const TW_UINT16 rc = Strip(buffer, mx);
+            const TW_UINT16 rc = ds.Strip(buffer, mx);
             const unsigned rows = std::min<unsigned>(rowsPerStrip, kHeight - y);
             const bool last = plane == planes - 1 && y + static_cast<int>(rows) == kHeight;
             ASSERT_TWRC(last ? TWRC_XFERDONE : TWRC_SUCCESS, rc) << "plane " << plane << " row " << y;
@@ -344,7 +292,7 @@ TEST_P(VscanRowAlignTest, RowsPaddedWithA5AndSetupSizesFromThePaddedRow) {
             EXPECT_EQ(static_cast<TW_UINT32>(y), mx.YOffset);
             EXPECT_EQ(0u, mx.XOffset);
             EXPECT_EQ(TWCP_NONE, mx.Compression);
-            ASSERT_TRUE(RowsMatch(f, buffer.data(), row, y, rows, f.planar ? plane : -1));
+            ASSERT_TRUE(StripRowsMatch(f, buffer.data(), row, kWidth, kHeight, 1, y, rows, f.planar ? plane : -1));
             for (unsigned r = 0; r < rows; ++r)
                 for (unsigned i = pixelBytes; i < row; ++i)
                     ASSERT_EQ(kPadding, buffer[r * row + i]) << "row " << y + r << " byte " << i;
@@ -372,8 +320,8 @@ TEST_F(VscanStripTest, RowAlignSetupSizesOfLargeImages) {
     };
     const SizeCase cases[] = {
         {"bed of gray", kGray8, 8.5, 14, 100, 1, 16, 864, 75 * 864, 864 * 1400},
-        {"bed of planar RGB", Make(TWPT_RGB, 24, true), 8.5, 14, 100, 1, 64, 896, 73 * 896, 896 * 1400},
-        {"rows above 64 KB", Make(TWPT_RGB, 48), 8.5, 1, 400, 4, 1000, 82000, 82000, 82000 * 100},
+        {"bed of planar RGB", MakeFormat(TWPT_RGB, 24, true), 8.5, 14, 100, 1, 64, 896, 73 * 896, 896 * 1400},
+        {"rows above 64 KB", MakeFormat(TWPT_RGB, 48), 8.5, 1, 400, 4, 1000, 82000, 82000, 82000 * 100},
     };
     for (const SizeCase &k : cases) {
         SCOPED_TRACE(k.name);
@@ -384,7 +332,7 @@ TEST_F(VscanStripTest, RowAlignSetupSizesOfLargeImages) {
         ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XRESOLUTION, TWTY_FIX32, k.xResolution));
         ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_XSCALING, TWTY_FIX32, k.xScaling));
         Negotiate(k.format, TWSX_MEMORY);
-        TW_SETUPMEMXFER setup = SetupMem();
+        TW_SETUPMEMXFER setup = ds.SetupMem();
         EXPECT_EQ(k.min, setup.MinBufSize);
         EXPECT_EQ(k.preferred, setup.Preferred);
         EXPECT_EQ(k.max, setup.MaxBufSize);
@@ -398,12 +346,9 @@ TEST_F(VscanStripTest, RowAlignOffAndNativeTransfersUnaffected) {
         ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_ROWALIGN, 16));
         ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_ROWALIGN, off));
         ReadyGray();
-        std::vector<TW_IMAGEMEMXFER> strips;
-        TransferGray(strips);
-        for (size_t i = 0; i < strips.size(); ++i)
-            ExpectPlainStrip(strips[i], static_cast<int>(i));
+        TransferPlainGray();
         EndAndDisable();
-        EXPECT_EQ(static_cast<TW_UINT32>(kWidth), SetupMem().MinBufSize);
+        EXPECT_EQ(static_cast<TW_UINT32>(kWidth), ds.SetupMem().MinBufSize);
     }
 
     ds.reset();
@@ -413,18 +358,11 @@ TEST_F(VscanStripTest, RowAlignOffAndNativeTransfersUnaffected) {
     EnableToReady();
     TW_UINT32 handle = 0;
     ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle));
-    HGLOBAL memory = reinterpret_cast<HGLOBAL>(static_cast<UINT_PTR>(handle));
-    const auto *bytes = static_cast<const unsigned char *>(GlobalLock(memory));
-    ASSERT_NE(nullptr, bytes);
     Dib dib;
-    const bool parsed = ParseDib(bytes, GlobalSize(memory), dib);
-    GlobalUnlock(memory);
-    GlobalFree(memory);
-    ASSERT_TRUE(parsed);
+    ASSERT_TRUE(TakePackedDib(handle, dib));
     EXPECT_EQ(100u, dib.stride) << "bitmap rows padded to 4 bytes only";
     EXPECT_EQ(100u * kHeight, dib.header.biSizeImage);
-    for (int y = 0; y < kHeight; ++y)
-        ASSERT_TRUE(RowsMatch(kGray8, dib.Row(y), dib.stride, y, 1)) << "bitmap row " << y;
+    EXPECT_TRUE(DibMatches(kGray8, dib, kWidth, kHeight, 1));
 }
 
 // --- Ending images: MSG_ENDXFER and MSG_RESET in states 6 and 7.
@@ -462,7 +400,7 @@ TEST_F(VscanStripTest, EndXferInState7ButResetOnlyInState6) {
     EnableToReady();
     std::vector<unsigned char> buffer(kWidth * 10);
     TW_IMAGEMEMXFER mx;
-    ASSERT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Strip(buffer, mx));
     ASSERT_EQ(VSCAN_STATE_XFERRING, ds.Info().state);
     TW_PENDINGXFERS pending{};
     EXPECT_TWFAIL(TWCC_SEQERROR, ds.Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending))
@@ -472,7 +410,7 @@ TEST_F(VscanStripTest, EndXferInState7ButResetOnlyInState6) {
     EXPECT_EQ(2, count);
     EXPECT_EQ(VSCAN_STATE_XFERREADY, ds.Info().state);
 
-    ASSERT_TWRC(TWRC_SUCCESS, Strip(buffer, mx));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Strip(buffer, mx));
     EXPECT_EQ(0u, mx.YOffset) << "the next image from its top";
     ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
     EXPECT_EQ(1, count);
@@ -481,7 +419,7 @@ TEST_F(VscanStripTest, EndXferInState7ButResetOnlyInState6) {
     EXPECT_EQ(0, pending.Count);
     EXPECT_EQ(VSCAN_STATE_ENABLED, ds.Info().state);
     EXPECT_EQ(0, ds.Info().pending);
-    EXPECT_TWFAIL(TWCC_SEQERROR, Strip(buffer, mx)) << "nothing left to transfer";
+    EXPECT_TWFAIL(TWCC_SEQERROR, ds.Strip(buffer, mx)) << "nothing left to transfer";
 }
 
 } // namespace

@@ -1,8 +1,6 @@
 // Virtual scanner: native, file and memory transfers of every format, pixel by pixel, the feeder and pending counts.
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "VscanTest.h"
@@ -19,26 +17,18 @@ struct NamedFormat {
     Format format;
 };
 
-Format Make(int pixelType, int bitDepth, bool planar = false) {
-    Format f;
-    f.pixelType = pixelType;
-    f.bitDepth = bitDepth;
-    f.planar = planar;
-    return f;
-}
-
 // Every format with every mechanism: planar RGB negotiated gives planes in memory transfers and still a
 // chunky bitmap in native and file transfers.
 const NamedFormat kFormats[] = {
-    {"BW1", Make(TWPT_BW, 1)},
-    {"Gray8", Make(TWPT_GRAY, 8)},
-    {"Gray16", Make(TWPT_GRAY, 16)},
-    {"Palette4", Make(TWPT_PALETTE, 4)},
-    {"Palette8", Make(TWPT_PALETTE, 8)},
-    {"RGB24", Make(TWPT_RGB, 24)},
-    {"RGB48", Make(TWPT_RGB, 48)},
-    {"PlanarRGB24", Make(TWPT_RGB, 24, true)},
-    {"PlanarRGB48", Make(TWPT_RGB, 48, true)},
+    {"BW1", MakeFormat(TWPT_BW, 1)},
+    {"Gray8", MakeFormat(TWPT_GRAY, 8)},
+    {"Gray16", MakeFormat(TWPT_GRAY, 16)},
+    {"Palette4", MakeFormat(TWPT_PALETTE, 4)},
+    {"Palette8", MakeFormat(TWPT_PALETTE, 8)},
+    {"RGB24", MakeFormat(TWPT_RGB, 24)},
+    {"RGB48", MakeFormat(TWPT_RGB, 48)},
+    {"PlanarRGB24", MakeFormat(TWPT_RGB, 24, true)},
+    {"PlanarRGB48", MakeFormat(TWPT_RGB, 48, true)},
 };
 
 void PrintTo(const NamedFormat &f, std::ostream *os) {
@@ -49,68 +39,18 @@ std::string FormatName(const ::testing::TestParamInfo<NamedFormat> &info) {
     return info.param.name;
 }
 
-// The first pixel of a bitmap that differs from the page formula, or success.
-::testing::AssertionResult DibMatches(const Format &f, const Dib &dib, int width, int height, int page) {
-    for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-            std::vector<unsigned> got = ReadSamples(f, dib.Row(y), x);
-            if (f.pixelType == TWPT_RGB)
-                std::swap(got[0], got[2]); // bitmaps keep blue first
-            const std::vector<unsigned> want = ExpectedSamples(f, width, height, page, x, y);
-            if (got != want)
-                return ::testing::AssertionFailure()
-                       << "pixel (" << x << ", " << y << ") of page " << page << ": got "
-                       << ::testing::PrintToString(got) << ", expected " << ::testing::PrintToString(want);
-        }
-    }
-    return ::testing::AssertionSuccess();
-}
-
-// The colour table a bitmap must carry for a format.
-void ExpectColourTable(const Format &f, const Dib &dib) {
-    if (f.pixelType == TWPT_RGB || f.bitDepth == 16) {
-        EXPECT_EQ(0u, dib.colours.size());
-        return;
-    }
-    if (f.pixelType == TWPT_BW) {
-        ASSERT_EQ(2u, dib.colours.size());
-        const BYTE first = f.vanilla ? 255 : 0;
-        EXPECT_EQ(first, dib.colours[0].rgbRed);
-        EXPECT_EQ(255 - first, dib.colours[1].rgbBlue);
-        return;
-    }
-    ASSERT_EQ(static_cast<size_t>(1) << f.bitDepth, dib.colours.size());
-    for (size_t i = 0; i < dib.colours.size(); ++i) {
-        unsigned r = i, g = i, b = i;
-        if (f.pixelType == TWPT_PALETTE)
-            ExpectedPaletteEntry(f.bitDepth, static_cast<int>(i), r, g, b);
-        else if (f.vanilla)
-            r = g = b = 255 - i; // the ramp starts at white
-        EXPECT_EQ(r, dib.colours[i].rgbRed) << "entry " << i;
-        EXPECT_EQ(g, dib.colours[i].rgbGreen) << "entry " << i;
-        EXPECT_EQ(b, dib.colours[i].rgbBlue) << "entry " << i;
-    }
-}
-
-class VscanNativeTest : public VscanTest, public ::testing::WithParamInterface<NamedFormat> {};
-class VscanFileTest : public VscanTest, public ::testing::WithParamInterface<NamedFormat> {};
-class VscanMemoryTest : public VscanTest, public ::testing::WithParamInterface<NamedFormat> {};
 class VscanXferTest : public VscanTest {
 protected:
     // A native transfer in state 6, parsed; the source is left in state 7.
     void Native(Dib &dib) {
         TW_UINT32 handle = 0;
         ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle));
-        HGLOBAL memory = reinterpret_cast<HGLOBAL>(static_cast<UINT_PTR>(handle));
-        ASSERT_NE(nullptr, memory);
-        const auto *bytes = static_cast<const unsigned char *>(GlobalLock(memory));
-        ASSERT_NE(nullptr, bytes);
-        const bool parsed = ParseDib(bytes, GlobalSize(memory), dib);
-        GlobalUnlock(memory);
-        GlobalFree(memory);
-        ASSERT_TRUE(parsed) << "not a packed DIB";
+        ASSERT_TRUE(TakePackedDib(handle, dib)) << "the TW_UINT32 must hold a global memory handle of a packed DIB";
     }
 };
+class VscanNativeTest : public VscanXferTest, public ::testing::WithParamInterface<NamedFormat> {};
+class VscanFileTest : public VscanTest, public ::testing::WithParamInterface<NamedFormat> {};
+class VscanMemoryTest : public VscanTest, public ::testing::WithParamInterface<NamedFormat> {};
 
 TEST_P(VscanNativeTest, PackedDibBottomUpBgrWithColourTable) {
     const Format f = GetParam().format;
@@ -127,23 +67,12 @@ TEST_P(VscanNativeTest, PackedDibBottomUpBgrWithColourTable) {
     EXPECT_EQ(0, info.Planar) << "a bitmap is chunky";
     EXPECT_EQ(100, Fix32ToDouble(info.XResolution));
 
-    TW_UINT32 handle = 0;
-    ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle));
-    EXPECT_EQ(VSCAN_STATE_XFERRING, ds.Info().state);
-    HGLOBAL memory = reinterpret_cast<HGLOBAL>(static_cast<UINT_PTR>(handle));
-    const auto *bytes = static_cast<const unsigned char *>(GlobalLock(memory));
-    ASSERT_NE(nullptr, bytes) << "the TW_UINT32 must hold a global memory handle";
     Dib dib;
-    ASSERT_TRUE(ParseDib(bytes, GlobalSize(memory), dib));
-    GlobalUnlock(memory);
-    GlobalFree(memory);
-    EXPECT_EQ(kWidth, dib.header.biWidth);
-    EXPECT_EQ(kHeight, dib.header.biHeight) << "positive height: bottom-up";
-    EXPECT_EQ(f.bitDepth, dib.header.biBitCount);
-    EXPECT_EQ(static_cast<DWORD>(BI_RGB), dib.header.biCompression);
+    Native(dib);
+    EXPECT_EQ(VSCAN_STATE_XFERRING, ds.Info().state);
+    ASSERT_FALSE(HasFatalFailure());
+    ExpectDib(f, dib, kWidth, kHeight, 1);
     EXPECT_EQ(3937, dib.header.biXPelsPerMeter);
-    ExpectColourTable(f, dib);
-    EXPECT_TRUE(DibMatches(f, dib, kWidth, kHeight, 1));
 
     TW_UINT16 count = 99;
     EXPECT_TWRC(TWRC_SUCCESS, EndXfer(count));
@@ -169,21 +98,11 @@ TEST_P(VscanFileTest, BmpFileWhereSetupFileXferSaid) {
     EXPECT_EQ(0, ImageInfo().Planar) << "a bitmap is chunky";
     ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGEFILEXFER, MSG_GET, nullptr));
 
-    std::ifstream file(path, std::ios::binary);
-    ASSERT_TRUE(file.good()) << path;
-    const std::vector<unsigned char> bmp((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    file.close();
-    DeleteFileA(path.c_str());
-    ASSERT_GT(bmp.size(), sizeof(BITMAPFILEHEADER));
-    BITMAPFILEHEADER header;
-    std::memcpy(&header, bmp.data(), sizeof header);
-    EXPECT_EQ(0x4d42, header.bfType);
-    EXPECT_EQ(bmp.size(), header.bfSize);
     Dib dib;
-    ASSERT_TRUE(ParseDib(bmp.data() + sizeof header, bmp.size() - sizeof header, dib));
-    EXPECT_EQ(sizeof header + sizeof(BITMAPINFOHEADER) + dib.colours.size() * sizeof(RGBQUAD), header.bfOffBits);
-    ExpectColourTable(f, dib);
-    EXPECT_TRUE(DibMatches(f, dib, kWidth, kHeight, 1));
+    ReadBmpFile(path, dib);
+    DeleteFileA(path.c_str());
+    ASSERT_FALSE(HasFatalFailure());
+    ExpectDib(f, dib, kWidth, kHeight, 1);
 }
 INSTANTIATE_TEST_SUITE_P(Formats, VscanFileTest, ::testing::ValuesIn(kFormats), FormatName);
 
@@ -194,7 +113,7 @@ TEST_P(VscanMemoryTest, StripsOfWholeRowsInRgbOrder) {
     TW_SETUPMEMXFER setup{};
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup));
     const int samples = f.pixelType == TWPT_RGB ? 3 : 1;
-    const unsigned rowBytes = f.planar ? kWidth * f.bitDepth / 3 / 8 : (kWidth * f.bitDepth + 7) / 8;
+    const unsigned rowBytes = MemoryRowBytes(f, kWidth);
     EXPECT_EQ(rowBytes, setup.MinBufSize);
     EXPECT_LE(setup.MinBufSize, setup.Preferred);
     EXPECT_LE(setup.Preferred, setup.MaxBufSize);
@@ -210,11 +129,8 @@ TEST_P(VscanMemoryTest, StripsOfWholeRowsInRgbOrder) {
     int strips = 0;
     for (int plane = 0; plane < planes; ++plane) {
         for (int y = 0; y < kHeight;) {
-            TW_IMAGEMEMXFER mx{};
-            mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
-            mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
-            mx.Memory.TheMem = buffer.data();
-            const TW_UINT16 rc = ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx);
+            TW_IMAGEMEMXFER mx;
+            const TW_UINT16 rc = ds.Strip(buffer, mx);
             const unsigned rows = std::min<unsigned>(rowsPerStrip, kHeight - y);
             const bool last = plane == planes - 1 && y + static_cast<int>(rows) == kHeight;
             ASSERT_TWRC(last ? TWRC_XFERDONE : TWRC_SUCCESS, rc) << "plane " << plane << " row " << y;
@@ -226,16 +142,7 @@ TEST_P(VscanMemoryTest, StripsOfWholeRowsInRgbOrder) {
             EXPECT_EQ(static_cast<TW_UINT32>(kWidth), mx.Columns);
             EXPECT_EQ(rows * rowBytes, mx.BytesWritten);
             EXPECT_EQ(TWCP_NONE, mx.Compression);
-            for (unsigned r = 0; r < rows; ++r) {
-                for (int x = 0; x < kWidth; ++x) {
-                    std::vector<unsigned> want = ExpectedSamples(f, kWidth, kHeight, 1, x, y + r);
-                    if (f.planar)
-                        want = {want[plane]};
-                    const std::vector<unsigned> got =
-                        ReadSamples(f, buffer.data() + r * rowBytes, x, f.planar ? plane : -1);
-                    ASSERT_EQ(want, got) << "plane " << plane << " pixel (" << x << ", " << y + r << ")";
-                }
-            }
+            ASSERT_TRUE(StripRowsMatch(f, buffer.data(), rowBytes, kWidth, kHeight, 1, y, rows, f.planar ? plane : -1));
             y += rows;
             ++strips;
         }
@@ -260,12 +167,12 @@ struct SetupCase {
     TW_UINT32 min, preferred, max;
 };
 const SetupCase kSetupCases[] = {
-    {"small gray", Make(TWPT_GRAY, 8), 1, 0.5, 100, 1, 100, 655 * 100, 655 * 100},
-    {"bed of gray", Make(TWPT_GRAY, 8), 8.5, 14, 100, 1, 850, 77 * 850, 850 * 1400},
-    {"bed of RGB", Make(TWPT_RGB, 24), 8.5, 14, 100, 1, 2550, 25 * 2550, 2550 * 1400},
-    {"bed of planar RGB", Make(TWPT_RGB, 24, true), 8.5, 14, 100, 1, 850, 77 * 850, 850 * 1400},
-    {"bed of BW", Make(TWPT_BW, 1), 8.5, 14, 100, 1, 107, 612 * 107, 107 * 1400},
-    {"rows above 64 KB", Make(TWPT_RGB, 48), 8.5, 1, 400, 4, 81600, 81600, 81600 * 100},
+    {"small gray", MakeFormat(TWPT_GRAY, 8), 1, 0.5, 100, 1, 100, 655 * 100, 655 * 100},
+    {"bed of gray", MakeFormat(TWPT_GRAY, 8), 8.5, 14, 100, 1, 850, 77 * 850, 850 * 1400},
+    {"bed of RGB", MakeFormat(TWPT_RGB, 24), 8.5, 14, 100, 1, 2550, 25 * 2550, 2550 * 1400},
+    {"bed of planar RGB", MakeFormat(TWPT_RGB, 24, true), 8.5, 14, 100, 1, 850, 77 * 850, 850 * 1400},
+    {"bed of BW", MakeFormat(TWPT_BW, 1), 8.5, 14, 100, 1, 107, 612 * 107, 107 * 1400},
+    {"rows above 64 KB", MakeFormat(TWPT_RGB, 48), 8.5, 1, 400, 4, 81600, 81600, 81600 * 100},
 };
 
 TEST_F(VscanXferTest, SetupMemXferSizesOfEachImage) {
@@ -287,7 +194,7 @@ TEST_F(VscanXferTest, SetupMemXferSizesOfEachImage) {
 
 TEST_F(VscanXferTest, MemoryBufferByHandleAndTooSmallBuffers) {
     OpenSmall();
-    Negotiate(Make(TWPT_GRAY, 8), TWSX_MEMORY);
+    Negotiate(MakeFormat(TWPT_GRAY, 8), TWSX_MEMORY);
     EnableToReady();
     TW_IMAGEMEMXFER mx{};
     std::vector<unsigned char> small(kWidth - 1);
@@ -303,7 +210,7 @@ TEST_F(VscanXferTest, MemoryBufferByHandleAndTooSmallBuffers) {
     ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx));
     EXPECT_EQ(static_cast<TW_UINT32>(kHeight), mx.Rows);
     const auto *bytes = static_cast<const unsigned char *>(GlobalLock(handle));
-    EXPECT_EQ(ExpectedSamples(Make(TWPT_GRAY, 8), kWidth, kHeight, 1, 30, 20)[0], bytes[20 * kWidth + 30]);
+    EXPECT_EQ(ExpectedSamples(MakeFormat(TWPT_GRAY, 8), kWidth, kHeight, 1, 30, 20)[0], bytes[20 * kWidth + 30]);
     GlobalUnlock(handle);
     GlobalFree(handle);
 }
@@ -326,7 +233,7 @@ TEST_F(VscanXferTest, ResolutionScalingAndPaperSizeSetTheImageSize) {
     EXPECT_EQ(100, dib.header.biWidth);
     EXPECT_EQ(150, dib.header.biHeight);
     EXPECT_EQ(7874, dib.header.biXPelsPerMeter);
-    EXPECT_TRUE(DibMatches(Make(TWPT_GRAY, 8), dib, 100, 150, 1));
+    EXPECT_TRUE(DibMatches(MakeFormat(TWPT_GRAY, 8), dib, 100, 150, 1));
     TW_UINT16 count;
     EndXfer(count);
     ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, nullptr));
@@ -353,7 +260,7 @@ TEST_F(VscanXferTest, YScalingSetsTheHeight) {
     Dib dib;
     Native(dib);
     EXPECT_EQ(75, dib.header.biHeight);
-    EXPECT_TRUE(DibMatches(Make(TWPT_GRAY, 8), dib, kWidth, 75, 1));
+    EXPECT_TRUE(DibMatches(MakeFormat(TWPT_GRAY, 8), dib, kWidth, 75, 1));
 }
 
 TEST_F(VscanXferTest, ImageInfoResolutionIsPerCurrentUnitAndTheSizeStays) {
@@ -374,13 +281,13 @@ TEST_F(VscanXferTest, ImageInfoResolutionIsPerCurrentUnitAndTheSizeStays) {
 
 TEST_F(VscanXferTest, ThresholdAndPixelFlavourDecideBlackAndWhite) {
     OpenSmall();
-    Negotiate(Make(TWPT_BW, 1), TWSX_NATIVE);
+    Negotiate(MakeFormat(TWPT_BW, 1), TWSX_NATIVE);
     ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_THRESHOLD, TWTY_FIX32, 60));
     ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(ICAP_PIXELFLAVOR, TWTY_UINT16, TWPF_VANILLA));
     EnableToReady();
     Dib dib;
     Native(dib);
-    Format f = Make(TWPT_BW, 1);
+    Format f = MakeFormat(TWPT_BW, 1);
     f.threshold = 60;
     f.vanilla = true;
     ExpectColourTable(f, dib);
@@ -390,7 +297,7 @@ TEST_F(VscanXferTest, ThresholdAndPixelFlavourDecideBlackAndWhite) {
 }
 
 TEST_F(VscanXferTest, VanillaInvertsGraySamplesButNotPaletteIndexes) {
-    for (Format f : {Make(TWPT_GRAY, 8), Make(TWPT_GRAY, 16), Make(TWPT_PALETTE, 8)}) {
+    for (Format f : {MakeFormat(TWPT_GRAY, 8), MakeFormat(TWPT_GRAY, 16), MakeFormat(TWPT_PALETTE, 8)}) {
         SCOPED_TRACE(std::to_string(f.pixelType) + "/" + std::to_string(f.bitDepth));
         f.vanilla = true;
         ds.reset();
@@ -428,10 +335,7 @@ TEST_F(VscanXferTest, VanillaInvertsGraySamplesButNotPaletteIndexes) {
         mx.Memory.Length = static_cast<TW_UINT32>(image.size());
         mx.Memory.TheMem = image.data();
         ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx));
-        for (int y = 0; y < kHeight; ++y)
-            for (int x = 0; x < kWidth; ++x)
-                ASSERT_EQ(ExpectedSamples(f, kWidth, kHeight, 1, x, y), ReadSamples(f, &image[y * rowBytes], x))
-                    << "memory pixel (" << x << ", " << y << ")";
+        ASSERT_TRUE(StripRowsMatch(f, image.data(), rowBytes, kWidth, kHeight, 1, 0, kHeight)) << "memory pixels";
     }
 }
 
@@ -530,9 +434,9 @@ TEST_F(VscanXferTest, FeederDeliversNumberedPagesUntilEmpty) {
         EXPECT_EQ(static_cast<TW_UINT32>(page), layout.PageNumber);
         Dib dib;
         Native(dib);
-        EXPECT_TRUE(DibMatches(Make(TWPT_GRAY, 8), dib, kWidth, kHeight, page));
+        EXPECT_TRUE(DibMatches(MakeFormat(TWPT_GRAY, 8), dib, kWidth, kHeight, page));
         if (page == 2) { // the page number is in the pixels: page 1's would differ
-            EXPECT_FALSE(DibMatches(Make(TWPT_GRAY, 8), dib, kWidth, kHeight, 1));
+            EXPECT_FALSE(DibMatches(MakeFormat(TWPT_GRAY, 8), dib, kWidth, kHeight, 1));
         }
         TW_UINT16 count = 99;
         ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
@@ -572,7 +476,7 @@ TEST_F(VscanXferTest, XferCountAndImageDataSetChooseTheBatch) {
     for (int page : {5, 2}) {
         Dib dib;
         Native(dib);
-        EXPECT_TRUE(DibMatches(Make(TWPT_RGB, 24), dib, kWidth, kHeight, page)) << "page " << page;
+        EXPECT_TRUE(DibMatches(MakeFormat(TWPT_RGB, 24), dib, kWidth, kHeight, page)) << "page " << page;
         ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
     }
     EXPECT_EQ(0, count);
@@ -597,20 +501,17 @@ TEST_F(VscanXferTest, EndingAnImageHalfwayThroughAMemoryTransfer) {
     ds.setPages(2);
     OpenSmall();
     ASSERT_TWRC(TWRC_SUCCESS, ds.SetCap(CAP_FEEDERENABLED, TWTY_BOOL, 1));
-    Negotiate(Make(TWPT_GRAY, 8), TWSX_MEMORY);
+    Negotiate(MakeFormat(TWPT_GRAY, 8), TWSX_MEMORY);
     EnableToReady();
     std::vector<unsigned char> buffer(kWidth * 10);
-    TW_IMAGEMEMXFER mx{};
-    mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
-    mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
-    mx.Memory.TheMem = buffer.data();
-    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx));
+    TW_IMAGEMEMXFER mx;
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Strip(buffer, mx));
     TW_UINT16 count;
     ASSERT_TWRC(TWRC_SUCCESS, EndXfer(count));
     EXPECT_EQ(1, count);
-    ASSERT_TWRC(TWRC_SUCCESS, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx));
+    ASSERT_TWRC(TWRC_SUCCESS, ds.Strip(buffer, mx));
     EXPECT_EQ(0u, mx.YOffset) << "the next image starts at its top";
-    EXPECT_EQ(ExpectedSamples(Make(TWPT_GRAY, 8), kWidth, kHeight, 2, 50, 5)[0], buffer[5 * kWidth + 50]);
+    EXPECT_EQ(ExpectedSamples(MakeFormat(TWPT_GRAY, 8), kWidth, kHeight, 2, 50, 5)[0], buffer[5 * kWidth + 50]);
 }
 
 } // namespace

@@ -10,16 +10,14 @@ static inline void TwainDllPath(char path[MAX_PATH]) {
     lstrcatA(path, "\\TWAIN_32.DLL");
 }
 
-/* How long placing or removing TWAIN_32.DLL waits for another process that still holds the file: a test program
-   that crashed or was stopped a moment ago may still be going away. */
+/* How long placing or removing a file of the prefix (TWAIN_32.DLL, a source) waits for another process that still
+   holds the file: a test program that crashed or was stopped a moment ago may still be going away. */
 #define SMT_TWAIN_WAIT_MS 60000
 
-/* One try of PlaceTwainDll; on failure GetLastError says why (a sharing violation while another process holds the
-   file). */
-static inline BOOL PlaceTwainDllOnce(const char *fileName) {
-    char target[MAX_PATH];
+/* One try of replacing `target` by `fileName` from the running program's directory, or of only removing it when
+   `fileName` is NULL; on failure GetLastError says why (a sharing violation while another process holds the file). */
+static inline BOOL PlaceFileOnce(const char *fileName, const char *target) {
     char source[MAX_PATH];
-    TwainDllPath(target);
     if (!DeleteFileA(target) && GetLastError() != ERROR_FILE_NOT_FOUND)
         return FALSE;
     if (!fileName)
@@ -34,13 +32,19 @@ static inline BOOL PlaceTwainDllOnce(const char *fileName) {
     return CopyFileA(source, target, FALSE);
 }
 
-/* Replaces <windows>\TWAIN_32.DLL by `fileName` from the running program's directory, or only removes it when
-   `fileName` is NULL, trying again for up to `waitMs` milliseconds while another process holds the file. Nonzero on
+/* One try of PlaceTwainDll. */
+static inline BOOL PlaceTwainDllOnce(const char *fileName) {
+    char target[MAX_PATH];
+    TwainDllPath(target);
+    return PlaceFileOnce(fileName, target);
+}
+
+/* PlaceFileOnce, tried again for up to `waitMs` milliseconds while another process holds the file. Nonzero on
    success; on failure GetLastError tells the last try's reason. */
-static inline BOOL PlaceTwainDllWithin(const char *fileName, DWORD waitMs) {
+static inline BOOL PlaceFileWithin(const char *fileName, const char *target, DWORD waitMs) {
     const DWORD step = 100;
     for (DWORD waited = 0;; waited += step) {
-        if (PlaceTwainDllOnce(fileName))
+        if (PlaceFileOnce(fileName, target))
             return TRUE;
         DWORD error = GetLastError();
         if (waited >= waitMs ||
@@ -49,6 +53,15 @@ static inline BOOL PlaceTwainDllWithin(const char *fileName, DWORD waitMs) {
         Sleep(step);
         SetLastError(error);
     }
+}
+
+/* Replaces <windows>\TWAIN_32.DLL by `fileName` from the running program's directory, or only removes it when
+   `fileName` is NULL, waiting for up to `waitMs` milliseconds while another process holds the file, as
+   PlaceFileWithin does. */
+static inline BOOL PlaceTwainDllWithin(const char *fileName, DWORD waitMs) {
+    char target[MAX_PATH];
+    TwainDllPath(target);
+    return PlaceFileWithin(fileName, target, waitMs);
 }
 
 /* PlaceTwainDllWithin with the usual wait. */

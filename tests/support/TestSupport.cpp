@@ -51,19 +51,31 @@ std::string TwainPath() {
 void InstallDsm(Dsm which) {
     // In the order of Dsm: nothing, the stand-in, its variant without DSM_Entry.
     static const char *const files[] = {nullptr, "testdsm.dll", "testdsm_noentry.dll"};
-    const std::string problem = PlaceTwainDllOrExplain(files[static_cast<int>(which)], SMT_TWAIN_WAIT_MS);
-    if (!problem.empty()) {
-        std::fprintf(stderr, "test support: %s\n", problem.c_str());
-        std::abort();
-    }
+    PlaceFileOrStop(files[static_cast<int>(which)], TwainPath(), "test support");
 }
 
 std::string PlaceTwainDllOrExplain(const char *fileName, DWORD waitMs) {
-    if (PlaceTwainDllWithin(fileName, waitMs))
+    return PlaceFileOrExplain(fileName, TwainPath(), waitMs);
+}
+
+std::string PlaceFileOrExplain(const char *fileName, const std::string &target, DWORD waitMs) {
+    if (PlaceFileWithin(fileName, target.c_str(), waitMs))
         return "";
     const DWORD error = GetLastError();
-    return std::string(fileName ? "placing " : "removing ") + "TWAIN_32.DLL failed (error " + std::to_string(error) +
-           ") after waiting " + std::to_string(waitMs / 1000) + " s: " + TwainDllHolders();
+    // Named from the Windows directory on: "TWAIN_32.DLL", "twain_32\vscan.ds".
+    const std::string windows = WindowsDir() + "\\";
+    const bool inWindows = lstrcmpiA(target.substr(0, windows.size()).c_str(), windows.c_str()) == 0;
+    const std::string name = inWindows ? target.substr(windows.size()) : target;
+    return std::string(fileName ? "placing " : "removing ") + name + " failed (error " + std::to_string(error) +
+           ") after waiting " + std::to_string(waitMs / 1000) + " s: " + ModuleHolders(target);
+}
+
+void PlaceFileOrStop(const char *fileName, const std::string &target, const char *who) {
+    const std::string problem = PlaceFileOrExplain(fileName, target, SMT_TWAIN_WAIT_MS);
+    if (!problem.empty()) {
+        std::fprintf(stderr, "%s: %s\n", who, problem.c_str());
+        std::abort();
+    }
 }
 
 namespace {
@@ -101,14 +113,17 @@ std::string ProcessName(const PROCESSENTRY32 &process) {
 } // namespace
 
 std::string TwainDllHolders() {
-    const std::string twain = TwainPath();
+    return ModuleHolders(TwainPath());
+}
+
+std::string ModuleHolders(const std::string &path) {
     std::string holders;
     std::string others;
     ForEachOtherProcess([&](const PROCESSENTRY32 &process) {
-        std::string &list = HasModuleLoaded(process.th32ProcessID, twain) ? holders : others;
+        std::string &list = HasModuleLoaded(process.th32ProcessID, path) ? holders : others;
         list += (list.empty() ? "" : ", ") + ProcessName(process);
     });
-    if (IsLoaded(twain))
+    if (IsLoaded(path))
         holders = "this test program" + (holders.empty() ? "" : ", " + holders);
     if (!holders.empty())
         return "held by " + holders;

@@ -28,9 +28,16 @@ void InstallDsm(Dsm which);
 // Places `fileName` from the bin directory as TWAIN_32.DLL (NULL: removes it), waiting up to `waitMs` for a process
 // that holds the file. "" on success, else what went wrong and who holds the file.
 std::string PlaceTwainDllOrExplain(const char *fileName, DWORD waitMs);
+// The same for any file of the prefix: `fileName` from the bin directory as `target` (a full path; NULL: removes it).
+std::string PlaceFileOrExplain(const char *fileName, const std::string &target, DWORD waitMs);
+// PlaceFileOrExplain with the usual wait of a minute; when it gives up, `who` and the explanation go to stderr and the
+// test program stops.
+void PlaceFileOrStop(const char *fileName, const std::string &target, const char *who);
 // The processes that have TWAIN_32.DLL of the Windows directory loaded, as "name.exe (pid N)", comma-separated;
 // when none has, the other programs running in the prefix.
 std::string TwainDllHolders();
+// The same for the module at `path`.
+std::string ModuleHolders(const std::string &path);
 
 // The exception code that a read of an unmapped address raises in this process: EXCEPTION_ACCESS_VIOLATION where
 // 32-bit code runs natively. qemu-user hands Wine such a fault without its trap number, and Wine then raises

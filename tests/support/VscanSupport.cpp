@@ -4,9 +4,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "TestSupport.h"
+#include "VscanTest.h"
 
 namespace smtest {
 
@@ -183,6 +186,46 @@ std::vector<unsigned> ReadSamples(const Format &f, const unsigned char *row, int
     for (int i = 0; i < 3; ++i)
         rgb.push_back(wide ? Get16(row + 6 * x + 2 * i) : row[3 * x + i]);
     return rgb;
+}
+
+Format MakeFormat(int pixelType, int bitDepth, bool planar) {
+    Format f;
+    f.pixelType = pixelType;
+    f.bitDepth = bitDepth;
+    f.planar = planar;
+    return f;
+}
+
+unsigned MemoryRowBytes(const Format &f, int width) {
+    const int bits = f.planar ? f.bitDepth / 3 : f.bitDepth;
+    return (static_cast<unsigned>(width) * bits + 7) / 8;
+}
+
+::testing::AssertionResult PixelsMatch(const Format &f, int width, int height, int page, int top, int rows, int plane,
+                                       const std::function<std::vector<unsigned>(int x, int y)> &read) {
+    for (int y = top; y < top + rows; ++y)
+        for (int x = 0; x < width; ++x) {
+            std::vector<unsigned> want = ExpectedSamples(f, width, height, page, x, y);
+            if (plane >= 0)
+                want = {want[plane]};
+            const std::vector<unsigned> got = read(x, y);
+            if (got != want) {
+                ::testing::AssertionResult failure = ::testing::AssertionFailure();
+                failure << "pixel (" << x << ", " << y << ") of page " << page;
+                if (plane >= 0)
+                    failure << " in plane " << plane;
+                return failure << ": got " << ::testing::PrintToString(got) << ", expected "
+                               << ::testing::PrintToString(want);
+            }
+        }
+    return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult StripRowsMatch(const Format &f, const unsigned char *strip, unsigned stride, int width,
+                                          int height, int page, int y, unsigned rows, int plane) {
+    return PixelsMatch(f, width, height, page, y, static_cast<int>(rows), plane, [&](int x, int row) {
+        return ReadSamples(f, strip + static_cast<size_t>(row - y) * stride, x, plane);
+    });
 }
 
 Container TakeContainer(TW_CAPABILITY &cap) {
@@ -392,6 +435,21 @@ TW_UINT16 VscanLibrary::SetFrame(double left, double top, double right, double b
     return Call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, &layout);
 }
 
+TW_SETUPMEMXFER VscanLibrary::SetupMem() {
+    TW_SETUPMEMXFER setup{1, 1, 1};
+    EXPECT_TRUE(TwrcIs(*this, TWRC_SUCCESS, Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup),
+                       "DG_CONTROL/DAT_SETUPMEMXFER/MSG_GET"));
+    return setup;
+}
+
+TW_UINT16 VscanLibrary::Strip(std::vector<unsigned char> &buffer, TW_IMAGEMEMXFER &mx) {
+    mx = TW_IMAGEMEMXFER{};
+    mx.Memory.Flags = TWMF_APPOWNS | TWMF_POINTER;
+    mx.Memory.Length = static_cast<TW_UINT32>(buffer.size());
+    mx.Memory.TheMem = buffer.data();
+    return Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &mx);
+}
+
 TW_UINT16 WaitForSourceMessage(const std::function<TW_UINT16(TW_EVENT &)> &processEvent, DWORD ms) {
     const DWORD start = GetTickCount();
     while (GetTickCount() - start < ms) {
@@ -444,6 +502,83 @@ bool ParseDib(const unsigned char *data, size_t size, Dib &out) {
     std::memcpy(out.colours.data(), data + h.biSize, colours * sizeof(RGBQUAD));
     out.bits.assign(data + offset, data + offset + bits);
     return true;
+}
+
+::testing::AssertionResult ReadPackedDib(HGLOBAL handle, Dib &out) {
+    if (!handle)
+        return ::testing::AssertionFailure() << "no handle";
+    const auto *bytes = static_cast<const unsigned char *>(GlobalLock(handle));
+    if (!bytes)
+        return ::testing::AssertionFailure()
+               << "GlobalLock found no memory behind the handle (error " << GetLastError() << ")";
+    const SIZE_T size = GlobalSize(handle);
+    const bool parsed = ParseDib(bytes, size, out);
+    GlobalUnlock(handle);
+    if (!parsed)
+        return ::testing::AssertionFailure()
+               << "the handle's " << size << " bytes are not a packed DIB with a BITMAPINFOHEADER";
+    return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult TakePackedDib(TW_UINT32 handle, Dib &out) {
+    HGLOBAL memory = reinterpret_cast<HGLOBAL>(static_cast<UINT_PTR>(handle));
+    const ::testing::AssertionResult read = ReadPackedDib(memory, out);
+    if (memory)
+        GlobalFree(memory);
+    return read;
+}
+
+void ReadBmpFile(const std::string &path, Dib &out) {
+    std::ifstream file(path, std::ios::binary);
+    ASSERT_TRUE(file.good()) << "no file " << path;
+    const std::vector<unsigned char> bmp((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    ASSERT_GT(bmp.size(), sizeof(BITMAPFILEHEADER)) << path;
+    BITMAPFILEHEADER header;
+    std::memcpy(&header, bmp.data(), sizeof header);
+    EXPECT_EQ(0x4d42, header.bfType) << "\"BM\"";
+    EXPECT_EQ(bmp.size(), header.bfSize) << "the size of the file";
+    ASSERT_TRUE(ParseDib(bmp.data() + sizeof header, bmp.size() - sizeof header, out)) << "not a BMP file: " << path;
+    EXPECT_EQ(sizeof header + sizeof(BITMAPINFOHEADER) + out.colours.size() * sizeof(RGBQUAD), header.bfOffBits)
+        << "the bits right behind the colour table";
+}
+
+::testing::AssertionResult DibMatches(const Format &f, const Dib &dib, int width, int height, int page) {
+    return PixelsMatch(f, width, height, page, 0, height, -1, [&](int x, int y) {
+        std::vector<unsigned> samples = ReadSamples(f, dib.Row(y), x);
+        if (f.pixelType == TWPT_RGB)
+            std::swap(samples[0], samples[2]); // bitmaps keep blue first
+        return samples;
+    });
+}
+
+void ExpectColourTable(const Format &f, const Dib &dib) {
+    if (f.pixelType == TWPT_RGB || f.bitDepth == 16) {
+        EXPECT_EQ(0u, dib.colours.size()) << "no colour table for 16-bit gray and RGB";
+        return;
+    }
+    ASSERT_EQ(static_cast<size_t>(1) << f.bitDepth, dib.colours.size());
+    for (size_t i = 0; i < dib.colours.size(); ++i) {
+        unsigned r = static_cast<unsigned>(i), g = r, b = r;
+        if (f.pixelType == TWPT_BW)
+            r = g = b = (i == 1) != f.vanilla ? 255 : 0;
+        else if (f.pixelType == TWPT_PALETTE)
+            ExpectedPaletteEntry(f.bitDepth, static_cast<int>(i), r, g, b);
+        else if (f.vanilla)
+            r = g = b = 255 - r; // the ramp starts at white
+        EXPECT_EQ(r, dib.colours[i].rgbRed) << "entry " << i;
+        EXPECT_EQ(g, dib.colours[i].rgbGreen) << "entry " << i;
+        EXPECT_EQ(b, dib.colours[i].rgbBlue) << "entry " << i;
+    }
+}
+
+void ExpectDib(const Format &f, const Dib &dib, int width, int height, int page) {
+    EXPECT_EQ(width, dib.header.biWidth);
+    EXPECT_EQ(height, dib.header.biHeight) << "positive: bottom-up";
+    EXPECT_EQ(1, dib.header.biPlanes);
+    EXPECT_EQ(f.bitDepth, dib.header.biBitCount);
+    EXPECT_EQ(static_cast<DWORD>(BI_RGB), dib.header.biCompression);
+    ExpectColourTable(f, dib);
+    EXPECT_TRUE(DibMatches(f, dib, width, height, page));
 }
 
 } // namespace smtest

@@ -3,6 +3,8 @@
 
 #include <windows.h>
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -46,6 +48,10 @@ struct Format {
     int threshold = 128;
     bool vanilla = false; // TWPF_VANILLA: black-and-white bits and gray samples inverted, palette indexes not
 };
+// `bitDepth` bits a pixel of `pixelType` (TWPT_*), chunky unless `planar`.
+Format MakeFormat(int pixelType, int bitDepth, bool planar = false);
+// Bytes of a row of `width` pixels in a memory transfer, unpadded: one plane's samples for planar RGB.
+unsigned MemoryRowBytes(const Format &f, int width);
 // Channels of the pixel as a transfer must deliver it: {bit} for black and white, {index} for palette images,
 // {gray} for gray, {r, g, b} for RGB (8-bit formats keep the high byte of each 16-bit value).
 std::vector<unsigned> ExpectedSamples(const Format &f, int width, int height, int page, int x, int y);
@@ -55,6 +61,15 @@ void ExpectedPaletteEntry(int depth, int index, unsigned &r, unsigned &g, unsign
 // Reads pixel `x` of a row in memory-transfer layout (samples in RGB order, 16-bit little-endian); `plane` >= 0
 // reads one channel of a planar row.
 std::vector<unsigned> ReadSamples(const Format &f, const unsigned char *row, int x, int plane = -1);
+
+// The first pixel (x, y) of rows [top, top + rows) of page `page` (`width` x `height` pixels) whose samples, as
+// `read(x, y)` gives them, differ from the formula's (its channel `plane` alone when `plane` >= 0), or success.
+::testing::AssertionResult PixelsMatch(const Format &f, int width, int height, int page, int top, int rows, int plane,
+                                       const std::function<std::vector<unsigned>(int x, int y)> &read);
+// The first pixel of rows [y, y + rows) of a memory strip, the rows `stride` bytes apart from `strip` on and in the
+// memory-transfer layout (one plane's samples when `plane` >= 0), that differs from page `page`, or success.
+::testing::AssertionResult StripRowsMatch(const Format &f, const unsigned char *strip, unsigned stride, int width,
+                                          int height, int page, int y, unsigned rows, int plane = -1);
 
 // --- Capability containers.
 
@@ -105,6 +120,11 @@ public:
     TW_UINT16 SetCapContainer(TW_UINT16 cap, TW_UINT16 conType, HGLOBAL container);
     // The frame in inches (units must be inches).
     TW_UINT16 SetFrame(double left, double top, double right, double bottom);
+    // DG_CONTROL / DAT_SETUPMEMXFER / MSG_GET: the three sizes, 1 each when the source did not answer TWRC_SUCCESS
+    // (a failure of the running test).
+    TW_SETUPMEMXFER SetupMem();
+    // DG_IMAGE / DAT_IMAGEMEMXFER / MSG_GET of one strip into all of `buffer`, lent by pointer; the strip in `mx`.
+    TW_UINT16 Strip(std::vector<unsigned char> &buffer, TW_IMAGEMEMXFER &mx);
     // Runs the message loop through MSG_PROCESSEVENT until the source reports an event, for at most `ms`;
     // MSG_NULL when none came.
     TW_UINT16 WaitEvent(DWORD ms = 2000);
@@ -142,5 +162,23 @@ struct Dib {
 };
 // Parses a packed DIB; false when its sizes do not add up.
 bool ParseDib(const unsigned char *data, size_t size, Dib &out);
+// Parses the packed DIB behind a global memory handle, which stays allocated.
+::testing::AssertionResult ReadPackedDib(HGLOBAL handle, Dib &out);
+// A native transfer's bitmap: parses the packed DIB behind the handle DAT_IMAGENATIVEXFER left in a TW_UINT32, then
+// frees it as the application must.
+::testing::AssertionResult TakePackedDib(TW_UINT32 handle, Dib &out);
+// Reads a BMP file: its BITMAPFILEHEADER ("BM", the size of the file, the offset of the bits behind the colour table)
+// and the packed DIB behind it. Fatal failures when there is no such file or no bitmap in it.
+void ReadBmpFile(const std::string &path, Dib &out);
+
+// The first pixel of a bitmap (rows top-down as Dib::Row gives them, RGB stored blue first) that differs from page
+// `page` of `width` x `height` pixels, or success.
+::testing::AssertionResult DibMatches(const Format &f, const Dib &dib, int width, int height, int page);
+// The colour table a bitmap of a format carries: black and white in the order of the bits (white first for
+// TWPF_VANILLA), the gray ramp (from white for TWPF_VANILLA), the scanner's palette; none for 16-bit gray and RGB.
+void ExpectColourTable(const Format &f, const Dib &dib);
+// A bitmap of page `page`: bottom-up, `width` x `height`, one plane, the format's bits a pixel, uncompressed, with the
+// format's colour table and the page's pixels.
+void ExpectDib(const Format &f, const Dib &dib, int width, int height, int page);
 
 } // namespace smtest
