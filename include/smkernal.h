@@ -134,8 +134,8 @@ typedef struct ScanCapRecord {
      into xferTarget during XferStart makes the module free that image's bitmap itself.
    - file (SM_XFER_FILE): the module's 256-byte file-name buffer. Write the file's name (at most
      255 characters and the NUL) into it during XferStart; the source writes a BMP file there. The
-     name is used as a wsprintf format, so "%%" stands for one "%" (other directives expand to
-     nothing useful). The buffer keeps the last name for the next image.
+     name is used as a wsprintf format, so "%%" stands for one "%"; other directives are given
+     zeros ("%d" gives "0", "%s" gives "(null)"). The buffer keeps the last name for the next image.
    - memory (SM_XFER_MEMORY): the buffer descriptor, {size, address} of the buffer the source
      writes each block into. The module fills it with a buffer of its own; write your own buffer's
      size and address into it (during XferStart or XferData) and the next block goes there (the

@@ -1,5 +1,4 @@
-// Transfers: the native, file and memory loops that the event filter runs, the transfer buffer and its descriptor,
-// and the block reader behind smReadBlock.
+// Transfers: the native, file and memory loops of the event filter, their buffer, and the reader behind smReadBlock.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
