@@ -32,15 +32,7 @@ protected:
     }
     // ICAP_UNITS of the open source, set through the module's own negotiation export.
     void SetSourceUnit(TW_UINT16 unit) {
-        HGLOBAL container = GlobalAlloc(GHND, sizeof(TW_ONEVALUE));
-        auto *one = static_cast<TW_ONEVALUE *>(GlobalLock(container));
-        one->ItemType = TWTY_UINT16;
-        one->Item = unit;
-        GlobalUnlock(container);
-        TW_CAPABILITY capability = {ICAP_UNITS, TWON_ONEVALUE, container};
-        const auto negotiate = library.Get<TW_UINT16(WINAPI *)(UINT, TW_CAPABILITY *)>("smCapNegotiate");
-        EXPECT_EQ(TWRC_SUCCESS, negotiate(MSG_SET, &capability));
-        GlobalFree(container);
+        EXPECT_EQ(TWRC_SUCCESS, SetOneValueThroughModule(library, ICAP_UNITS, TWTY_UINT16, unit));
         Reset();
     }
     // The frame of the last MSG_SET of DAT_IMAGELAYOUT since the mark, as {left, top, right, bottom}.

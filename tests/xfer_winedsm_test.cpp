@@ -51,24 +51,7 @@ protected:
     void Open(const AcquireCase &c) {
         ASSERT_EQ(SM_OK, openDS(app.Handle(), "Wine transfer test"));
         ASSERT_TRUE(scanner.Load(source)) << "the controls of the source Wine's manager loaded";
-        auto set = [this](const char *name, LONG value) { return library.Get<LONG(WINAPI *)(LONG)>(name)(value); };
-        ASSERT_EQ(SM_OK, set("smSetXferMech", c.mechanism));
-        ASSERT_EQ(SM_OK, set("smSetPixelType", 1L << c.format.pixelType));
-        ASSERT_EQ(SM_OK, set("smSetBitDepth", c.format.bitDepth));
-        if (c.format.planar) {
-            TW_CAPABILITY planar = {ICAP_PLANARCHUNKY, TWON_ONEVALUE, MakeOneValue(TWTY_UINT16, TWPC_PLANAR)};
-            const auto negotiate = library.Get<TW_UINT16(WINAPI *)(UINT, TW_CAPABILITY *)>("smCapNegotiate");
-            EXPECT_EQ(TWRC_SUCCESS, negotiate(MSG_SET, &planar));
-            GlobalFree(planar.hContainer);
-        }
-        ASSERT_EQ(SM_OK, set("smSetXResolution", 50));
-        ASSERT_EQ(SM_OK, set("smSetYResolution", 50));
-        ASSERT_EQ(SM_OK, library.Get<LONG(WINAPI *)(double)>("smSetXScale")(0.25));
-        ASSERT_EQ(SM_OK, library.Get<LONG(WINAPI *)(double)>("smSetYScale")(0.25));
-        if (c.pages > 1) {
-            scanner.setPages(c.pages);
-            ASSERT_EQ(SM_OK, set("smSetADFEnable", 1));
-        }
+        SetUpSmallPage(library, scanner, c.mechanism, c.format, c.pages);
         TrackAcquisitionMemory(tracker, library.Module(), scanner.Module());
         ASSERT_FALSE(HasFatalFailure());
         viewer.Clear();

@@ -581,4 +581,31 @@ void ExpectDib(const Format &f, const Dib &dib, int width, int height, int page)
     EXPECT_TRUE(DibMatches(f, dib, width, height, page));
 }
 
+TW_UINT16 SetOneValueThroughModule(const ScanLibrary &library, TW_UINT16 cap, TW_UINT16 itemType, double value) {
+    TW_CAPABILITY capability = {cap, TWON_ONEVALUE, MakeOneValue(itemType, value)};
+    const auto negotiate = library.Get<TW_UINT16(WINAPI *)(UINT, TW_CAPABILITY *)>("smCapNegotiate");
+    const TW_UINT16 rc = negotiate(MSG_SET, &capability);
+    GlobalFree(capability.hContainer);
+    return rc;
+}
+
+void SetUpSmallPage(const ScanLibrary &library, VscanLibrary &scanner, LONG mechanism, const Format &format,
+                    int pages) {
+    auto set = [&library](const char *name, LONG value) { return library.Get<LONG(WINAPI *)(LONG)>(name)(value); };
+    ASSERT_EQ(0, set("smSetXferMech", mechanism));
+    ASSERT_EQ(0, set("smSetPixelType", 1L << format.pixelType));
+    ASSERT_EQ(0, set("smSetBitDepth", format.bitDepth));
+    if (format.planar) {
+        EXPECT_EQ(TWRC_SUCCESS, SetOneValueThroughModule(library, ICAP_PLANARCHUNKY, TWTY_UINT16, TWPC_PLANAR));
+    }
+    ASSERT_EQ(0, set("smSetXResolution", 50));
+    ASSERT_EQ(0, set("smSetYResolution", 50));
+    ASSERT_EQ(0, library.Get<LONG(WINAPI *)(double)>("smSetXScale")(0.25));
+    ASSERT_EQ(0, library.Get<LONG(WINAPI *)(double)>("smSetYScale")(0.25));
+    if (pages > 1) {
+        scanner.setPages(pages);
+        ASSERT_EQ(0, set("smSetADFEnable", 1));
+    }
+}
+
 } // namespace smtest

@@ -85,6 +85,7 @@ struct Container {
 // Reads and frees the container of a capability answer.
 Container TakeContainer(TW_CAPABILITY &cap);
 HGLOBAL MakeOneValue(TW_UINT16 itemType, double value);
+
 HGLOBAL MakeEnumeration(TW_UINT16 itemType, const std::vector<double> &items, TW_UINT32 current, TW_UINT32 def = 0);
 HGLOBAL MakeArray(TW_UINT16 itemType, const std::vector<double> &items);
 HGLOBAL MakeRange(TW_UINT16 itemType, double min, double max, double step, double def, double cur);
@@ -150,6 +151,13 @@ public:
 private:
     HMODULE module_ = nullptr;
 };
+
+class ScanLibrary;
+// MSG_SET of one value through the module's own smCapNegotiate on the open source; its return code.
+TW_UINT16 SetOneValueThroughModule(const ScanLibrary &library, TW_UINT16 cap, TW_UINT16 itemType, double value);
+// Through the module's exports, on the open source: transfers by `mechanism` (SM_XFER_*) of the small page (50 dpi
+// scaled by a quarter) in `format`; `pages` above 1 are that many sheets of the feeder, which is enabled.
+void SetUpSmallPage(const ScanLibrary &library, VscanLibrary &scanner, LONG mechanism, const Format &format, int pages);
 
 // A packed DIB's parts, for checks of native transfers and BMP files.
 struct Dib {

@@ -23,29 +23,8 @@ void XferTest::TearDown() {
 
 void XferTest::Open(LONG mechanism, const Format &format, int pages) {
     ASSERT_EQ(SM_OK, openDS(app.Handle(), "Transfer test"));
-    auto call = [this](const char *name, LONG value) { return library.Get<LONG(WINAPI *)(LONG)>(name)(value); };
-    ASSERT_EQ(SM_OK, call("smSetXferMech", mechanism));
-    ASSERT_EQ(SM_OK, call("smSetPixelType", 1L << format.pixelType));
-    ASSERT_EQ(SM_OK, call("smSetBitDepth", format.bitDepth));
-    if (format.planar) {
-        HGLOBAL container = GlobalAlloc(GHND, sizeof(TW_ONEVALUE));
-        auto *one = static_cast<TW_ONEVALUE *>(GlobalLock(container));
-        one->ItemType = TWTY_UINT16;
-        one->Item = TWPC_PLANAR;
-        GlobalUnlock(container);
-        TW_CAPABILITY capability = {ICAP_PLANARCHUNKY, TWON_ONEVALUE, container};
-        const auto negotiate = library.Get<TW_UINT16(WINAPI *)(UINT, TW_CAPABILITY *)>("smCapNegotiate");
-        EXPECT_EQ(TWRC_SUCCESS, negotiate(MSG_SET, &capability));
-        GlobalFree(container);
-    }
-    ASSERT_EQ(SM_OK, call("smSetXResolution", 50));
-    ASSERT_EQ(SM_OK, call("smSetYResolution", 50));
-    ASSERT_EQ(SM_OK, library.Get<LONG(WINAPI *)(double)>("smSetXScale")(0.25));
-    ASSERT_EQ(SM_OK, library.Get<LONG(WINAPI *)(double)>("smSetYScale")(0.25));
-    if (pages > 1) {
-        scanner.setPages(pages);
-        ASSERT_EQ(SM_OK, call("smSetADFEnable", 1));
-    }
+    SetUpSmallPage(library, scanner, mechanism, format, pages);
+    ASSERT_FALSE(HasFatalFailure());
     Reset();
 }
 
