@@ -70,15 +70,6 @@ Strings PendingTriplets(const std::vector<TdsmCall> &calls) {
     return out;
 }
 
-// The notices without the memory transfer's blocks, as "XferStart", "XferEnd(-5)", "CloseDSReq".
-Strings Outline(const NotificationWindow &app) {
-    Strings out;
-    for (const Notice &notice : app.Notices())
-        if (notice.kind != NoticeKind::XferData)
-            out.push_back(notice.Brief());
-    return out;
-}
-
 // Index of the record of that level, source and text, or -1.
 int FindRecord(const std::vector<TraceLine> &records, const std::string &level, const std::string &source,
                const std::string &text) {
@@ -240,7 +231,7 @@ TEST_F(EventTest, TransferReadyRunsTheTransferBetweenTheCapturingRecords) {
     app.onXferStart = [&](const Notice &, ScanImageInfo *) { recordsAtStart = viewer.Records().size(); };
     app.onXferEnd = [&](const Notice &, ScanImageInfo *) { recordsAtEnd = viewer.Records().size(); };
     ASSERT_TRUE(Acquire());
-    EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     const std::vector<TraceLine> &records = viewer.Records();
     const int coming = FindRecord(records, "Trace", kFilter, kXferReadyComing);
     const int leaving = FindRecord(records, "Trace", kFilter, kXferReadyLeaving);
@@ -287,7 +278,7 @@ TEST_P(EventSuppressValueTest, TransferRunsAsWithoutTheSwitch) {
     ASSERT_EQ(static_cast<UINT>(GetParam()), suppress.Value());
     Open(SM_XFER_MEMORY);
     ASSERT_TRUE(Acquire());
-    EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     EXPECT_GE(app.Count(NoticeKind::XferData), 1);
     EXPECT_EQ(VSCAN_STATE_ENABLED, scanner.Info().state);
     EXPECT_EQ(1, scanner.Info().imagesDone);
@@ -331,7 +322,7 @@ TEST_F(EventTest, CloseRequestAfterTheImagesOfAnInterface) {
     scanner.setAutoScan(VSCAN_AUTO_SCAN_CLOSE);
     ASSERT_TRUE(Acquire(TRUE));
     Drain();
-    EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app))
+    EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline())
         << "the interface asks once; the module adds nothing with its interface shown";
     EXPECT_EQ(VSCAN_STATE_ENABLED, scanner.Info().state);
     EXPECT_EQ(1, viewer.CountText(kCloseComing));
@@ -345,7 +336,7 @@ TEST_F(EventTest, MechanismIsAskedOfTheSourceAtEveryTransferReady) {
     ASSERT_EQ(SM_OK, setXferMech(SM_XFER_MEMORY));
     Reset();
     ASSERT_TRUE(Acquire());
-    EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     EXPECT_EQ(0, app.Count(NoticeKind::XferData));
     EXPECT_EQ(SM_XFER_NATIVE, app.Notices()[0].image.mechanism);
     std::vector<TdsmCall> calls = CallsSinceMark();
@@ -371,7 +362,7 @@ TEST_F(EventTest, MechanismIsAskedOfTheSourceAtEveryTransferReady) {
               scanner.failTriplet(DG_CONTROL, DAT_CAPABILITY, MSG_GET, ICAP_XFERMECH, TWRC_FAILURE, TWCC_BUMMER, 1, 0));
     Reset();
     ASSERT_TRUE(Acquire());
-    EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     EXPECT_GE(app.Count(NoticeKind::XferData), 1) << "a failed question runs the memory transfer";
     EXPECT_EQ(SM_XFER_MEMORY, app.Notices()[0].image.mechanism);
     calls = CallsSinceMark();
@@ -393,7 +384,7 @@ TEST_F(EventTest, PixelTypeAboveEightKeepsThePreviousImagesFlag) {
             scanner.setFault(VSCAN_FAULT_IMAGEPIXELTYPE, 9);
     };
     ASSERT_TRUE(Acquire());
-    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     const std::vector<TdsmCall> calls = CallsSinceMark();
     const int second =
         FindTriplet(calls, DG_IMAGE, DAT_IMAGEINFO, MSG_GET, FindTriplet(calls, DG_IMAGE, DAT_IMAGEINFO, MSG_GET) + 1);
@@ -408,7 +399,7 @@ TEST_F(EventTest, PixelTypeAboveEightOnTheFirstImageKeepsZero) {
     Open(SM_XFER_NATIVE);
     ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_IMAGEPIXELTYPE, 9));
     ASSERT_TRUE(Acquire());
-    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     ASSERT_EQ(9, FirstImageInfo().PixelType);
     EXPECT_EQ(0, app.Notices()[0].image.pixelTypeFlag) << "a fresh library's record starts at 0";
 }
@@ -441,7 +432,7 @@ TEST_P(EventUnitFactorTest, ResolutionIsScaledByTheFactorOfTheUnit) {
     SetUnit(c.unit);
     Reset();
     ASSERT_TRUE(Acquire());
-    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     const TW_IMAGEINFO info = FirstImageInfo();
     const double x = Fix32ToDouble(info.XResolution), y = Fix32ToDouble(info.YResolution);
     const short expectedX = static_cast<short>(static_cast<int>(x * c.factor));
@@ -471,7 +462,7 @@ TEST_F(EventTest, NegativeResolutionIsStoredAsMinusOne) {
         << "the scanner takes the value it was given to list";
     Reset();
     ASSERT_TRUE(Acquire());
-    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     const TW_IMAGEINFO info = FirstImageInfo();
     ASSERT_EQ(-50.0, Fix32ToDouble(info.XResolution)) << "the source reports the negative resolution";
     EXPECT_EQ(-1, app.Notices()[0].image.xResolution) << "0xFFFF, not the truncated -50";
@@ -494,7 +485,7 @@ TEST_P(EventCancelTest, CancelThisXferSkipsOnlyThatImage) {
     };
     ASSERT_TRUE(Acquire());
     EXPECT_EQ((Strings{"XferStart", "XferEnd(-5)", "XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "CloseDSReq"}),
-              Outline(app));
+              app.Outline());
     const std::string warning = std::string("AP cancel image xfer in TScanModule::") + MechanismName(mechanism);
     EXPECT_EQ(1, viewer.CountText(warning));
     EXPECT_EQ(warning, Warnings().empty() ? "" : Warnings().front());
@@ -518,7 +509,7 @@ TEST_P(EventCancelTest, CancelAllXferResetsThePendingImages) {
     size_t callsAtEnd = 0;
     app.onXferEnd = [&](const Notice &, ScanImageInfo *) { callsAtEnd = CallsSinceMark().size(); };
     ASSERT_TRUE(Acquire());
-    EXPECT_EQ((Strings{"XferStart", "XferEnd(-5)", "CloseDSReq"}), Outline(app));
+    EXPECT_EQ((Strings{"XferStart", "XferEnd(-5)", "CloseDSReq"}), app.Outline());
     const int reset = FindTriplet(CallsSinceMark(), DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET);
     EXPECT_GE(reset, static_cast<int>(callsAtEnd)) << "the pending images are reset after the image's XferEnd";
     EXPECT_EQ(1, viewer.CountText(std::string("AP cancel image xfer in TScanModule::") + MechanismName(mechanism)));

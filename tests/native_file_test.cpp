@@ -37,15 +37,6 @@ std::string NameOf(const ::testing::TestParamInfo<LONG> &info) {
     return std::string(MethodOf(info.param)).substr(2);
 }
 
-// The notices without blocks, as "XferStart", "XferEnd(-4)", "CloseDSReq".
-Strings Outline(const NotificationWindow &app) {
-    Strings out;
-    for (const Notice &notice : app.Notices())
-        if (notice.kind != NoticeKind::XferData)
-            out.push_back(notice.Brief());
-    return out;
-}
-
 std::vector<const Notice *> Ends(const NotificationWindow &app) {
     std::vector<const Notice *> out;
     for (const Notice &notice : app.Notices())
@@ -98,46 +89,22 @@ int CountRecords(const std::vector<TraceLine> &records, const std::string &level
     }));
 }
 
-// The small page as the scanner's formula has it, against a 24-bit bitmap.
-::testing::AssertionResult IsSmallPage(const unsigned char *data, size_t size, int page) {
-    Dib dib;
-    if (!ParseDib(data, size, dib))
-        return ::testing::AssertionFailure() << "not a packed bitmap (" << size << " bytes)";
-    if (dib.header.biWidth != kSmallPageWidth || std::abs(dib.header.biHeight) != kSmallPageLength ||
-        dib.header.biBitCount != 24)
-        return ::testing::AssertionFailure()
-               << dib.header.biWidth << " x " << dib.header.biHeight << " x " << dib.header.biBitCount;
-    for (int y = 0; y < kSmallPageLength; ++y)
-        for (int x = 0; x < kSmallPageWidth; ++x) {
-            const unsigned char *pixel = dib.Row(y) + x * 3;
-            const std::vector<unsigned> expected =
-                ExpectedSamples(Format{}, kSmallPageWidth, kSmallPageLength, page, x, y);
-            const std::vector<unsigned> got = {pixel[2], pixel[1], pixel[0]};
-            if (got != expected)
-                return ::testing::AssertionFailure() << "pixel " << x << ", " << y << " is not that of page " << page;
-        }
-    return ::testing::AssertionSuccess();
-}
-
 ::testing::AssertionResult HandleHoldsPage(HGLOBAL handle, int page) {
     if (!handle)
         return ::testing::AssertionFailure() << "no bitmap";
-    const auto *bytes = static_cast<const unsigned char *>(GlobalLock(handle));
-    if (!bytes)
-        return ::testing::AssertionFailure() << "the handle cannot be locked";
-    ::testing::AssertionResult result = IsSmallPage(bytes, GlobalSize(handle), page);
-    GlobalUnlock(handle);
-    return result;
+    Dib dib;
+    const ::testing::AssertionResult read = ReadPackedDib(handle, dib);
+    if (!read)
+        return read;
+    return DibMatches(Format{}, dib, kSmallPageWidth, kSmallPageLength, page);
 }
 
 ::testing::AssertionResult FileHoldsPage(const std::string &name, int page) {
-    std::ifstream file(name, std::ios::binary);
-    if (!file)
-        return ::testing::AssertionFailure() << name << " was not written";
-    const std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (bytes.size() < sizeof(BITMAPFILEHEADER) || bytes[0] != 'B' || bytes[1] != 'M')
-        return ::testing::AssertionFailure() << name << " is not a bitmap file";
-    return IsSmallPage(bytes.data() + sizeof(BITMAPFILEHEADER), bytes.size() - sizeof(BITMAPFILEHEADER), page);
+    Dib dib;
+    ReadBmpFile(name, dib);
+    if (::testing::Test::HasFatalFailure())
+        return ::testing::AssertionFailure() << name << " holds no bitmap";
+    return DibMatches(Format{}, dib, kSmallPageWidth, kSmallPageLength, page);
 }
 
 std::string TempDirectory() {
@@ -181,7 +148,7 @@ TEST_P(NativeFileMechanismTest, EveryPageArrivesWithItsRecords) {
     NameEveryFile(mechanism, "pages");
     ASSERT_TRUE(Acquire());
     ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "CloseDSReq"}),
-              Outline(app));
+              app.Outline());
     const std::vector<const Notice *> ends = Ends(app);
     for (int page = 1; page <= 3; ++page) {
         SCOPED_TRACE("page " + std::to_string(page));
@@ -230,7 +197,7 @@ TEST_P(NativeFileMechanismTest, FailedImageInfoSkipsTheImageButEndsIt) {
     NameEveryFile(mechanism, "noinfo");
     ASSERT_EQ(1, scanner.failTriplet(DG_IMAGE, DAT_IMAGEINFO, MSG_GET, 0, TWRC_FAILURE, TWCC_BUMMER, 2, 1));
     ASSERT_TRUE(Acquire());
-    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     const std::string info = "DG_IMAGE/DAT_IMAGEINFO/MSG_GET -> TWRC_SUCCESS";
     const Strings fetch = mechanism == SM_XFER_NATIVE ? Strings{"DG_IMAGE/DAT_IMAGENATIVEXFER/MSG_GET -> TWRC_XFERDONE"}
                                                       : Strings{"DG_CONTROL/DAT_SETUPFILEXFER/MSG_SET -> TWRC_SUCCESS",
@@ -264,7 +231,7 @@ TEST_P(NativeFileMechanismTest, SourceCancelEndsThatImageWithMinusFour) {
     ASSERT_EQ(1, scanner.setFault(VSCAN_FAULT_CANCELIMAGE, 2));
     ASSERT_TRUE(Acquire());
     EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "XferStart", "XferEnd(-4)", "XferStart", "XferEnd(0)", "CloseDSReq"}),
-              Outline(app));
+              app.Outline());
     EXPECT_EQ(1, CountRecords(viewer.Records(), "Warning", In("Image xfer canceled", mechanism)));
     EXPECT_EQ(0, CountRecords(viewer.Records(), "Warning", In("Image xfer error", mechanism)));
     const std::vector<TdsmCall> calls = CallsSinceMark();
@@ -299,7 +266,7 @@ TEST_P(NativeFileFetchFailureTest, ImageEndsWithTheConditionCode) {
     ASSERT_TRUE(Acquire());
     Drain();
     EXPECT_EQ((Strings{"XferStart", "XferEnd(" + std::to_string(f.cc) + ")", "XferStart", "XferEnd(0)", "CloseDSReq"}),
-              Outline(app))
+              app.Outline())
         << "the condition code is " << TwccName(f.cc) << "; these transfers ask to be closed once, whatever it was";
     EXPECT_EQ(1, CountRecords(viewer.Records(), "Warning", In("Image xfer error", f.mechanism)));
     EXPECT_EQ(0, CountRecords(viewer.Records(), "Warning", In("Image xfer canceled", f.mechanism)));
@@ -351,7 +318,7 @@ TEST_F(NativeFileTest, ClearedTargetMakesTheModuleFreeTheBitmap) {
         liveAtFirstEnd = std::find(live.begin(), live.end(), first) != live.end();
     };
     ASSERT_TRUE(Acquire());
-    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app))
+    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline())
         << "the image freed by the module is still reported delivered";
     const std::vector<HGLOBAL> handles = HandlesFromTheSource(CallsSinceMark());
     ASSERT_EQ(2u, handles.size());
@@ -379,7 +346,7 @@ TEST_F(NativeFileTest, OwnHandleVariableReceivesTheBitmap) {
         image->xferTarget = &mine;
     };
     ASSERT_TRUE(Acquire());
-    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     ASSERT_NE(nullptr, moduleSlot);
     const std::vector<HGLOBAL> handles = HandlesFromTheSource(CallsSinceMark());
     ASSERT_EQ(1u, handles.size());
@@ -397,7 +364,7 @@ TEST_F(NativeFileTest, SuccessWarningIsWrittenOncePerDeliveredImage) {
     };
     ASSERT_TRUE(Acquire());
     ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "XferStart", "XferEnd(-5)", "XferStart", "XferEnd(0)", "CloseDSReq"}),
-              Outline(app));
+              app.Outline());
     EXPECT_EQ((Strings{"MSG_GET DAT_IMAGENATIVEXFER error in TScanModule::DoNativeXfer",
                        "AP cancel image xfer in TScanModule::DoNativeXfer",
                        "MSG_GET DAT_IMAGENATIVEXFER error in TScanModule::DoNativeXfer"}),
@@ -409,7 +376,7 @@ TEST_F(NativeFileTest, FileTransferGivesTheSourceTheNameAsABitmapFile) {
     Open(SM_XFER_FILE, Format{}, 2);
     NameEveryFile(SM_XFER_FILE, "setup");
     ASSERT_TRUE(Acquire());
-    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     const std::vector<TW_SETUPFILEXFER> setups = FileSetups(CallsSinceMark());
     ASSERT_EQ(2u, setups.size());
     ASSERT_EQ(2u, files.size());
@@ -436,7 +403,7 @@ TEST_F(NativeFileTest, RefusedFileNameEndsTheImageWithTheConditionCode) {
     Open(SM_XFER_FILE);
     app.onXferStart = [](const Notice &, ScanImageInfo *image) { static_cast<char *>(image->xferTarget)[0] = '\0'; };
     ASSERT_TRUE(Acquire());
-    EXPECT_EQ((Strings{"XferStart", "XferEnd(" + std::to_string(TWCC_BADVALUE) + ")", "CloseDSReq"}), Outline(app))
+    EXPECT_EQ((Strings{"XferStart", "XferEnd(" + std::to_string(TWCC_BADVALUE) + ")", "CloseDSReq"}), app.Outline())
         << "an empty name is refused with " << TwccName(TWCC_BADVALUE);
     EXPECT_EQ((Strings{"DG_IMAGE/DAT_IMAGEINFO/MSG_GET -> TWRC_SUCCESS",
                        "DG_CONTROL/DAT_SETUPFILEXFER/MSG_SET -> TWRC_FAILURE",
@@ -469,7 +436,7 @@ TEST_P(NativeFilePercentNameTest, NameIsExpandedAsAFormatWithoutArguments) {
         lstrcpynA(static_cast<char *>(image->xferTarget), written.c_str(), 256);
     };
     ASSERT_TRUE(Acquire());
-    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+    ASSERT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
     const std::vector<TW_SETUPFILEXFER> setups = FileSetups(CallsSinceMark());
     ASSERT_EQ(1u, setups.size());
     EXPECT_EQ(given, std::string(setups[0].FileName)) << "written as " << written;
@@ -507,10 +474,10 @@ TEST_P(NativeFileCloseRequestTest, OnlyTransfersWithoutTheInterfaceAskToBeClosed
     }
     Drain();
     if (c.showUI) {
-        EXPECT_EQ((Strings{"XferStart", "XferEnd(0)"}), Outline(app)) << "the interface closes itself";
+        EXPECT_EQ((Strings{"XferStart", "XferEnd(0)"}), app.Outline()) << "the interface closes itself";
         EXPECT_EQ(0, CountRecords(viewer.Records(), "Trace", kCloseRequestTrace));
     } else {
-        EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), Outline(app));
+        EXPECT_EQ((Strings{"XferStart", "XferEnd(0)", "CloseDSReq"}), app.Outline());
         EXPECT_EQ(1, CountRecords(viewer.Records(), "Trace", kCloseRequestTrace))
             << "both methods write the native method's text";
     }

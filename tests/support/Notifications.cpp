@@ -64,6 +64,14 @@ std::vector<std::string> NotificationWindow::Briefs() const {
     return briefs;
 }
 
+std::vector<std::string> NotificationWindow::Outline() const {
+    std::vector<std::string> briefs;
+    for (const Notice &notice : notices_)
+        if (notice.kind != NoticeKind::XferData)
+            briefs.push_back(notice.Brief());
+    return briefs;
+}
+
 int NotificationWindow::Count(NoticeKind kind) const {
     int count = 0;
     for (const Notice &notice : notices_)

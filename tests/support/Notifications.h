@@ -52,6 +52,8 @@ public:
     void Clear() { notices_.clear(); }
     // Brief() of every notice, in order.
     std::vector<std::string> Briefs() const;
+    // The same without the memory transfer's blocks: "XferStart", "XferEnd(-5)", "CloseDSReq".
+    std::vector<std::string> Outline() const;
     int Count(NoticeKind kind) const;
 
     // smGetPendingCount of the library under test, asked in every XferEnd handler when set.
