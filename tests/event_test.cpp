@@ -469,20 +469,28 @@ TEST_F(EventTest, NegativeResolutionIsStoredAsMinusOne) {
     EXPECT_EQ(static_cast<short>(Fix32ToDouble(info.YResolution)), app.Notices()[0].image.yResolution);
 }
 
-class EventCancelTest : public EventTest, public ::testing::WithParamInterface<LONG> {};
+class EventCancelTest : public EventTest, public ::testing::WithParamInterface<LONG> {
+protected:
+    // Three pages by `mechanism`, files named as they come; `cancel` runs in every XferStart handler after the name.
+    void OpenWithCancelAtStart(LONG mechanism, FileNames &names, std::function<void()> cancel) {
+        Open(mechanism, Format{}, 3);
+        NameFilesFor(mechanism, names);
+        const auto name = app.onXferStart;
+        app.onXferStart = [name, cancel](const Notice &notice, ScanImageInfo *image) {
+            if (name)
+                name(notice, image);
+            cancel();
+        };
+    }
+};
 
 TEST_P(EventCancelTest, CancelThisXferSkipsOnlyThatImage) {
     const LONG mechanism = GetParam();
     FileNames names(std::string("cancelthis") + MechanismName(mechanism));
-    Open(mechanism, Format{}, 3);
-    NameFilesFor(mechanism, names);
-    const auto name = app.onXferStart;
-    app.onXferStart = [&](const Notice &notice, ScanImageInfo *image) {
-        if (name)
-            name(notice, image);
+    OpenWithCancelAtStart(mechanism, names, [this] {
         if (app.Count(NoticeKind::XferStart) == 1)
             cancelThisXfer();
-    };
+    });
     ASSERT_TRUE(Acquire());
     EXPECT_EQ((Strings{"XferStart", "XferEnd(-5)", "XferStart", "XferEnd(0)", "XferStart", "XferEnd(0)", "CloseDSReq"}),
               app.Outline());
@@ -498,14 +506,7 @@ TEST_P(EventCancelTest, CancelThisXferSkipsOnlyThatImage) {
 TEST_P(EventCancelTest, CancelAllXferResetsThePendingImages) {
     const LONG mechanism = GetParam();
     FileNames names(std::string("cancelall") + MechanismName(mechanism));
-    Open(mechanism, Format{}, 3);
-    NameFilesFor(mechanism, names);
-    const auto name = app.onXferStart;
-    app.onXferStart = [&](const Notice &notice, ScanImageInfo *image) {
-        if (name)
-            name(notice, image);
-        cancelAllXfer();
-    };
+    OpenWithCancelAtStart(mechanism, names, [this] { cancelAllXfer(); });
     size_t callsAtEnd = 0;
     app.onXferEnd = [&](const Notice &, ScanImageInfo *) { callsAtEnd = CallsSinceMark().size(); };
     ASSERT_TRUE(Acquire());
