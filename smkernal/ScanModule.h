@@ -137,6 +137,17 @@ public:
     void ProcessZephraScanImage();
     // Bytes of one row of a device-independent bitmap of the image: its bits rounded up to whole 4-byte words.
     DWORD ImageBytesPerRow(const TW_IMAGEINFO *info);
+    // Bitmap files. Results: 0, 1 (format not supported), 2 (out of memory), -2 (not enough disk space), -3 (file
+    // create, read or write failure). Strip-wise: CheckDiskSpace, OpenFile, WriteDIBHeader, AppendBufferToFile per
+    // strip, _lclose.
+    DWORD ImageDataSize(const TW_IMAGEINFO *info);
+    DWORD PaletteSize(int bits);
+    int CheckDiskSpace(const char *name, const TW_IMAGEINFO *info);
+    int WriteDIBHandleToFile(HGLOBAL dib, const char *name);
+    int WriteDIBHeader(HFILE file, const TW_IMAGEINFO *info);
+    int AppendBufferToFile(HFILE file, const TW_IMAGEINFO *info, TW_IMAGEMEMXFER *strip, BYTE *buffer);
+    int BufferToFile(HFILE file, const TW_IMAGEINFO *info, TW_IMAGEMEMXFER *strip, BYTE *buffer);
+    int BufferToFileForPlanar(HFILE file, const TW_IMAGEINFO *info, TW_IMAGEMEMXFER *strip, BYTE *buffer);
 
     // Cancel requests from the application's notification handlers.
     void CancelThisXfer();
