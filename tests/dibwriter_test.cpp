@@ -97,6 +97,11 @@ struct ExpectedFile {
         bytes[at + 2] = static_cast<BYTE>(r);
         bytes[at + 3] = 0;
     }
+    // The 256-entry gray ramp from black of 8-bit gray files.
+    void GrayRamp() {
+        for (unsigned i = 0; i < 256; ++i)
+            Entry(i, i, i, i);
+    }
     // Row y of the image (0 the top) holds `row`, placed bottom-up.
     void Row(int y, const Bytes &row) {
         std::copy(row.begin(), row.end(), bytes.begin() + headerBytes + (length - 1 - y) * rowBytes);
@@ -255,8 +260,7 @@ TEST_F(DibWriterTest, GrayStripsInAnyOrderLandAtTheirRows) {
     }
     Close();
     ExpectedFile expected(width, length, 8, 256, 8);
-    for (unsigned i = 0; i < 256; ++i)
-        expected.Entry(i, i, i, i);
+    expected.GrayRamp();
     for (int y = 0; y < length; ++y)
         expected.Row(y, rowOf(y));
     ExpectFile(expected.bytes);
@@ -395,8 +399,7 @@ TEST_F(DibWriterTest, DisagreeingBytesWrittenRepairsTheRowCount) {
     EXPECT_EQ(2u, strip.Rows) << "the caller sees the repaired count";
     Close();
     ExpectedFile expected(4, 4, 8, 256, 8);
-    for (unsigned i = 0; i < 256; ++i)
-        expected.Entry(i, i, i, i);
+    expected.GrayRamp();
     expected.Row(1, Bytes(buffer.begin(), buffer.begin() + 4));
     expected.Row(2, Bytes(buffer.begin() + 4, buffer.end()));
     ExpectFile(expected.bytes);
@@ -439,8 +442,7 @@ TEST_F(DibWriterTest, StripWithoutRowWidthIsRefused) {
     ExpectRecord("Warning", "Strip without row width in TScanModule::BufferToFile");
     Close();
     ExpectedFile expected(4, 2, 8, 256, 8);
-    for (unsigned i = 0; i < 256; ++i)
-        expected.Entry(i, i, i, i);
+    expected.GrayRamp();
     ExpectFile(expected.bytes);
 }
 
