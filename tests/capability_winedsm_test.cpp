@@ -16,13 +16,9 @@ namespace {
 class CapabilityWineDsmTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        const std::string source = InstallVscan("sane.ds");
-        ASSERT_FALSE(source.empty()) << "copying vscan.ds to " << TwainSourceDir();
-        WriteDebugIni(1, 1);
-        viewer.Start();
-        library.Load();
-        ASSERT_EQ(nullptr, GetProcAddress(GetModuleHandleA(TwainPath().c_str()), "TdsmReset"))
-            << "Wine's source manager, not the stand-in, must be loaded";
+        std::string source;
+        StartUnderWineManager(viewer, library, source);
+        ASSERT_FALSE(HasFatalFailure());
         sm.Resolve(library);
         ASSERT_EQ(std::vector<std::string>{}, sm.Missing());
         openDS = library.Get<decltype(openDS)>("smOpenDS");

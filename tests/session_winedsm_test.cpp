@@ -17,12 +17,9 @@ using Strings = std::vector<std::string>;
 class SessionWineDsmTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_FALSE(InstallVscan("sane.ds").empty()) << "copying vscan.ds to " << TwainSourceDir();
-        WriteDebugIni(1, 1);
-        viewer.Start();
-        library.Load();
-        ASSERT_EQ(nullptr, GetProcAddress(GetModuleHandleA(TwainPath().c_str()), "TdsmReset"))
-            << "Wine's source manager, not the stand-in, must be loaded";
+        std::string source;
+        StartUnderWineManager(viewer, library, source);
+        ASSERT_FALSE(HasFatalFailure());
         getAllDS = library.Get<decltype(getAllDS)>("smGetAllDS");
         openDS = library.Get<decltype(openDS)>("smOpenDS");
         enableDS = library.Get<decltype(enableDS)>("smEnableDS");

@@ -15,13 +15,8 @@ namespace {
 class XferWineDsmTest : public ::testing::TestWithParam<AcquireCase> {
 protected:
     void SetUp() override {
-        source = InstallVscan("sane.ds");
-        ASSERT_FALSE(source.empty()) << "copying vscan.ds to " << TwainSourceDir();
-        WriteDebugIni(1, 1);
-        viewer.Start();
-        library.Load();
-        ASSERT_EQ(nullptr, GetProcAddress(GetModuleHandleA(TwainPath().c_str()), "TdsmReset"))
-            << "Wine's source manager, not the stand-in, must be loaded";
+        StartUnderWineManager(viewer, library, source);
+        ASSERT_FALSE(HasFatalFailure());
         openDS = library.Get<decltype(openDS)>("smOpenDS");
         enableDS = library.Get<decltype(enableDS)>("smEnableDS");
         disableDS = library.Get<decltype(disableDS)>("smDisableDS");

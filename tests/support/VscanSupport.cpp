@@ -608,4 +608,14 @@ void SetUpSmallPage(const ScanLibrary &library, VscanLibrary &scanner, LONG mech
     }
 }
 
+void StartUnderWineManager(TraceViewer &viewer, ScanLibrary &library, std::string &source) {
+    source = InstallVscan("sane.ds");
+    ASSERT_FALSE(source.empty()) << "copying vscan.ds to " << TwainSourceDir();
+    WriteDebugIni(1, 1);
+    viewer.Start();
+    library.Load();
+    ASSERT_EQ(nullptr, GetProcAddress(GetModuleHandleA(TwainPath().c_str()), "TdsmReset"))
+        << "Wine's source manager, not the stand-in, must be loaded";
+}
+
 } // namespace smtest

@@ -32,6 +32,11 @@ void UninstallVscan(const std::string &name = "vscan.ds");
 // itself is freed, this releases the references it kept to twain_32\<name>, so that the next test of the same program
 // can replace the file and gets a fresh source.
 void ReleaseSourceKeptByWine(const std::string &name = "sane.ds");
+class ScanLibrary;
+class TraceViewer;
+// The start of a suite behind Wine's source manager: the scanner installed as twain_32\sane.ds (its path in `source`),
+// tracing on with `viewer` running, and `library` loaded, which must have found Wine's manager, not the stand-in.
+void StartUnderWineManager(TraceViewer &viewer, ScanLibrary &library, std::string &source);
 
 // --- The expected test page, computed from the formula in the README, independently of the source.
 
