@@ -398,6 +398,76 @@ SMAPI void SMCALL smCancelThisXfer(void);
 /* Ordinal 47. Asks the module to skip this and every remaining image. */
 SMAPI void SMCALL smCancelAllXfer(void);
 
+/* One-call scan to bitmap files.
+
+   smZephraScan opens the default source (as smOpenDS does, with `window` and `title`), applies the
+   settings record, enables the source and returns; from then on every image the source announces
+   during smIsDSEvent is written to a bitmap file whose name you supply. The messages, sent to
+   `window` (the desktop when NULL), are:
+
+   SM_MSG_SCANTOFILE_GETNAME  once per image, before anything else; lParam: a 256-byte buffer.
+                              Write the zero-terminated full path of the image's file into it. An
+                              existing file of that name is deleted first.
+   SM_MSG_SCANTOFILE_XFEREND  once per image, after its file is complete (or deleted again);
+                              wParam: the image's result: SM_OK, SM_ERR_IMAGE_REFUSED (no image
+                              information, unknown size, or a format other than 1-bit black and
+                              white, 8-bit gray, 4- or 8-bit palette and 24-bit RGB),
+                              SM_ERR_NO_DISK_SPACE, SM_ERR_FILE, SM_ERR_SOURCE_CANCEL,
+                              SM_ERR_LOW_MEMORY, or the source's TWAIN condition code.
+   SM_MSG_SCANTOFILE_DSCLOSED the batch is over: the module disabled and closed the source (also
+                              when the source asked to be closed). wParam and lParam are 0.
+
+   After each image the batch ends (source closed) unless morePages is set and showSourceUI is
+   nonzero. With morePages set, images still pending go on by themselves while the feeder has paper;
+   otherwise the module asks the user whether to scan more pages (the library's string 20006) in a
+   task-modal Yes/No message box owned by the focus window and captioned with `title`; No ends the
+   batch. (A source that has images pending announces the next one itself, or the batch waits for
+   it.) An image of an unsupported format is also reported to the user in a message box (strings
+   20005 and 20004) before SM_ERR_IMAGE_REFUSED. Once smZephraScan has got as far as enabling a
+   source (whether or not that succeeded), every later image and close request of this library's
+   lifetime is handled this way, also after smEnableDS. */
+
+/* The settings record of smZephraScan: 78 bytes, 2-byte packing, little-endian. NULL stands for the
+   defaults given here. */
+#pragma pack(push, 2)
+typedef struct ScanToFileSettings {
+    double frameLeft;    /* offset 0: default 0; stored only, never sent to the source */
+    double frameTop;     /* offset 8: default 0; stored only */
+    double frameRight;   /* offset 16: default (maximum width x 300 - 1) / 300 inches; stored only */
+    double frameBottom;  /* offset 24: default (maximum height x 300 - 1) / 300 inches; stored only */
+    WORD unitCode;       /* offset 32: SM_UNIT_INCHES (default) or SM_UNIT_CENTIMETERS, else inches; stored only */
+    WORD pixelTypeCode;  /* offset 34: SM_PIXEL_BW, SM_PIXEL_GRAY (default) or SM_PIXEL_RGB; any other value
+                            means gray and shows the source's interface */
+    short resolution;    /* offset 36: dots per inch, default 300; 0 or less means 100 */
+    short brightness;    /* offset 38: default 0, on the scale brightnessMin..brightnessMax */
+    short brightnessMin; /* offset 40: default -1000 */
+    short brightnessMax; /* offset 42: default 1000 */
+    short contrast;      /* offset 44: default 0 */
+    short contrastMin;   /* offset 46: default -1000 */
+    short contrastMax;   /* offset 48: default 1000 */
+    short highlight;     /* offset 50: default 255 */
+    short highlightMin;  /* offset 52: default 0 */
+    short highlightMax;  /* offset 54: default 255 */
+    short shadow;        /* offset 56: default 0 */
+    short shadowMin;     /* offset 58: default 0 */
+    short shadowMax;     /* offset 60: default 255 */
+    DWORD modalUI;       /* offset 62: default 1: the window is disabled while the source's interface is up */
+    DWORD morePages;     /* offset 66: default 0: one image (nonzero: as many as the source has) */
+    DWORD showSourceUI;  /* offset 70: default 1: the source shows its interface (0: one image, no interface) */
+    DWORD useFeeder;     /* offset 74: default 1: the feeder is enabled */
+} ScanToFileSettings;
+#pragma pack(pop)
+/* Scales whose minimum is not below their maximum are replaced: brightness and contrast by -1000..1000
+   with the value 0, highlight by 0..255 with 255, shadow by 0..255 with 0. A value outside its scale
+   becomes the maximum (shadow: the minimum). */
+
+/* Ordinal 51. Starts a scan to files as described above. Returns 1 when the source was enabled, 0
+   otherwise: it could not be opened (nothing is left open), it takes no transfer mechanism (the
+   source stays open: call smCloseDS), or it could not be enabled (the source is closed again).
+   A pixel type or resolution the source refuses shows the source's interface instead. The
+   transfer is by memory when the source takes it, else by file, else native. */
+SMAPI DWORD SMCALL smZephraScan(HWND window, const char *title, const ScanToFileSettings *settings);
+
 /* Ordinal 100. An EnumWindows/EnumThreadWindows callback that the module never calls itself.
    It skips child windows and disabled windows. With list->nextSlot NULL it counts the enabled
    top-level windows in list->windowCount; otherwise it stores each at *list->nextSlot, advances

@@ -231,6 +231,10 @@ LONG WINAPI smGetDSPalette(BYTE *table) {
     return theScanModule->GetDSPalette(table);
 }
 
+DWORD WINAPI smZephraScan(HWND window, const char *title, const ScanToFileSettings *settings) {
+    return theScanModule->ZephraScan(window, title, settings);
+}
+
 void WINAPI smGetImageDim(LONG *width, LONG *length) {
     theScanModule->GetImageDim(width, length);
 }

@@ -38,6 +38,14 @@ static_assert(offsetof(ScanBlockInfo, rowsAligned) == 66, "ScanBlockInfo.rowsAli
 static_assert(offsetof(ScanBlockInfo, bufferDescriptor) == 70, "ScanBlockInfo.bufferDescriptor");
 static_assert(sizeof(SmBufferDescriptor) == 8, "SmBufferDescriptor is 8 bytes");
 
+static_assert(offsetof(ScanToFileSettings, unitCode) == 32, "ScanToFileSettings.unitCode");
+static_assert(offsetof(ScanToFileSettings, resolution) == 36, "ScanToFileSettings.resolution");
+static_assert(offsetof(ScanToFileSettings, shadowMax) == 60, "ScanToFileSettings.shadowMax");
+static_assert(offsetof(ScanToFileSettings, modalUI) == 62, "ScanToFileSettings.modalUI");
+static_assert(offsetof(ScanToFileSettings, morePages) == 66, "ScanToFileSettings.morePages");
+static_assert(offsetof(ScanToFileSettings, showSourceUI) == 70, "ScanToFileSettings.showSourceUI");
+static_assert(offsetof(ScanToFileSettings, useFeeder) == 74, "ScanToFileSettings.useFeeder");
+
 static_assert(sizeof(ScanCapRecord) == 104, "ScanCapRecord is 104 bytes");
 static_assert(offsetof(ScanCapRecord, reserved) == 56, "ScanCapRecord.reserved");
 static_assert(offsetof(ScanCapRecord, maxXResolution) == 60, "ScanCapRecord.maxXResolution");
@@ -83,7 +91,15 @@ constexpr WORD kMechFile = 2;
 constexpr WORD kMechMemory = 4;
 
 constexpr int kScanToFileStateSize = 78;
+static_assert(sizeof(ScanToFileSettings) == kScanToFileStateSize, "the scan to file keeps the whole record");
 constexpr int kAppTitleSize = 256;
+
+// The texts of one scan-to-file transfer variant.
+struct ScanToFileTexts;
+
+// The file name a source is to write, from the application's text used as a wsprintf format ("%%" gives "%"), its
+// directives given zeros, cut to the 255 characters of a TW_STR255.
+void ExpandFileName(const char *name, char *out);
 
 // Owner of one movable, zero-initialised global-memory block, locked while owned.
 class TGlobalBuffer {
@@ -133,8 +149,14 @@ public:
     void DoNativeXfer();
     void DoFileXfer();
     void DoMemXfer();
-    // The scan-to-file driver's handling of a transfer-ready event (while scanToFileActive is set).
+    // The scan to file: configures and enables the default source from the settings record (NULL: defaults); 1 when
+    // the source was enabled. Then every transfer-ready event writes the image to a file the application names, by
+    // the variant of the mechanism the module set.
+    DWORD ZephraScan(HWND window, const char *title, const ScanToFileSettings *settings);
     void ProcessZephraScanImage();
+    void ZephraScanDoNativeXfer();
+    void ZephraScanDoFileXfer();
+    void ZephraScanDoMemXfer();
     // Bytes of one row of a device-independent bitmap of the image: its bits rounded up to whole 4-byte words.
     DWORD ImageBytesPerRow(const TW_IMAGEINFO *info);
     // Bitmap files. Results: 0, 1 (format not supported), 2 (out of memory), -2 (not enough disk space), -3 (file
@@ -276,7 +298,7 @@ public:
     double thresholdMin, thresholdMax, thresholdStep;
     WORD transferMechanism;
     BOOL scanToFileActive;
-    BYTE scanToFileState[kScanToFileStateSize];
+    ScanToFileSettings scanToFileState;
     UINT msgCloseDSReq;
     UINT msgXferStart;
     UINT msgXferData;
@@ -326,6 +348,29 @@ private:
     void FillImageRecord(ScanImageInfo &record, const TW_IMAGEINFO &info, WORD mechanism, void *target);
     void CopyBlock(const TW_IMAGEMEMXFER &block, const TGlobalBuffer &buffer, BYTE *destination, DWORD destinationSize,
                    DWORD *count);
+    // The scan to file's settings: the defaults, and the repairs of what the application gave.
+    void DefaultScanToFile();
+    void ValidateScanToFile();
+    // One announced image into the application's file: name, checks, `transfer`, the result reported. A transfer
+    // that leaves its file open on failure hands it back in `file`.
+    using ImageToFile = int (TScanModule::*)(const TraceCall &call, const char *name, const TW_IMAGEINFO &info,
+                                             HFILE &file);
+    void ScanImageToFile(const TraceCall &call, const ScanToFileTexts &texts, ImageToFile transfer);
+    int NativeImageToFile(const TraceCall &call, const char *name, const TW_IMAGEINFO &info, HFILE &file);
+    int FileImageToFile(const TraceCall &call, const char *name, const TW_IMAGEINFO &info, HFILE &file);
+    int MemoryImageToFile(const TraceCall &call, const char *name, const TW_IMAGEINFO &info, HFILE &file);
+    int ScanToFileFailed(const TraceCall &call, TW_UINT16 rc);
+    // Ends the image; true when the batch goes on (asking the user when the feeder cannot tell).
+    bool ScanToFileGoesOn();
+    bool AskMorePages();
+    void ShowInvalidImage();
+    void CloseScanToFile(const TraceCall &call, const char *text);
+
+public:
+    // Closes the source and tells the application's window that the scan to file is over.
+    void CloseScanToFileSource();
+
+private:
     void InitAppIdentity(HINSTANCE instance);
     void RegisterMessages(const TraceCall &call);
 };

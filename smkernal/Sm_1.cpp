@@ -81,7 +81,7 @@ TScanModule::TScanModule(HINSTANCE instance) {
     thresholdMin = kDefaultThresholdMin, thresholdMax = kDefaultThresholdMax, thresholdStep = kDefaultThresholdStep;
     transferMechanism = kMechMemory;
     scanToFileActive = FALSE;
-    std::memset(scanToFileState, 0, sizeof scanToFileState);
+    std::memset(&scanToFileState, 0, sizeof scanToFileState);
 
     RegisterMessages(call);
     LoadTWAIN();
@@ -231,8 +231,7 @@ BOOL TScanModule::IsDSEvent(MSG *message) {
         TraceRecord(TraceLevel::Trace, kSource, __LINE__, "Coming TScanModule::IsDSEvent capturing MSG_CLOSEDSREQ");
         if (scanToFileActive) {
             DisableDS();
-            CloseDS();
-            SendMessageA(parentWindow, msgScanToFileDSClosed, 0, 0);
+            CloseScanToFileSource();
         } else {
             SendMessageA(parentWindow, msgCloseDSReq, 0, 0);
         }

@@ -69,16 +69,14 @@ void ReverseGroups(BYTE *bytes, DWORD count, int width) {
         std::reverse(bytes + i * width, bytes + (i + 1) * width);
 }
 
-// The file name as the source is to get it: the application's text used as a wsprintf format (a "%%" becomes "%"),
-// its directives given zeros, cut to what a TW_STR255 holds.
+} // namespace
+
 void ExpandFileName(const char *name, char *out) {
     static const DWORD zeros[kHarmlessArguments] = {};
     char expanded[kFormattedSize + 1] = "";
     wvsprintfA(expanded, name, reinterpret_cast<va_list>(const_cast<DWORD *>(zeros)));
     lstrcpynA(out, expanded, kFileNameSize);
 }
-
-} // namespace
 
 bool TScanModule::ChooseBuffer(const TraceCall &call, TGlobalBuffer &buffer, DWORD preferred, DWORD minimum,
                                DWORD maximum) {

@@ -33,6 +33,11 @@ _Static_assert(offsetof(ScanBlockInfo, bytesWritten) == 62, "bytesWritten at 62"
 _Static_assert(offsetof(ScanBlockInfo, rowsAligned) == 66, "rowsAligned at 66");
 _Static_assert(offsetof(ScanBlockInfo, bufferDescriptor) == 70, "bufferDescriptor at 70");
 _Static_assert(sizeof(SmBufferDescriptor) == 8, "SmBufferDescriptor is 8 bytes");
+_Static_assert(sizeof(ScanToFileSettings) == 78, "ScanToFileSettings is 78 bytes");
+_Static_assert(offsetof(ScanToFileSettings, unitCode) == 32, "unitCode at 32");
+_Static_assert(offsetof(ScanToFileSettings, resolution) == 36, "resolution at 36");
+_Static_assert(offsetof(ScanToFileSettings, modalUI) == 62, "modalUI at 62");
+_Static_assert(offsetof(ScanToFileSettings, useFeeder) == 74, "useFeeder at 74");
 
 static int passed, failed;
 

@@ -54,7 +54,7 @@ TEST_F(WhiteBoxTest, FreshObjectHoldsTheDefaults) {
     EXPECT_EQ(FALSE, m.scanToFileActive);
     EXPECT_EQ(9999, m.pendingCount);
     const BYTE zeros[kScanToFileStateSize] = {};
-    EXPECT_EQ(0, std::memcmp(zeros, m.scanToFileState, sizeof zeros));
+    EXPECT_EQ(0, std::memcmp(zeros, &m.scanToFileState, sizeof zeros));
     TW_IDENTITY blank = {};
     EXPECT_EQ(0, std::memcmp(&blank, &m.sourceIdentity, sizeof blank));
 }
