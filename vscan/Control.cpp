@@ -107,7 +107,9 @@ int __cdecl VscanLoadSettings(const char *path) {
 }
 
 void __cdecl VscanSetPages(int pages) {
-    vscan::SetPages(vscan::TheSource(), pages);
+    vscan::Source &s = vscan::TheSource();
+    vscan::SetPages(s, pages);
+    vscan::KeepFeeder(s); // a test loading the kept feeder; the settings file's Pages key leaves it alone
 }
 
 void __cdecl VscanSetAutoScan(int mode) {

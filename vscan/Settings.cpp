@@ -158,6 +158,8 @@ const Name kFaultKeys[] = {
     {"StripYOffsetDelta", VSCAN_FAULT_STRIPYOFFSETDELTA},
     {"ColumnsDelta", VSCAN_FAULT_COLUMNSDELTA},
     {"RowAlign", VSCAN_FAULT_ROWALIGN},
+    {"KeepFeeder", VSCAN_FAULT_KEEPFEEDER},
+    {"XferReadyEach", VSCAN_FAULT_XFERREADYEACH},
 };
 
 std::string Trim(const std::string &text) {
@@ -221,7 +223,7 @@ bool ApplyKey(Source &s, const std::string &key, const std::string &value) {
         return SetIdentity(s, nullptr, value.c_str(), nullptr), true;
     if (SameText(key, "ProductName"))
         return SetIdentity(s, nullptr, nullptr, value.c_str()), true;
-    if (SameText(key, "Pages"))
+    if (SameText(key, "Pages")) // the feeder file stays as it is: the opening reads it, whatever the keys' order
         return ParseList(value, 1, v) && v[0] >= 0 && (SetPages(s, static_cast<int>(v[0])), true);
     if (SameText(key, "AutoScan"))
         return ParseList(value, 1, v) && SetAutoScan(s, static_cast<int>(v[0]));
@@ -253,12 +255,16 @@ bool ApplyKey(Source &s, const std::string &key, const std::string &value) {
 
 } // namespace
 
-std::string DefaultSettingsPath() {
+std::string PathBesideModule(const char *fileName) {
     char path[MAX_PATH] = {};
     GetModuleFileNameA(ModuleInstance(), path, sizeof path);
     std::string dir(path);
     const size_t slash = dir.find_last_of("\\/");
-    return (slash == std::string::npos ? std::string() : dir.substr(0, slash + 1)) + "vscan.ini";
+    return (slash == std::string::npos ? std::string() : dir.substr(0, slash + 1)) + fileName;
+}
+
+std::string DefaultSettingsPath() {
+    return PathBesideModule("vscan.ini");
 }
 
 int LoadSettings(Source &s, const std::string &path) {

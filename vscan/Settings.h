@@ -7,6 +7,8 @@
 
 namespace vscan {
 
+// A file in the directory of this module.
+std::string PathBesideModule(const char *fileName);
 // vscan.ini in the directory of this module.
 std::string DefaultSettingsPath();
 // Applies a settings file; the number of keys applied, or -1 when the file is missing or a key is bad.

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
 
 #include "Caps.h"
 #include "Settings.h"
@@ -19,6 +20,7 @@ bool sourceReady = false; // TheSource() filled it in
 constexpr int kDefaultPages = 3;
 const char kDefaultFileName[] = "TWAIN.TMP";
 const char kNotifyName[] = "smkernal virtual scanner event";
+TW_UINT16 lastAgainToken = 0; // of the latest MSG_XFERREADY announced again, in this module's life
 
 void DefaultIdentity(TW_IDENTITY &id) {
     std::memset(&id, 0, sizeof id);
@@ -37,6 +39,28 @@ void DefaultIdentity(TW_IDENTITY &id) {
 
 int Pixels(double inches, double resolution, double scaling) {
     return std::max(1, static_cast<int>(std::lround(inches * resolution * scaling)));
+}
+
+// The sheets the feeder file keeps; false when there is no file or no number in it.
+bool ReadFeederFile(int &sheets) {
+    std::ifstream file(PathBesideModule(VSCAN_FEEDER_FILE));
+    int value = -1;
+    if (!(file >> value) || value < 0)
+        return false;
+    sheets = value;
+    return true;
+}
+
+void WriteFeederFile(int sheets) {
+    std::ofstream(PathBesideModule(VSCAN_FEEDER_FILE), std::ios::trunc) << sheets << '\n';
+}
+
+void PostNotice(const Source &s, TW_UINT16 event, TW_UINT16 token) {
+    const LPARAM lParam = MAKELPARAM(event, token);
+    if (s.parent)
+        PostMessageA(s.parent, NotifyMessage(), kNotifyTag, lParam);
+    else
+        PostThreadMessageA(s.thread, NotifyMessage(), kNotifyTag, lParam);
 }
 
 } // namespace
@@ -74,12 +98,13 @@ void ResetNegotiation(Source &s) {
     ResetCaps(s);
     s.frame = Frame{0, 0, kBedWidth, kBedHeight};
     s.fileXfer = DefaultFileXfer();
-    s.sheetsLeft = s.pages;
+    FillFeeder(s);
     s.batch.clear();
     s.imagesStarted = 0;
     s.imagesDone = 0;
     s.xfer = Transfer{};
     s.events.clear();
+    s.againToken = 0;
     s.closeRequested = false;
 }
 
@@ -103,10 +128,14 @@ UINT NotifyMessage() {
 
 void Announce(Source &s, TW_UINT16 event) {
     s.events.push_back(event);
-    if (s.parent)
-        PostMessageA(s.parent, NotifyMessage(), kNotifyTag, event);
-    else
-        PostThreadMessageA(s.thread, NotifyMessage(), kNotifyTag, event);
+    PostNotice(s, event, 0);
+}
+
+void AnnounceXferReadyAgain(Source &s) {
+    if (++lastAgainToken == 0)
+        ++lastAgainToken; // 0 marks the queued notices
+    s.againToken = lastAgainToken;
+    PostNotice(s, MSG_XFERREADY, s.againToken);
 }
 
 void RequestClose(Source &s) {
@@ -139,11 +168,31 @@ bool EndImage(Source &s) {
     if (s.batch.empty())
         return false;
     s.batch.pop_front();
-    if (s.batchFromFeeder && s.sheetsLeft > 0)
+    if (s.batchFromFeeder && s.sheetsLeft > 0) {
         --s.sheetsLeft;
+        KeepFeeder(s);
+    }
     ++s.imagesDone;
     s.xfer = Transfer{};
     return true;
+}
+
+void FillFeeder(Source &s) {
+    s.sheetsLeft = s.pages;
+    if (!s.faults[VSCAN_FAULT_KEEPFEEDER])
+        return;
+    int kept = 0;
+    if (ReadFeederFile(kept)) {
+        s.sheetsLeft = kept;
+        s.pages = std::max(s.pages, kept); // the sheets left stay the last pages of 1..pages
+    } else {
+        WriteFeederFile(s.sheetsLeft);
+    }
+}
+
+void KeepFeeder(const Source &s) {
+    if (s.faults[VSCAN_FAULT_KEEPFEEDER])
+        WriteFeederFile(s.sheetsLeft);
 }
 
 int PendingCount(const Source &s) {

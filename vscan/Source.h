@@ -82,6 +82,7 @@ struct Source {
     DWORD thread = 0;
     HWND window = nullptr;
     std::deque<TW_UINT16> events; // MSG_XFERREADY / MSG_CLOSEDSREQ / MSG_CLOSEDSOK waiting for MSG_PROCESSEVENT
+    TW_UINT16 againToken = 0;     // the MSG_XFERREADY announced again after MSG_ENDXFER and not yet taken; 0: none
     bool closeRequested = false;  // MSG_CLOSEDSREQ announced since MSG_ENABLEDS
     int autoScan = VSCAN_AUTO_OFF;
 
@@ -107,10 +108,14 @@ void ResetNegotiation(Source &s);
 // Back to the loaded state with defaults and no switches, then vscan.ini applied.
 void ResetAll(Source &s);
 
-// Announcing events to the application: queue it and post the notice message.
+// Announcing events to the application: queue it and post the notice message, the event in the low word of its
+// lParam.
 UINT NotifyMessage();
 constexpr WPARAM kNotifyTag = 0x5653; // "VS" in the notice's wParam
 void Announce(Source &s, TW_UINT16 event);
+// MSG_XFERREADY once more, in state 6 after an image ended (XFERREADYEACH): not queued, the notice carries a token of
+// its own in the high word of its lParam, and only the latest token is answered, while images are still pending.
+void AnnounceXferReadyAgain(Source &s);
 // MSG_CLOSEDSREQ, announced once per MSG_ENABLEDS however many reasons come (Close, the fault, the automatic mode).
 void RequestClose(Source &s);
 
@@ -118,6 +123,11 @@ void RequestClose(Source &s);
 void StartBatch(Source &s);
 // The image at the head of the batch ended (transferred, cancelled or skipped); false when there was none.
 bool EndImage(Source &s);
+// The feeder when the source is opened: refilled with its pages, or, with KEEPFEEDER on, the sheets that the feeder
+// file keeps (the file written when there is none).
+void FillFeeder(Source &s);
+// The sheets left changed: with KEEPFEEDER on, the feeder file says so.
+void KeepFeeder(const Source &s);
 // The images left in the batch as the application counts them: none before the transfer is announced (state 6).
 int PendingCount(const Source &s);
 // The format the next image gets from the negotiated values, with the page at the head of the batch.

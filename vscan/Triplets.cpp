@@ -99,6 +99,7 @@ TW_UINT16 EnableDs(Call &call) {
     s.parent = static_cast<HWND>(ui->hParent);
     s.thread = GetCurrentThreadId();
     s.events.clear();
+    s.againToken = 0;
     s.batch.clear();
     s.closeRequested = false;
     const bool cancelled = s.faults[VSCAN_FAULT_CLOSEREQUESTAFTER] == 0;
@@ -122,6 +123,7 @@ TW_UINT16 DisableDs(Call &call) {
     Source &s = call.source;
     DestroyUi(s);
     s.events.clear();
+    s.againToken = 0;
     s.batch.clear();
     s.state = VSCAN_STATE_OPEN;
     return TWRC_SUCCESS;
@@ -142,6 +144,16 @@ TW_UINT16 TakeEvent(Source &s) {
     return MSG_XFERREADY;
 }
 
+// A notice of MSG_XFERREADY announced again: the source's while it stands for the image now pending in state 6 (no
+// MSG_RESET, disabling, closing or later image came first).
+TW_UINT16 TakeXferReadyAgain(Source &s, TW_UINT16 token, TW_EVENT &event) {
+    if (token != s.againToken || s.state != VSCAN_STATE_XFERREADY || s.batch.empty())
+        return TWRC_NOTDSEVENT;
+    s.againToken = 0;
+    event.TWMessage = MSG_XFERREADY;
+    return TWRC_DSEVENT;
+}
+
 // DG_CONTROL / DAT_EVENT / MSG_PROCESSEVENT: our notices, and messages of our window, are the source's.
 TW_UINT16 ProcessEvent(Call &call) {
     Source &s = call.source;
@@ -151,6 +163,9 @@ TW_UINT16 ProcessEvent(Call &call) {
     if (!msg)
         return Fail(call.cc, TWCC_BADVALUE);
     if (msg->message == NotifyMessage() && msg->wParam == kNotifyTag) {
+        const auto token = static_cast<TW_UINT16>(HIWORD(msg->lParam));
+        if (token)
+            return TakeXferReadyAgain(s, token, *event);
         event->TWMessage = TakeEvent(s);
         return TWRC_DSEVENT;
     }
@@ -184,13 +199,16 @@ void AfterImage(Source &s) {
         PostClose(s);
 }
 
-// DG_CONTROL / DAT_PENDINGXFERS / MSG_ENDXFER: the image is done with (or skipped); the count of the rest.
+// DG_CONTROL / DAT_PENDINGXFERS / MSG_ENDXFER: the image is done with (or skipped); the count of the rest, and with
+// XFERREADYEACH the next image announced as sources do that announce every image.
 TW_UINT16 EndXfer(Call &call) {
     Source &s = call.source;
     const int closeAfter = s.faults[VSCAN_FAULT_CLOSEREQUESTAFTER];
     if (EndImage(s) && closeAfter > 0 && s.imagesDone == closeAfter)
         RequestClose(s); // only here, where image N ends: not at a later MSG_RESET nor in a later session
     AfterImage(s);
+    if (s.state == VSCAN_STATE_XFERREADY && s.faults[VSCAN_FAULT_XFERREADYEACH])
+        AnnounceXferReadyAgain(s);
     GetPending(call);
     return TWRC_SUCCESS;
 }
@@ -200,6 +218,7 @@ TW_UINT16 ResetPending(Call &call) {
     Source &s = call.source;
     s.batch.clear();
     s.xfer = Transfer{};
+    s.againToken = 0;
     AfterImage(s);
     GetPending(call);
     return TWRC_SUCCESS;

@@ -45,7 +45,9 @@ extern "C" {
 #define VSCAN_FAULT_STRIPYOFFSETDELTA 18 /* memory strips answer YOffset + N */
 #define VSCAN_FAULT_COLUMNSDELTA 19      /* memory strips answer Columns = image width + N */
 #define VSCAN_FAULT_ROWALIGN 20          /* memory-transfer rows padded with 0xA5 bytes to a multiple of N bytes */
-#define VSCAN_FAULT_COUNT 21
+#define VSCAN_FAULT_KEEPFEEDER 21        /* the sheets left are kept in VSCAN_FEEDER_FILE beside the .ds across loads */
+#define VSCAN_FAULT_XFERREADYEACH 22     /* MSG_XFERREADY announced again after each MSG_ENDXFER that leaves images */
+#define VSCAN_FAULT_COUNT 23
 /* VSCAN_FAULT_CLOSEREQUESTAFTER switched off, its default. */
 #define VSCAN_CLOSEREQUEST_OFF (-1)
 /* VSCAN_FAULT_IMAGEPIXELTYPE switched off, its default. */
@@ -54,6 +56,10 @@ extern "C" {
 #define VSCAN_STRIPROWS_OFF (-1)
 /* What VSCAN_FAULT_ROWALIGN pads each row with. */
 #define VSCAN_ROW_PADDING 0xA5
+/* The file beside the loaded .ds that keeps the feeder's sheets while VSCAN_FAULT_KEEPFEEDER is on: one decimal
+   number. The opening of the source takes the number from it (without the file: Pages, then written); every change of
+   the sheets left, and VscanSetPages, write it; deleting it puts the paper back. */
+#define VSCAN_FEEDER_FILE "vscan.feeder"
 
 /* Spoiled capability answers (VscanSetMalformed, key Malformed): a source that answers a get with TWRC_SUCCESS and a
    container a careful application must not trust. */
@@ -108,7 +114,8 @@ void __cdecl VscanReset(void);
 /* Applies a settings file; returns the number of keys applied, or -1 when the file cannot be read or a key is bad
    (keys before the bad one stay applied). */
 int __cdecl VscanLoadSettings(const char *path);
-/* Loads the feeder with `pages` sheets (page numbers 1..pages); 3 by default. */
+/* Loads the feeder with `pages` sheets (page numbers 1..pages); 3 by default. With VSCAN_FAULT_KEEPFEEDER on it also
+   writes VSCAN_FEEDER_FILE (the settings file's Pages key does not). */
 void __cdecl VscanSetPages(int pages);
 /* VSCAN_AUTO_...: presses the user interface's buttons by themselves. */
 void __cdecl VscanSetAutoScan(int mode);
