@@ -406,8 +406,10 @@ SMAPI void SMCALL smCancelAllXfer(void);
    `window` (the desktop when NULL), are:
 
    SM_MSG_SCANTOFILE_GETNAME  once per image, before anything else; lParam: a 256-byte buffer.
-                              Write the zero-terminated full path of the image's file into it. An
-                              existing file of that name is deleted first.
+                              Write the zero-terminated full path of the image's file into it,
+                              shorter than 128 characters (the module's file calls take no
+                              longer names: SM_ERR_FILE). An existing file of that name is
+                              deleted first.
    SM_MSG_SCANTOFILE_XFEREND  once per image, after its file is complete (or deleted again);
                               wParam: the image's result: SM_OK, SM_ERR_IMAGE_REFUSED (no image
                               information, unknown size, or a format other than 1-bit black and
@@ -423,7 +425,10 @@ SMAPI void SMCALL smCancelAllXfer(void);
    task-modal Yes/No message box owned by the focus window and captioned with `title`; No ends the
    batch. (A source that has images pending announces the next one itself, or the batch waits for
    it.) An image of an unsupported format is also reported to the user in a message box (strings
-   20005 and 20004) before SM_ERR_IMAGE_REFUSED. Once smZephraScan has got as far as enabling a
+   20005 and 20004) before SM_ERR_IMAGE_REFUSED. While one of these boxes is up, its own message
+   loop dispatches your thread's messages: a notice the source posts meanwhile (Wine's source manager
+   posts them to the thread) never reaches smIsDSEvent unless you keep it, e.g. with a WH_MSGFILTER
+   hook that takes it and posts it again after the box. Once smZephraScan has got as far as enabling a
    source (whether or not that succeeded), every later image and close request of this library's
    lifetime is handled this way, also after smEnableDS. */
 
