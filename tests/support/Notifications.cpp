@@ -146,6 +146,10 @@ LRESULT NotificationWindow::Handle(UINT message, WPARAM wParam, LPARAM lParam) {
         if (onCloseDSReq)
             onCloseDSReq(recorded);
         break;
+    case NoticeKind::ScanToFileGetName:
+        if (onScanToFileGetName)
+            onScanToFileGetName(recorded, reinterpret_cast<char *>(lParam));
+        break;
     default:
         break;
     }

@@ -63,6 +63,8 @@ public:
     std::function<void(const Notice &, ScanBlockInfo *)> onXferData;
     std::function<void(const Notice &, ScanImageInfo *)> onXferEnd;
     std::function<void(const Notice &)> onCloseDSReq;
+    // ScanToFileGetName: `name` is the module's 256-byte buffer for the next image's file name.
+    std::function<void(const Notice &, char *name)> onScanToFileGetName;
 
 private:
     static LRESULT CALLBACK Proc(HWND, UINT, WPARAM, LPARAM);
