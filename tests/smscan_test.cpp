@@ -158,26 +158,6 @@ std::vector<unsigned char> FileBytes(const std::string &path) {
     return std::vector<unsigned char>((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
 }
 
-// Empties and removes a directory of files and directories of files.
-void RemoveWorkTree(const std::string &directory) {
-    WIN32_FIND_DATAA entry;
-    HANDLE listing = FindFirstFileA((directory + "\\*").c_str(), &entry);
-    if (listing != INVALID_HANDLE_VALUE) {
-        do {
-            const std::string name = entry.cFileName;
-            if (name == "." || name == "..")
-                continue;
-            const std::string path = directory + "\\" + name;
-            if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                RemoveWorkTree(path);
-            else
-                DeleteFileA(path.c_str());
-        } while (FindNextFileA(listing, &entry));
-        FindClose(listing);
-    }
-    RemoveDirectoryA(directory.c_str());
-}
-
 void Put16(std::vector<unsigned char> &bytes, size_t at, unsigned value) {
     bytes[at] = static_cast<unsigned char>(value);
     bytes[at + 1] = static_cast<unsigned char>(value >> 8);
@@ -278,14 +258,14 @@ protected:
         char temp[MAX_PATH] = "";
         GetTempPathA(sizeof temp, temp);
         work_ = std::string(temp) + (kWineManager ? "smscan_winedsm_test" : "smscan_test");
-        RemoveWorkTree(work_);
+        RemoveTree(work_);
         ASSERT_TRUE(CreateDirectoryA(work_.c_str(), nullptr)) << work_;
         ASSERT_TRUE(CreateDirectoryA(Work("out").c_str(), nullptr));
     }
     void TearDown() override {
         DeleteFileA(SettingsPath().c_str());
         DeleteFileA(FeederPath().c_str());
-        RemoveWorkTree(work_);
+        RemoveTree(work_);
         if (!kWineManager) {
             RemoveSourceDirectories();
             WriteProfileStringA("Twain", "Default Source", nullptr);

@@ -11,6 +11,16 @@ namespace smtest {
 
 namespace {
 
+template <typename T> void Resolve(HMODULE module, const char *name, T &target) {
+    target = reinterpret_cast<T>(reinterpret_cast<void *>(GetProcAddress(module, name)));
+    if (!target) {
+        std::fprintf(stderr, "session fixture: the stand-in has no %s\n", name);
+        std::abort();
+    }
+}
+
+} // namespace
+
 void RemoveTree(const std::string &directory) {
     WIN32_FIND_DATAA entry;
     HANDLE listing = FindFirstFileA((directory + "\\*").c_str(), &entry);
@@ -31,16 +41,6 @@ void RemoveTree(const std::string &directory) {
     SetFileAttributesA(directory.c_str(), FILE_ATTRIBUTE_DIRECTORY);
     RemoveDirectoryA(directory.c_str());
 }
-
-template <typename T> void Resolve(HMODULE module, const char *name, T &target) {
-    target = reinterpret_cast<T>(reinterpret_cast<void *>(GetProcAddress(module, name)));
-    if (!target) {
-        std::fprintf(stderr, "session fixture: the stand-in has no %s\n", name);
-        std::abort();
-    }
-}
-
-} // namespace
 
 std::string Failed(const std::string &triplet, const char *rc) {
     return triplet.substr(0, triplet.find(" -> ")) + " -> " + rc;

@@ -16,6 +16,8 @@ inline const std::string kGetDefault = "DG_CONTROL/DAT_IDENTITY/MSG_GETDEFAULT -
 inline const std::string kStatus = "DG_CONTROL/DAT_STATUS/MSG_GET -> TWRC_SUCCESS";
 std::string Failed(const std::string &triplet, const char *rc = "TWRC_FAILURE");
 
+// Empties and removes a directory and everything below it, read-only files too.
+void RemoveTree(const std::string &directory);
 // Empties <windows>\twain_32 and <windows>\twain (removing them).
 void RemoveSourceDirectories();
 // Copies the virtual scanner to <windows>\<relativePath> (e.g. "twain_32\vscan.ds"), making directories.
