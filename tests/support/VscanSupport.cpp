@@ -609,6 +609,9 @@ void SetUpSmallPage(const ScanLibrary &library, VscanLibrary &scanner, LONG mech
 }
 
 void StartUnderWineManager(TraceViewer &viewer, ScanLibrary &library, std::string &source) {
+    // The scanner starts from its defaults: settings and a kept feeder of a suite that was stopped go first.
+    DeleteFileA((TwainSourceDir() + "\\vscan.ini").c_str());
+    DeleteFileA((TwainSourceDir() + "\\" VSCAN_FEEDER_FILE).c_str());
     source = InstallVscan("sane.ds");
     ASSERT_FALSE(source.empty()) << "copying vscan.ds to " << TwainSourceDir();
     WriteDebugIni(1, 1);
