@@ -438,6 +438,11 @@ protected:
             }
         return found;
     }
+    // ShowUI of the last MSG_ENABLEDS since Begin(); -1 when there was none.
+    int EnabledShowUI() const {
+        TW_USERINTERFACE ui = {};
+        return LastEnable(ui) ? ui.ShowUI : -1;
+    }
     int CountCalls(TW_UINT16 dat, TW_UINT16 msg) const {
         const std::vector<TdsmCall> calls = dsm.Calls();
         return static_cast<int>(std::count_if(calls.begin() + std::min(base, calls.size()), calls.end(),
@@ -559,9 +564,7 @@ TEST_F(ScanToFileTest, RgbIsSentAsRgb) {
     s.pixelTypeCode = SM_PIXEL_RGB;
     ASSERT_EQ(1u, Scan(&s));
     EXPECT_EQ(std::vector<double>{TWPT_RGB}, ValuesSet(ICAP_PIXELTYPE));
-    TW_USERINTERFACE ui = {};
-    ASSERT_TRUE(LastEnable(ui));
-    EXPECT_EQ(0, ui.ShowUI) << "a pixel type of the three does not show the interface";
+    EXPECT_EQ(0, EnabledShowUI()) << "a pixel type of the three does not show the interface";
 }
 
 // Pixel types other than black and white, gray and RGB become gray, and the source's interface is shown.
@@ -572,9 +575,7 @@ TEST_P(PixelTypeRepairTest, OtherPixelTypesBecomeGrayAndShowTheInterface) {
     s.pixelTypeCode = GetParam();
     ASSERT_EQ(1u, Scan(&s));
     EXPECT_EQ(std::vector<double>{TWPT_GRAY}, ValuesSet(ICAP_PIXELTYPE));
-    TW_USERINTERFACE ui = {};
-    ASSERT_TRUE(LastEnable(ui));
-    EXPECT_EQ(1, ui.ShowUI);
+    EXPECT_EQ(1, EnabledShowUI());
 }
 
 INSTANTIATE_TEST_SUITE_P(Codes, PixelTypeRepairTest, ::testing::Values(0, 3, SM_PIXEL_PALETTE, 0x8000),
@@ -635,9 +636,7 @@ TEST_P(ToneRepairTest, TonesAreRepairedThenScaledOntoTheSourcesRanges) {
             }
         }
     }
-    TW_USERINTERFACE ui = {};
-    ASSERT_TRUE(LastEnable(ui));
-    EXPECT_EQ(0, ui.ShowUI) << "tone settings never show the interface";
+    EXPECT_EQ(0, EnabledShowUI()) << "tone settings never show the interface";
 }
 
 const ToneCase kToneCases[] = {
@@ -679,9 +678,7 @@ TEST_F(ScanToFileTest, RefusedPixelTypeShowsTheInterface) {
     EXPECT_EQ(Strings{"SetPixelType returns failure in TScanModule::ZephraScan"}, Sm10("Warning"));
     EXPECT_EQ(std::vector<double>{50}, ValuesSet(ICAP_XRESOLUTION)) << "the other settings are still sent";
     EXPECT_EQ(std::vector<double>{TWSX_MEMORY}, ValuesSet(ICAP_XFERMECH));
-    TW_USERINTERFACE ui = {};
-    ASSERT_TRUE(LastEnable(ui));
-    EXPECT_EQ(1, ui.ShowUI);
+    EXPECT_EQ(1, EnabledShowUI());
 }
 
 TEST_F(ScanToFileTest, RefusedXResolutionSkipsTheYResolutionAndShowsTheInterface) {
@@ -692,9 +689,7 @@ TEST_F(ScanToFileTest, RefusedXResolutionSkipsTheYResolutionAndShowsTheInterface
     EXPECT_EQ(Strings{"Resolution setting return failure in TScanModule::ZephraScan"}, Sm10("Warning"));
     EXPECT_EQ(std::vector<double>{50}, ValuesSet(ICAP_XRESOLUTION));
     EXPECT_EQ(std::vector<double>{}, ValuesSet(ICAP_YRESOLUTION));
-    TW_USERINTERFACE ui = {};
-    ASSERT_TRUE(LastEnable(ui));
-    EXPECT_EQ(1, ui.ShowUI);
+    EXPECT_EQ(1, EnabledShowUI());
 }
 
 TEST_F(ScanToFileTest, RefusedYResolutionShowsTheInterface) {
@@ -704,9 +699,7 @@ TEST_F(ScanToFileTest, RefusedYResolutionShowsTheInterface) {
     ASSERT_EQ(1u, Scan(&s));
     EXPECT_EQ(Strings{"Resolution setting return failure in TScanModule::ZephraScan"}, Sm10("Warning"));
     EXPECT_EQ(std::vector<double>{50}, ValuesSet(ICAP_YRESOLUTION));
-    TW_USERINTERFACE ui = {};
-    ASSERT_TRUE(LastEnable(ui));
-    EXPECT_EQ(1, ui.ShowUI);
+    EXPECT_EQ(1, EnabledShowUI());
 }
 
 // The mechanisms in the order memory, file, native: the first the source takes is the one of the transfers.
