@@ -100,8 +100,11 @@ void TraceShutdown() {
 }
 
 void TraceRecord(TraceLevel level, const char *source, int line, const char *text) {
+    // Without a viewer nothing can be sent, so the switches need not be read at all.
+    if (!traceStream)
+        return;
     const char *key = level == TraceLevel::Trace ? "Trace" : "Warning";
-    if (GetPrivateProfileIntA("Debug", key, 0, kSettingsFile) == 0 || !traceStream)
+    if (GetPrivateProfileIntA("Debug", key, 0, kSettingsFile) == 0)
         return;
     const bool isTrace = level == TraceLevel::Trace;
     if (isTrace) {
