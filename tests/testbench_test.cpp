@@ -30,6 +30,27 @@ TEST(TestBench, CrashEndsTheTestProgramAtOnceWithTheExceptionCode) {
         << child.Output();
 }
 
+TEST(TestBench, ACrashNamesTheCaseItHappenedInBeforeTheExceptionCode) {
+    ChildProgram child("crash-noted:case-42,replay:SEED=42");
+    ASSERT_TRUE(child.Started());
+    ASSERT_TRUE(child.Ended(kHangMs)) << "a crashed test program is still running: a debugger is waiting";
+    EXPECT_EQ(Hex(kIllegalInstruction), Hex(child.ExitCode()));
+    const std::string output = child.Output();
+    const size_t note = output.find(std::string(smtest::kCrashNoteBanner) + " case-42,replay:SEED=42");
+    const size_t banner = output.find(std::string(smtest::kCrashBanner) + " 0xC000001D at ");
+    ASSERT_NE(std::string::npos, note) << output;
+    ASSERT_NE(std::string::npos, banner) << output;
+    EXPECT_LT(note, banner) << "the note comes first, on a line of its own: " << output;
+}
+
+TEST(TestBench, AWritePastAGuardedBufferFaultsAtOnce) {
+    ChildProgram child("write-past-guarded-buffer");
+    ASSERT_TRUE(child.Started());
+    ASSERT_TRUE(child.Ended(kHangMs));
+    EXPECT_EQ(Hex(smtest::PageFaultExceptionCode()), Hex(child.ExitCode())) << child.Output();
+    EXPECT_NE(std::string::npos, child.Output().find("the last byte was written")) << child.Output();
+}
+
 TEST(TestBench, ThePrefixStartsNoDebuggerForAProgramWithoutTheCrashFilter) {
     ChildProgram child("crash-unfiltered");
     ASSERT_TRUE(child.Started());

@@ -1,6 +1,8 @@
 // Test support: prefix files, the trace viewer stand-in, library loading and the stand-in source manager's controls.
 #include "TestSupport.h"
 
+#include "GuardedBuffer.h"
+
 #include "StandInDsm.h"
 
 #include <tlhelp32.h>
@@ -167,12 +169,38 @@ std::string RunMode() {
     return length > 0 && length < sizeof mode ? std::string(mode, length) : std::string();
 }
 
+namespace {
+
+char crashNote[512] = "";
+
+} // namespace
+
+void SetCrashNote(const std::string &note) {
+    lstrcpynA(crashNote, note.c_str(), sizeof crashNote);
+}
+
+const char *CrashNote() {
+    return crashNote;
+}
+
 int RunChildRole(const char *argument, LPTOP_LEVEL_EXCEPTION_FILTER crashFilter) {
     const std::string role = argument + std::strlen(kChildRolePrefix);
-    if (role == "crash")
+    const std::string notedRole = "crash-noted:";
+    const bool noted = role.compare(0, notedRole.size(), notedRole) == 0;
+    if (noted)
+        SetCrashNote(role.substr(notedRole.size()));
+    if (role == "crash" || noted)
         SetUnhandledExceptionFilter(crashFilter);
-    if (role == "crash" || role == "crash-unfiltered")
+    if (role == "crash" || role == "crash-unfiltered" || noted)
         __builtin_trap();
+    if (role == "write-past-guarded-buffer") {
+        GuardedBuffer buffer(100);
+        buffer.Data()[99] = 1;
+        std::fprintf(stderr, "the last byte was written\n");
+        std::fflush(stderr);
+        buffer.Data()[100] = 1;
+        return 0;
+    }
     const std::string hold = "hold-twain:";
     if (role.compare(0, hold.size(), hold) == 0) {
         const size_t colon = role.find(':', hold.size());

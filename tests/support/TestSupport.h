@@ -49,12 +49,21 @@ std::string RunMode();
 
 // The test bench's child roles: a test program started with kChildRolePrefix + role as its first argument plays that
 // role instead of running tests. Roles: "crash" (ends in an illegal instruction with the test programs' crash
-// filter), "crash-unfiltered" (the same without it), "hold-twain:<ms>:<event>" (loads TWAIN_32.DLL, sets the
+// filter), "crash-unfiltered" (the same without it), "crash-noted:<note>" (the same as "crash" with <note> set as the
+// crash note), "write-past-guarded-buffer" (writes the byte after a GuardedBuffer of 100 bytes, after its last one),
+// "hold-twain:<ms>:<event>" (loads TWAIN_32.DLL, sets the
 // named event, holds the library for <ms> milliseconds, resets the event and frees the library).
 constexpr char kChildRolePrefix[] = "--smk-child=";
 // What the crash filter of the test programs writes to stderr before the exception's code.
 constexpr char kCrashBanner[] = "test program: unhandled exception";
 int RunChildRole(const char *argument, LPTOP_LEVEL_EXCEPTION_FILTER crashFilter);
+// What the crash filter prints on a line of its own before the exception's code: what the program was doing, e.g. the
+// case a long run was in and how to replay it alone ("" prints nothing). Kept in a fixed buffer (cut to 511
+// characters), so that the filter needs no memory.
+void SetCrashNote(const std::string &note);
+const char *CrashNote();
+// The line the crash filter prints for a note.
+constexpr char kCrashNoteBanner[] = "test program: crashed in";
 
 // This test program started again in a child role, its stderr in a file.
 class ChildProgram {
