@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <set>
 
 namespace smtest {
@@ -21,9 +22,14 @@ struct Record {
     int frees = 0;
     int doubleFrees = 0;
     int failNext = 0;
+    // Guarded blocks and the size their owner asked for.
+    std::map<HGLOBAL, SIZE_T> guarded;
+    int guardViolations = 0;
+    std::vector<HGLOBAL> foreignFrees;
 };
 
 Record record;
+bool guardBlocks = false;
 // The real functions, taken from KERNEL32 itself.
 AllocProc realAlloc = nullptr;
 ReAllocProc realReAlloc = nullptr;
@@ -35,19 +41,41 @@ void Allocated(HGLOBAL handle) {
     ++record.allocations;
 }
 
+// Fills or checks the guard bytes behind the `size` bytes of a block; false when they were written.
+bool GuardIntact(HGLOBAL handle, SIZE_T size, bool fill) {
+    BYTE *block = static_cast<BYTE *>(GlobalLock(handle));
+    if (!block)
+        return true;
+    bool intact = true;
+    for (SIZE_T i = 0; i < GlobalMemoryTracker::kGuardBytes; ++i) {
+        if (fill)
+            block[size + i] = GlobalMemoryTracker::kGuardFill;
+        else
+            intact = intact && block[size + i] == GlobalMemoryTracker::kGuardFill;
+    }
+    GlobalUnlock(handle);
+    return intact;
+}
+
 HGLOBAL WINAPI TrackedAlloc(UINT flags, SIZE_T size) {
     if (record.failNext > 0) {
         --record.failNext;
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
-    HGLOBAL handle = realAlloc(flags, size);
-    if (handle)
+    const bool guard = guardBlocks && size <= static_cast<SIZE_T>(-1) - GlobalMemoryTracker::kGuardBytes;
+    HGLOBAL handle = realAlloc(flags, guard ? size + GlobalMemoryTracker::kGuardBytes : size);
+    if (handle) {
         Allocated(handle);
+        if (guard && GuardIntact(handle, size, true))
+            record.guarded[handle] = size;
+    }
     return handle;
 }
 
 HGLOBAL WINAPI TrackedReAlloc(HGLOBAL handle, SIZE_T size, UINT flags) {
+    // A block that changes size keeps no guard: its bytes beyond the new size are its owner's again.
+    record.guarded.erase(handle);
     HGLOBAL moved = realReAlloc(handle, size, flags);
     if (moved && moved != handle && record.live.erase(handle)) {
         record.live.insert(moved);
@@ -60,6 +88,14 @@ HGLOBAL WINAPI TrackedFree(HGLOBAL handle) {
     if (handle && record.freed.count(handle)) {
         ++record.doubleFrees; // not passed on: the block may belong to someone else by now
         return handle;
+    }
+    if (handle && !record.live.count(handle))
+        record.foreignFrees.push_back(handle);
+    const auto guarded = record.guarded.find(handle);
+    if (guarded != record.guarded.end()) {
+        if (!GuardIntact(handle, guarded->second, false))
+            ++record.guardViolations;
+        record.guarded.erase(guarded);
     }
     HGLOBAL rc = realFree(handle);
     if (!rc && record.live.erase(handle)) {
@@ -166,6 +202,7 @@ void GlobalMemoryTracker::Detach() {
         if (GetModuleHandleA(slot->path.c_str()) == slot->module)
             WriteSlot(slot->address, slot->original);
     slots_.clear();
+    guardBlocks = false;
 }
 
 void GlobalMemoryTracker::Begin() {
@@ -190,6 +227,22 @@ int GlobalMemoryTracker::Frees() const {
 
 int GlobalMemoryTracker::DoubleFrees() const {
     return record.doubleFrees;
+}
+
+void GlobalMemoryTracker::GuardBlocks(bool on) {
+    guardBlocks = on;
+}
+
+int GlobalMemoryTracker::GuardViolations() const {
+    return record.guardViolations;
+}
+
+void GlobalMemoryTracker::Foreign(HGLOBAL handle) {
+    record.freed.erase(handle);
+}
+
+std::vector<HGLOBAL> GlobalMemoryTracker::ForeignFrees() const {
+    return record.foreignFrees;
 }
 
 std::string GlobalMemoryTracker::Describe() const {

@@ -38,6 +38,23 @@ public:
     // "2 live: 0x1234 (6 bytes), ..." for failure messages.
     std::string Describe() const;
 
+    // From now on every block the attached modules allocate is kGuardBytes longer than asked for, the extra bytes
+    // filled with kGuardFill; GlobalFree checks them, so that a module writing past the end of a block it sized shows
+    // in GuardViolations. GlobalSize then answers the longer size.
+    void GuardBlocks(bool on);
+    // Blocks freed since Begin whose guard bytes had been written.
+    int GuardViolations() const;
+    // GlobalFree calls of the attached modules since Begin for handles they had not allocated since Begin (a source's
+    // containers and bitmaps), in order, whatever the call returned.
+    std::vector<HGLOBAL> ForeignFrees() const;
+
+    // Tells of a block allocated outside the attached modules (by a source the test plays): a handle the modules freed
+    // before may live again, and freeing it once more is no double free.
+    void Foreign(HGLOBAL handle);
+
+    static constexpr SIZE_T kGuardBytes = 16;
+    static constexpr BYTE kGuardFill = 0xFD;
+
 private:
     struct Slot {
         HMODULE module;
