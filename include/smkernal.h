@@ -139,8 +139,10 @@ typedef struct ScanCapRecord {
    - memory (SM_XFER_MEMORY): the buffer descriptor, {size, address} of the buffer the source
      writes each block into. The module fills it with a buffer of its own; write your own buffer's
      size and address into it (during XferStart or XferData) and the next block goes there (the
-     memory stays yours); clear it and the module's own buffer is used again. The module's own
-     buffer is freed when the transfer ends. */
+     memory stays yours); clear it and the module's own buffer is used again. Your buffer stays in
+     use for the following blocks, images and transfers until you clear the descriptor (it lives as
+     long as the library), so clear it before you free that memory. The module's own buffer is
+     freed when the transfer ends. */
 
 /* The image about to be transferred (lParam of SM_MSG_XFERSTART and SM_MSG_XFEREND): 46 bytes,
    packed, little-endian. */

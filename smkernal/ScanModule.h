@@ -346,8 +346,8 @@ private:
     // buffer.
     bool ProcessBlock(const TraceCall &call, TW_IMAGEMEMXFER &block, DWORD bitmapRowBytes);
     void FillImageRecord(ScanImageInfo &record, const TW_IMAGEINFO &info, WORD mechanism, void *target);
-    void CopyBlock(const TW_IMAGEMEMXFER &block, const TGlobalBuffer &buffer, BYTE *destination, DWORD destinationSize,
-                   DWORD *count);
+    void CopyBlock(const TraceCall &call, const TW_IMAGEMEMXFER &block, const TGlobalBuffer &buffer, BYTE *destination,
+                   DWORD destinationSize, DWORD *count);
     // The scan to file's settings: the defaults, and the repairs of what the application gave.
     void DefaultScanToFile();
     void ValidateScanToFile();

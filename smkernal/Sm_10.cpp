@@ -308,6 +308,11 @@ int TScanModule::MemoryImageToFile(const TraceCall &call, const char *name, cons
         const TW_UINT16 rc = CallDsm(&sourceIdentity, DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &strip);
         if (rc != TWRC_SUCCESS && rc != TWRC_XFERDONE)
             return ScanToFileFailed(call, rc);
+        // The strip's rows are read, and swapped in place, as far as its bytes go: never past the buffer's end.
+        if (strip.BytesWritten > buffer.size) {
+            call.Warn(__LINE__, "Bad Value, BytesWritten > buffer size,");
+            return TWCC_BADVALUE;
+        }
         if ((result = AppendBufferToFile(file, &info, &strip, data)) != 0)
             return result;
         if (rc == TWRC_XFERDONE)

@@ -25,6 +25,8 @@ constexpr DWORD kFilePiece = 0xF000;
 constexpr DWORD kPlanarWorkBytes = 0x40000;
 // Free-space margin: an image may exceed the free space by this much.
 constexpr DWORD kDiskMargin = 0x20000;
+// The largest bitmap file the writers can lay out: every position in it must fit the signed 32-bit offsets of _llseek.
+constexpr ULONGLONG kLargestFile = 0x7FFFFFFF;
 constexpr DWORD kFileHeaderBytes = 14;
 constexpr DWORD kInfoHeaderBytes = 40;
 constexpr DWORD kHeaderBytes = kFileHeaderBytes + kInfoHeaderBytes;
@@ -63,6 +65,16 @@ DWORD HeaderBytesFor(DWORD paletteEntries) {
     return kHeaderBytes + 4 * paletteEntries;
 }
 
+// The whole file an image would take, counted without the 32-bit wrap-round of ImageDataSize; a negative width,
+// length or depth counts as more than any file can take.
+ULONGLONG FileBytes(const TW_IMAGEINFO *info) {
+    if (info->ImageWidth < 0 || info->ImageLength < 0 || info->BitsPerPixel < 0)
+        return ~0ull;
+    const ULONGLONG bits = static_cast<ULONGLONG>(info->BitsPerPixel) * static_cast<ULONGLONG>(info->ImageWidth);
+    const ULONGLONG rowBytes = ((bits + 7) / 8 + 3) / 4 * 4;
+    return rowBytes * static_cast<ULONGLONG>(info->ImageLength) + HeaderBytesFor(256);
+}
+
 } // namespace
 
 DWORD TScanModule::ImageDataSize(const TW_IMAGEINFO *info) {
@@ -95,8 +107,12 @@ int TScanModule::CheckDiskSpace(const char *name, const TW_IMAGEINFO *info) {
     lstrcpynA(root, name, sizeof root);
     const DWORD required = ImageDataSize(info);
     DWORD sectorsPerCluster = 0, bytesPerSector = 0, freeClusters = 0, totalClusters = 0;
-    if (GetDiskFreeSpaceA(root, &sectorsPerCluster, &bytesPerSector, &freeClusters, &totalClusters) == 1 &&
-        required > freeClusters * bytesPerSector * sectorsPerCluster + kDiskMargin) {
+    if (FileBytes(info) > kLargestFile) {
+        // Its size only wraps round in 32 bits: the writers would lay out and fill a file of another size.
+        call.Warn(__LINE__, "Image too large for a bitmap file");
+        result = -2;
+    } else if (GetDiskFreeSpaceA(root, &sectorsPerCluster, &bytesPerSector, &freeClusters, &totalClusters) == 1 &&
+               required > freeClusters * bytesPerSector * sectorsPerCluster + kDiskMargin) {
         call.Warn(__LINE__, "Disk space is not enough");
         result = -2;
     }
@@ -264,7 +280,9 @@ int TScanModule::AppendBufferToFile(HFILE file, const TW_IMAGEINFO *info, TW_IMA
 // The strip's rows count by its bytes when its numbers disagree; the repaired count goes back to the caller.
 // False (nothing repaired) when the strip has no row width to count by.
 static bool RepairRows(TW_IMAGEMEMXFER *strip, DWORD fileRowBytes) {
-    if (strip->BytesPerRow * strip->Rows == strip->BytesWritten && fileRowBytes * strip->Rows == strip->BytesWritten)
+    // The products are taken whole: rows whose 32-bit product only wraps round to the bytes written are no match.
+    const ULONGLONG rows = strip->Rows;
+    if (rows * strip->BytesPerRow == strip->BytesWritten && rows * fileRowBytes == strip->BytesWritten)
         return true;
     if (strip->BytesPerRow == 0)
         return false;

@@ -51,6 +51,9 @@ int readBlockBytesPerPixel = 0;
 DWORD readBlockMin = 0;
 DWORD readBlockMax = 0;
 DWORD readBlockPreferred = 0;
+// Bytes of one row of the image being read, as the application counts it from the image's width (0 when the source
+// gave no width): the caller's buffer holds one such row beyond its size.
+ULONGLONG readBlockRowBytes = 0;
 
 // A resolution as the record keeps it: truncated toward zero to 16 bits, a negative one as 0xFFFF.
 short RecordedResolution(double value) {
@@ -97,26 +100,38 @@ bool TScanModule::ChooseBuffer(const TraceCall &call, TGlobalBuffer &buffer, DWO
 
 // Copies the block's pixel bytes to the caller: row by row, packed, when the rows carry padding;
 // otherwise as one piece, cut to the caller's size.
-void TScanModule::CopyBlock(const TW_IMAGEMEMXFER &block, const TGlobalBuffer &buffer, BYTE *destination,
-                            DWORD destinationSize, DWORD *count) {
+void TScanModule::CopyBlock(const TraceCall &call, const TW_IMAGEMEMXFER &block, const TGlobalBuffer &buffer,
+                            BYTE *destination, DWORD destinationSize, DWORD *count) {
     // A source that claims more bytes than the buffer holds is read only as far as the buffer goes.
     const DWORD written = std::min<DWORD>(block.BytesWritten, buffer.size);
     if (written == 0)
         return;
     const BYTE *source = static_cast<const BYTE *>(buffer.data);
-    const DWORD rowBytes = block.Columns * readBlockBytesPerPixel;
+    const ULONGLONG rowBytes = static_cast<ULONGLONG>(block.Columns) * readBlockBytesPerPixel;
     if (rowBytes != block.BytesPerRow) {
-        // Before each row the caller's size is checked; a row once started is copied whole.
+        // Before each row the caller's size is checked; a row once started is copied whole. The caller's buffer
+        // holds one row of the image beyond its size, so a row wider than the image's is not started where it would
+        // not fit.
+        const ULONGLONG limit = static_cast<ULONGLONG>(destinationSize) + readBlockRowBytes;
         for (DWORD row = 0; row < block.Rows && *count < destinationSize; ++row) {
-            const DWORD from = row * block.BytesPerRow;
+            const ULONGLONG from = static_cast<ULONGLONG>(row) * block.BytesPerRow;
             if (from + rowBytes > written)
                 break;
-            std::memcpy(destination + *count, source + from, rowBytes);
-            *count += rowBytes;
+            if (*count + rowBytes > limit) {
+                call.Warn(__LINE__, "Bad Value, row beyond the buffer, copy stopped,");
+                break;
+            }
+            std::memcpy(destination + *count, source + from, static_cast<size_t>(rowBytes));
+            *count += static_cast<DWORD>(rowBytes);
         }
         return;
     }
-    const DWORD bytes = destinationSize >= readBlockMax || destinationSize >= written ? written : destinationSize;
+    DWORD bytes = destinationSize >= readBlockMax || destinationSize >= written ? written : destinationSize;
+    if (bytes > destinationSize) {
+        // Only a source whose minimum size exceeds its maximum gets a block larger than the caller's buffer here.
+        call.Warn(__LINE__, "Bad Value, block larger than the buffer, cut,");
+        bytes = destinationSize;
+    }
     std::memcpy(destination, source, bytes);
     *count = bytes;
 }
@@ -129,6 +144,7 @@ LONG TScanModule::ReadBlock(BYTE *destination, DWORD destinationSize, DWORD *cou
         TW_IMAGEINFO info = {};
         CallDsm(&sourceIdentity, DG_IMAGE, DAT_IMAGEINFO, MSG_GET, &info);
         readBlockBytesPerPixel = info.PixelType == TWPT_RGB ? kRgbBytes : kGrayBytes;
+        readBlockRowBytes = info.ImageWidth > 0 ? static_cast<ULONGLONG>(info.ImageWidth) * readBlockBytesPerPixel : 0;
     }
     DWORD preferred = readBlockPreferred;
     if (std::strcmp(sourceIdentity.Manufacturer, kBlockSizeMaker) == 0)
@@ -158,7 +174,7 @@ LONG TScanModule::ReadBlock(BYTE *destination, DWORD destinationSize, DWORD *cou
             result = GetTWAINStatusCode();
         } else {
             *count = 0;
-            CopyBlock(block, buffer, destination, destinationSize, count);
+            CopyBlock(call, block, buffer, destination, destinationSize, count);
         }
     }
     buffer.Free();
@@ -319,8 +335,10 @@ bool TScanModule::ProcessBlock(const TraceCall &call, TW_IMAGEMEMXFER &block, DW
     if (memoryImage.compression != TWCP_NONE)
         return true;
     call.NoteIn(__LINE__, "Process memory buffer");
+    // The products are taken whole: rows whose 32-bit product only wraps round to the bytes written are no match.
+    const ULONGLONG rows = block.Rows;
     if (IsPlainPixelFlag(memoryImage.pixelTypeFlag) &&
-        (block.Rows * block.BytesPerRow != block.BytesWritten || block.Rows * bitmapRowBytes != block.BytesWritten)) {
+        (rows * block.BytesPerRow != block.BytesWritten || rows * bitmapRowBytes != block.BytesWritten)) {
         call.NoteIn(__LINE__, "not 4-byte align");
         // A source that gives no row length has no whole rows to offer.
         block.Rows = block.BytesPerRow ? block.BytesWritten / block.BytesPerRow : 0;

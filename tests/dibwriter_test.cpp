@@ -405,6 +405,22 @@ TEST_F(DibWriterTest, DisagreeingBytesWrittenRepairsTheRowCount) {
     ExpectFile(expected.bytes);
 }
 
+// Rows whose 32-bit product with the strip's row length only wraps round to the bytes written are counted by their
+// bytes: two rows of 0x80000004 bytes claim 8 bytes in 32 bits, and would have 2 GiB read from a buffer of 8.
+TEST_F(DibWriterTest, RowsWhoseProductOnlyWrapsRoundAreCountedByTheirBytes) {
+    const TW_IMAGEINFO info = Info(1, 4, 24, TWPT_RGB, 3);
+    ASSERT_NE(HFILE_ERROR, Create());
+    ASSERT_EQ(0, module->WriteDIBHeader(file, &info));
+    Bytes buffer(8, 7);
+    TW_IMAGEMEMXFER strip = Strip(0x80000004u, 1, 2, 0, 0);
+    strip.BytesWritten = 8;
+    EXPECT_EQ(0, module->AppendBufferToFile(file, &info, &strip, buffer.data()));
+    EXPECT_EQ(0u, strip.Rows) << "8 bytes hold no row of 0x80000004";
+    EXPECT_EQ(Bytes(8, 7), buffer) << "nothing was swapped";
+    Close();
+    ExpectFile(ExpectedFile(1, 4, 24, 0, 24).bytes);
+}
+
 TEST_F(DibWriterTest, UnsupportedSampleLayoutWritesNothing) {
     const TW_IMAGEINFO info = Info(2, 2, 48, TWPT_RGB, 3);
     ASSERT_NE(HFILE_ERROR, Create());
@@ -565,12 +581,38 @@ TEST_F(DibWriterTest, CheckDiskSpaceRefusesAnImageBeyondFreeSpaceAndMargin) {
     const unsigned long long room = static_cast<DWORD>(freeClusters * bps * spc) + 0x20000ull;
     // Rows of 1 MiB, one more than the room holds.
     const unsigned long long rows = room / 0x100000 + 2;
-    if (rows * 0x100000 > 0xFFFFFFFFull)
-        GTEST_SKIP() << "the drive's free space as 32 bits leaves no image size above it";
+    if (rows * 0x100000 > 0x7FFFFFFFull - 54 - 1024)
+        GTEST_SKIP() << "the drive's free space as 32 bits is more than a bitmap file can take: an image above it is "
+                        "refused as too large for a bitmap file (CheckDiskSpaceRefusesAnImageNoBitmapFileCanHold)";
     const TW_IMAGEINFO info = Info(0x100000, static_cast<int>(rows), 8, TWPT_GRAY);
     EXPECT_EQ(-2, module->CheckDiskSpace(path.c_str(), &info));
     ExpectRecord("Warning", "Disk space is not enough in TScanModule::CheckDiskSpace");
     EXPECT_TRUE(ReadFileBytes(path).empty()) << "the file is created and closed all the same";
+}
+
+// An image whose file would not fit in the positions _llseek reaches, or whose size only wraps round to a small one in
+// 32 bits, or whose length is negative, is refused before the free space is asked: the writers would lay out a file of
+// another size and place strips at wrapped positions.
+TEST_F(DibWriterTest, CheckDiskSpaceRefusesAnImageNoBitmapFileCanHold) {
+    const TW_IMAGEINFO images[] = {
+        Info(0x40000000, 0x40000000, 8, TWPT_GRAY), // 2^60 bytes, 0 in 32 bits
+        Info(30000, 30000, 24, TWPT_RGB, 3),        // 2.7 GB
+        Info(4, -5, 8, TWPT_GRAY),
+        Info(-5, 4, 8, TWPT_GRAY),
+    };
+    for (const TW_IMAGEINFO &info : images) {
+        viewer.Clear();
+        EXPECT_EQ(-2, module->CheckDiskSpace(path.c_str(), &info)) << info.ImageWidth << " x " << info.ImageLength;
+        EXPECT_EQ(std::vector<std::string>{"Image too large for a bitmap file in TScanModule::CheckDiskSpace"},
+                  viewer.Texts("Warning"));
+        ExpectRecord("Warning", "Image too large for a bitmap file in TScanModule::CheckDiskSpace");
+        EXPECT_TRUE(ReadFileBytes(path).empty()) << "the file is created and closed all the same";
+    }
+    // The largest image that still fits is left to the free space.
+    viewer.Clear();
+    const TW_IMAGEINFO fits = Info(4, 1000, 8, TWPT_GRAY);
+    EXPECT_EQ(0, module->CheckDiskSpace(path.c_str(), &fits));
+    EXPECT_TRUE(viewer.Texts("Warning").empty());
 }
 
 TEST_F(DibWriterTest, CheckDiskSpaceOnAnUncreatableFile) {
