@@ -374,7 +374,9 @@ SMAPI LONG SMCALL smSetIndex(LONG count, const DWORD *list);
    were delivered (*count says how many) and 1 once *count is SM_IMAGE_ENDED: the image ended, was
    cancelled or failed; the next call starts the next pending image. The call that reports the end
    of an image also delivers its last block: those bytes are in `buffer`, and their number is what
-   the image size leaves after the blocks counted before. A failed block leaves *count as it was. */
+   the image size leaves after the blocks counted before. A failed block leaves *count as it was.
+   An image left in the middle is over for the reader once the source is disabled: the next
+   session's first call starts a new image. */
 SMAPI BOOL SMCALL smReadBlock(BYTE *buffer, DWORD size, DWORD *count);
 
 /* Ordinal 48. Sets the scan frame (DAT_IMAGELAYOUT), the four edges given in the unit of the flag `unit` (SM_UNIT_*;

@@ -262,6 +262,9 @@ public:
     // The block reader: one block of the pending image per call into the caller's memory; *count
     // receives the bytes delivered, or 0xFFFFFFFF once the image ended, was cancelled or failed.
     LONG ReadBlock(BYTE *destination, DWORD destinationSize, DWORD *count);
+    // The block reader starts its next call with a new image, as it does once an image ended: a session that ends
+    // while the reader is in the middle of an image leaves nothing for the next one.
+    void ForgetBlockReaderImage();
     LONG GetPendingCount(WORD *count);
     LONG GetScanCap(ScanCapRecord *record);
 

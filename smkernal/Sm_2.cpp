@@ -269,6 +269,8 @@ LONG TScanModule::DisableDS() {
             result = GetTWAINStatusCode();
         } else {
             sessionState = kStateSourceOpen;
+            // A disabled source has no image left: one the block reader was still in is over.
+            ForgetBlockReaderImage();
         }
     }
     if (result == 0 && parentDisabled) {

@@ -136,6 +136,10 @@ void TScanModule::CopyBlock(const TraceCall &call, const TW_IMAGEMEMXFER &block,
     *count = bytes;
 }
 
+void TScanModule::ForgetBlockReaderImage() {
+    readBlockBytesPerPixel = 0;
+}
+
 // DG_IMAGE / DAT_IMAGEMEMXFER / MSG_GET, one block per call.
 LONG TScanModule::ReadBlock(BYTE *destination, DWORD destinationSize, DWORD *count) {
     TraceCall call(kSource, "ReadBlock", __LINE__, __LINE__);
