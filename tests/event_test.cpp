@@ -93,28 +93,6 @@ const char *MechanismName(LONG mechanism) {
     return mechanism == SM_XFER_NATIVE ? "DoNativeXfer" : mechanism == SM_XFER_FILE ? "DoFileXfer" : "DoMemXfer";
 }
 
-// CV_Scan.INI beside the test program with [Settings] SuppressTWAIN; removed again, key first, so that no cached copy
-// of the file can keep the key alive for later tests.
-class SuppressSetting {
-public:
-    explicit SuppressSetting(int value) : path_(BinDir() + "\\CV_Scan.INI") {
-        WritePrivateProfileStringA("Settings", "SuppressTWAIN", std::to_string(value).c_str(), path_.c_str());
-        WritePrivateProfileStringA(nullptr, nullptr, nullptr, path_.c_str());
-    }
-    ~SuppressSetting() {
-        WritePrivateProfileStringA("Settings", "SuppressTWAIN", nullptr, path_.c_str());
-        WritePrivateProfileStringA(nullptr, nullptr, nullptr, path_.c_str());
-        DeleteFileA(path_.c_str());
-    }
-    SuppressSetting(const SuppressSetting &) = delete;
-    SuppressSetting &operator=(const SuppressSetting &) = delete;
-    // What the settings file beside the program says now.
-    UINT Value() const { return GetPrivateProfileIntA("Settings", "SuppressTWAIN", 0, path_.c_str()); }
-
-private:
-    std::string path_;
-};
-
 // File names for the images of a file transfer, one per image in the temporary directory, removed at the end.
 class FileNames {
 public:

@@ -102,46 +102,11 @@ std::string FetchOf(LONG mechanism, const char *rc) {
     }
 }
 
-const char *CapName(TW_UINT16 cap) {
-    switch (cap) {
-    case CAP_XFERCOUNT:
-        return "CAP_XFERCOUNT";
-    case CAP_FEEDERENABLED:
-        return "CAP_FEEDERENABLED";
-    case CAP_FEEDERLOADED:
-        return "CAP_FEEDERLOADED";
-    case ICAP_PIXELTYPE:
-        return "ICAP_PIXELTYPE";
-    case ICAP_XRESOLUTION:
-        return "ICAP_XRESOLUTION";
-    case ICAP_YRESOLUTION:
-        return "ICAP_YRESOLUTION";
-    case ICAP_BRIGHTNESS:
-        return "ICAP_BRIGHTNESS";
-    case ICAP_CONTRAST:
-        return "ICAP_CONTRAST";
-    case ICAP_HIGHLIGHT:
-        return "ICAP_HIGHLIGHT";
-    case ICAP_SHADOW:
-        return "ICAP_SHADOW";
-    case ICAP_XFERMECH:
-        return "ICAP_XFERMECH";
-    case ICAP_UNITS:
-        return "ICAP_UNITS";
-    case ICAP_PHYSICALWIDTH:
-        return "ICAP_PHYSICALWIDTH";
-    case ICAP_PHYSICALHEIGHT:
-        return "ICAP_PHYSICALHEIGHT";
-    default:
-        return "ICAP_(other)";
-    }
-}
-
 // A call as the timelines show it: Describe(), with the capability named for DAT_CAPABILITY.
 std::string Label(const TdsmCall &call) {
     std::string text = Describe(call);
     if (call.dat == DAT_CAPABILITY && call.capIn.valid)
-        text.insert(text.find(" -> "), std::string(" ") + CapName(call.capIn.cap));
+        text.insert(text.find(" -> "), std::string(" ") + CapabilityName(call.capIn.cap));
     return text;
 }
 
@@ -513,7 +478,7 @@ TEST_F(ScanToFileTest, NullSettingsScanOneGrayPageAt300DpiWithTheInterfaceShownM
     const std::vector<CapSet> sets = CapSets();
     Strings order;
     for (const CapSet &set : sets)
-        order.push_back(CapName(set.cap));
+        order.push_back(CapabilityName(set.cap));
     EXPECT_EQ((Strings{"ICAP_PIXELTYPE", "ICAP_XRESOLUTION", "ICAP_YRESOLUTION", "ICAP_BRIGHTNESS", "ICAP_CONTRAST",
                        "ICAP_HIGHLIGHT", "ICAP_SHADOW", "CAP_XFERCOUNT", "CAP_FEEDERENABLED", "ICAP_XFERMECH"}),
               order);
@@ -628,11 +593,11 @@ TEST_P(ToneRepairTest, TonesAreRepairedThenScaledOntoTheSourcesRanges) {
     const TW_UINT16 caps[] = {ICAP_BRIGHTNESS, ICAP_CONTRAST, ICAP_HIGHLIGHT, ICAP_SHADOW};
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(std::vector<TW_UINT32>{Fix32Bits(c.sent[i])}, BitsSet(caps[i]))
-            << CapName(caps[i]) << " " << c.sent[i]
+            << CapabilityName(caps[i]) << " " << c.sent[i]
             << " (as read back: " << ::testing::PrintToString(ValuesSet(caps[i])) << ")";
         for (const CapSet &set : CapSets()) {
             if (set.cap == caps[i]) {
-                EXPECT_EQ(TWTY_FIX32, set.itemType) << CapName(caps[i]);
+                EXPECT_EQ(TWTY_FIX32, set.itemType) << CapabilityName(caps[i]);
             }
         }
     }
@@ -663,7 +628,7 @@ TEST_F(ScanToFileTest, RefusedToneSettingsAreIgnored) {
     ScanToFileSettings s = Settings();
     ASSERT_EQ(1u, Scan(&s));
     for (TW_UINT16 cap : {ICAP_BRIGHTNESS, ICAP_CONTRAST, ICAP_HIGHLIGHT, ICAP_SHADOW})
-        EXPECT_EQ(1u, ValuesSet(cap).size()) << CapName(cap);
+        EXPECT_EQ(1u, ValuesSet(cap).size()) << CapabilityName(cap);
     TW_USERINTERFACE ui = {};
     ASSERT_TRUE(LastEnable(ui));
     EXPECT_EQ(0, ui.ShowUI);

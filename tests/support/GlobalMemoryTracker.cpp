@@ -86,8 +86,12 @@ HGLOBAL WINAPI TrackedReAlloc(HGLOBAL handle, SIZE_T size, UINT flags) {
 
 HGLOBAL WINAPI TrackedFree(HGLOBAL handle) {
     if (handle && record.freed.count(handle)) {
-        ++record.doubleFrees; // not passed on: the block may belong to someone else by now
-        return handle;
+        // A handle that is valid again was given to a block someone else allocated since (a source's bitmap).
+        if (GlobalFlags(handle) == GMEM_INVALID_HANDLE) {
+            ++record.doubleFrees; // not passed on
+            return handle;
+        }
+        record.freed.erase(handle);
     }
     if (handle && !record.live.count(handle))
         record.foreignFrees.push_back(handle);

@@ -576,9 +576,70 @@ const char *MessageName(TW_UINT16 msg) {
 
 } // namespace
 
+SuppressSetting::SuppressSetting(int value) : path_(BinDir() + "\\CV_Scan.INI") {
+    WritePrivateProfileStringA("Settings", "SuppressTWAIN", std::to_string(value).c_str(), path_.c_str());
+    WritePrivateProfileStringA(nullptr, nullptr, nullptr, path_.c_str());
+}
+
+SuppressSetting::~SuppressSetting() {
+    WritePrivateProfileStringA("Settings", "SuppressTWAIN", nullptr, path_.c_str());
+    WritePrivateProfileStringA(nullptr, nullptr, nullptr, path_.c_str());
+    DeleteFileA(path_.c_str());
+}
+
+UINT SuppressSetting::Value() const {
+    return GetPrivateProfileIntA("Settings", "SuppressTWAIN", 0, path_.c_str());
+}
+
+std::string TripletName(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg) {
+    return std::string(GroupName(dg)) + "/" + TypeName(dat) + "/" + MessageName(msg);
+}
+
+const char *CapabilityName(TW_UINT16 cap) {
+    switch (cap) {
+    case CAP_XFERCOUNT:
+        return "CAP_XFERCOUNT";
+    case CAP_FEEDERENABLED:
+        return "CAP_FEEDERENABLED";
+    case CAP_FEEDERLOADED:
+        return "CAP_FEEDERLOADED";
+    case CAP_UICONTROLLABLE:
+        return "CAP_UICONTROLLABLE";
+    case ICAP_PIXELTYPE:
+        return "ICAP_PIXELTYPE";
+    case ICAP_BITDEPTH:
+        return "ICAP_BITDEPTH";
+    case ICAP_XRESOLUTION:
+        return "ICAP_XRESOLUTION";
+    case ICAP_YRESOLUTION:
+        return "ICAP_YRESOLUTION";
+    case ICAP_XSCALING:
+        return "ICAP_XSCALING";
+    case ICAP_YSCALING:
+        return "ICAP_YSCALING";
+    case ICAP_BRIGHTNESS:
+        return "ICAP_BRIGHTNESS";
+    case ICAP_CONTRAST:
+        return "ICAP_CONTRAST";
+    case ICAP_HIGHLIGHT:
+        return "ICAP_HIGHLIGHT";
+    case ICAP_SHADOW:
+        return "ICAP_SHADOW";
+    case ICAP_XFERMECH:
+        return "ICAP_XFERMECH";
+    case ICAP_UNITS:
+        return "ICAP_UNITS";
+    case ICAP_PHYSICALWIDTH:
+        return "ICAP_PHYSICALWIDTH";
+    case ICAP_PHYSICALHEIGHT:
+        return "ICAP_PHYSICALHEIGHT";
+    default:
+        return "ICAP_(other)";
+    }
+}
+
 std::string Describe(const TdsmCall &call) {
-    return std::string(GroupName(call.dg)) + "/" + TypeName(call.dat) + "/" + MessageName(call.msg) + " -> " +
-           TwrcName(call.rc);
+    return TripletName(call.dg, call.dat, call.msg) + " -> " + TwrcName(call.rc);
 }
 
 bool IsLoaded(const std::string &path) {

@@ -203,6 +203,10 @@ private:
 
 // "DG_CONTROL/DAT_PARENT/MSG_OPENDSM -> TWRC_SUCCESS" for assertions on logged calls.
 std::string Describe(const TdsmCall &call);
+// "DG_CONTROL/DAT_PARENT/MSG_OPENDSM".
+std::string TripletName(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg);
+// "ICAP_XFERMECH" for the capabilities the module negotiates, "ICAP_(other)" for the rest.
+const char *CapabilityName(TW_UINT16 cap);
 
 // True when the module at `path` is loaded in this process.
 bool IsLoaded(const std::string &path);
@@ -210,6 +214,21 @@ bool IsLoaded(const std::string &path);
 // The TLS indexes still taken after `cycles` runs of `loadAndFree` (a LoadLibrary and FreeLibrary of DLLs that are
 // loaded already once, so that no system DLL comes in for good meanwhile). A process has 1088 of them.
 int TlsIndexesKeptBy(const std::function<void()> &loadAndFree, int cycles = 20);
+
+// CV_Scan.INI beside the test program with [Settings] SuppressTWAIN; removed again, key first, so that no cached copy
+// of the file can keep the key alive for later tests.
+class SuppressSetting {
+public:
+    explicit SuppressSetting(int value);
+    ~SuppressSetting();
+    SuppressSetting(const SuppressSetting &) = delete;
+    SuppressSetting &operator=(const SuppressSetting &) = delete;
+    // What the settings file beside the program says now.
+    UINT Value() const;
+
+private:
+    std::string path_;
+};
 
 // Runs `undo` when the scope ends, also when a failed assertion returns early.
 template <typename Undo> class ScopeExit {
