@@ -1237,6 +1237,48 @@ TEST_F(GuardTest, ReadBlockCutsABlockLargerThanTheCallersBuffer) {
     ExpectNothingLeft();
 }
 
+// An application that stops reading in the middle of an image and closes the session: the next session's first call
+// starts a new image, with the new image's information, not the old image's pixel size.
+TEST_F(GuardTest, ReadBlockStartsTheNextSessionWithANewImage) {
+    auto enable = Call<LONG(WINAPI *)(BOOL, BOOL)>("smEnableDS");
+    auto readBlock = Call<BOOL(WINAPI *)(BYTE *, DWORD, DWORD *)>("smReadBlock");
+    ASSERT_EQ(SM_OK, enable(FALSE, FALSE));
+    int infos = 0;
+    TW_IMAGEINFO info = Gray(10, 100);
+    info.PixelType = TWPT_RGB;
+    source.onImageInfo = [&info, &infos](TW_IMAGEINFO &answer) {
+        answer = info;
+        ++infos;
+        return Answer{};
+    };
+    // Rows of 32 bytes: RGB pixels of the first image, gray ones of the second.
+    TW_IMAGEMEMXFER record = {};
+    record.BytesPerRow = 32;
+    record.Columns = 10;
+    record.Rows = 4;
+    record.BytesWritten = 128;
+    source.onStrip = [&record](TW_IMAGEMEMXFER &strip) {
+        const TW_MEMORY memory = strip.Memory;
+        strip = record;
+        strip.Memory = memory;
+        return Answer{};
+    };
+    std::vector<BYTE> buffer(1024);
+    DWORD count = 0;
+    ASSERT_FALSE(readBlock(buffer.data(), 512, &count));
+    EXPECT_EQ(4u * 10 * 3, count) << "four rows of ten RGB pixels";
+    ASSERT_EQ(SM_OK, Call<LONG(WINAPI *)()>("smDisableDS")());
+    ASSERT_EQ(SM_OK, Call<LONG(WINAPI *)()>("smCloseDS")());
+    ASSERT_EQ(SM_OK, Call<LONG(WINAPI *)(HWND, const char *)>("smOpenDS")(app.Handle(), "Guard"));
+    ASSERT_EQ(SM_OK, enable(FALSE, FALSE));
+    info = Gray(30, 100);
+    record.Columns = 30;
+    ASSERT_FALSE(readBlock(buffer.data(), 512, &count));
+    EXPECT_EQ(2, infos) << "the second session's image was asked for";
+    EXPECT_EQ(4u * 30, count) << "four rows of thirty gray pixels";
+    ExpectNothingLeft();
+}
+
 // Rows whose 32-bit product with the row length only wraps round to the bytes written (65536 rows of 65536 bytes,
 // none written) are counted by their bytes, so that no block tells the application of rows it does not hold.
 TEST_F(GuardTest, MemoryTransferCountsRowsWhoseProductOnlyWrapsRoundByTheirBytes) {
