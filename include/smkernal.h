@@ -15,6 +15,10 @@
    - Nothing is thrown across this interface.
    - The module loads TWAIN_32.DLL from the Windows directory only, and retries on every call
      while it is missing.
+   - Unloading closes nothing: close the session (smDisableDS, smCloseDS) before you free the
+     library. A session left open stays open in the source manager, which then stays loaded, and
+     a window disabled for a modal source interface stays disabled; loading the library again gives
+     a fresh module whose smOpenDS the source manager refuses until that session is ended.
    - Diagnostics: with a viewer running (window class "KDVDiagXprt32"), every call writes trace
      records; DEBUGSM.INI in the Windows directory switches them ([Debug] Trace=, Warning=). */
 #ifndef SMKERNAL_H

@@ -328,8 +328,9 @@ protected:
         for (const std::string &line : tally.shown)
             shown += line + "\n";
         EXPECT_EQ(0, tally.failures) << shown;
-        if (!replay.Given())
+        if (!replay.Given()) {
             EXPECT_EQ(kind.cases, tally.cases);
+        }
     }
 
     // The module's own blocks all freed and none written past its end; each container and each bitmap the source

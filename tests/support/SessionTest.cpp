@@ -163,6 +163,22 @@ void SessionTest::ReloadWithoutSourceManager() {
     withoutManager_ = true;
 }
 
+void SessionTest::Unload() {
+    library.Free();
+    selectDS = nullptr;
+    openDS = nullptr;
+    enableDS = nullptr;
+    disableDS = nullptr;
+    closeDS = nullptr;
+    getAllDS = nullptr;
+    setDefaultDriver = nullptr;
+}
+
+void SessionTest::Reload() {
+    library.Load();
+    ResolveExports();
+}
+
 int SessionTest::StateFoundByOpenDS() {
     Reset();
     const LONG result = openDS(window, "Probe");

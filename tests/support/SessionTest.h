@@ -65,6 +65,9 @@ protected:
     void LeaveManagerOpen();
     // Loads the library again with no TWAIN_32.DLL in the Windows directory; the exports are resolved anew.
     void ReloadWithoutSourceManager();
+    // Frees the library (the exports are forgotten) and loads it again; the exports are resolved anew.
+    void Unload();
+    virtual void Reload();
     // The state a further smOpenDS finds: from 2 it opens the source manager first, from 3 only the
     // source; in 4 it answers that the source is open, in 5 it is refused. 0 for anything else.
     int StateFoundByOpenDS();

@@ -7,13 +7,22 @@ namespace smtest {
 
 void XferTest::SetUp() {
     TransferTest::SetUp();
+    ResolveTransferExports();
+    ASSERT_TRUE(isDSEvent && cancelThisXfer && cancelAllXfer && getPendingCount && readBlock);
+    ASSERT_NE(nullptr, app.Handle());
+}
+
+void XferTest::Reload() {
+    TransferTest::Reload();
+    ResolveTransferExports();
+}
+
+void XferTest::ResolveTransferExports() {
     isDSEvent = library.Get<decltype(isDSEvent)>("smIsDSEvent");
     cancelThisXfer = library.Get<decltype(cancelThisXfer)>("smCancelThisXfer");
     cancelAllXfer = library.Get<decltype(cancelAllXfer)>("smCancelAllXfer");
     getPendingCount = library.Get<decltype(getPendingCount)>("smGetPendingCount");
     readBlock = library.Get<decltype(readBlock)>("smReadBlock");
-    ASSERT_TRUE(isDSEvent && cancelThisXfer && cancelAllXfer && getPendingCount && readBlock);
-    ASSERT_NE(nullptr, app.Handle());
 }
 
 void XferTest::TearDown() {

@@ -21,6 +21,7 @@ protected:
     bool Pump(const std::function<bool()> &done, DWORD timeoutMs = 10000);
     // Frees every native bitmap the application received (XferEnd with SM_OK and a handle at the target) once.
     int FreeReceivedBitmaps();
+    void Reload() override;
 
     NotificationWindow app;
     BOOL(WINAPI *isDSEvent)(MSG *) = nullptr;
@@ -28,6 +29,9 @@ protected:
     void(WINAPI *cancelAllXfer)() = nullptr;
     LONG(WINAPI *getPendingCount)(WORD *) = nullptr;
     BOOL(WINAPI *readBlock)(BYTE *, DWORD, DWORD *) = nullptr;
+
+private:
+    void ResolveTransferExports();
 };
 
 } // namespace smtest
