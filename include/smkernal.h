@@ -124,7 +124,8 @@ typedef struct ScanCapRecord {
    SM_MSG_XFERDATA   memory transfers only, once per block; lParam: the ScanBlockInfo.
    SM_MSG_XFEREND    once per image that had an XferStart; wParam: the image's result (SM_OK,
                      SM_ERR_SOURCE_CANCEL, SM_ERR_APP_CANCEL, SM_ERR_LOW_MEMORY or a TWAIN condition
-                     code); lParam: the same ScanImageInfo.
+                     code); lParam: the same ScanImageInfo. A source that fails without a condition
+                     code makes the result SM_OK with nothing delivered: test the bitmap handle.
    SM_MSG_CLOSEDSREQ the source asks to be closed, or the images of a source enabled without its
                      interface are over (a memory transfer whose image failed with condition code 5
                      sends it twice); call smDisableDS and smCloseDS. wParam and lParam are 0.
