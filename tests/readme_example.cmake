@@ -1,37 +1,63 @@
-# The README's memory-transfer example is examples/memory_pages.c, which the examples suites build and run under both
-# source managers; the test readme_example_test passes when the block between the README's markers is that file as it
-# stands, and when every example program stays under 150 lines and their shared helper under 70.
+# The README shows the example programs of examples/, which the examples suites build and run under both source
+# managers: the test readme_example_test passes when the block after <!-- example:FILE --> is FILE as it stands, every
+# line of a block after <!-- excerpt:FILE --> is a line of FILE, and every example program stays under 150 lines and
+# their shared helper under 70.
 #
-# Included from tests/CMakeLists.txt, it adds the test; run with -P by that test (-DREADME=<README.md>
-# -DEXAMPLES=<the examples directory>), it checks.
+# Included from tests/CMakeLists.txt, it adds the test; run with -P by that test (-DSOURCE_DIR=<the checkout>), it
+# checks.
 
 if(CMAKE_SCRIPT_MODE_FILE)
-  file(READ ${README} text)
-  set(begin_marker "<!-- example:examples/memory_pages.c -->\n```c\n")
-  set(end_marker "```\n<!-- /example -->")
-  string(FIND "${text}" "${begin_marker}" begin)
-  if(begin EQUAL -1)
-    message(FATAL_ERROR "README.md has no ```c block after <!-- example:examples/memory_pages.c -->")
-  endif()
-  string(LENGTH "${begin_marker}" length)
-  math(EXPR begin "${begin} + ${length}")
-  string(SUBSTRING "${text}" ${begin} -1 text)
-  string(FIND "${text}" "${end_marker}" end)
-  if(end EQUAL -1)
-    message(FATAL_ERROR "README.md's memory_pages.c block does not end with ``` and <!-- /example -->")
-  endif()
-  string(SUBSTRING "${text}" 0 ${end} block)
-  file(READ ${EXAMPLES}/memory_pages.c source)
-  if(NOT block STREQUAL source)
-    message(FATAL_ERROR "README.md's block is not examples/memory_pages.c as it stands: copy the file into it")
+  cmake_minimum_required(VERSION 3.20)
+  # CMake lists split at semicolons, which C has plenty of: they stand in as <semicolon> while the texts are looked at.
+  file(READ ${SOURCE_DIR}/README.md text)
+  string(REPLACE ";" "<semicolon>" text "${text}")
+  set(checked 0)
+  foreach(kind example excerpt)
+    set(rest "${text}")
+    while(TRUE)
+      string(FIND "${rest}" "<!-- ${kind}:" begin)
+      if(begin EQUAL -1)
+        break()
+      endif()
+      string(SUBSTRING "${rest}" ${begin} -1 rest)
+      if(NOT rest MATCHES "^<!-- ${kind}:([^ ]+) -->\n```c\n")
+        message(FATAL_ERROR "README.md: <!-- ${kind}:... --> is not followed by a ```c block")
+      endif()
+      set(name ${CMAKE_MATCH_1})
+      string(LENGTH "${CMAKE_MATCH_0}" length)
+      string(SUBSTRING "${rest}" ${length} -1 rest)
+      string(FIND "${rest}" "```\n<!-- /${kind} -->" end)
+      if(end EQUAL -1)
+        message(FATAL_ERROR "README.md: the block of ${name} does not end with ``` and <!-- /${kind} -->")
+      endif()
+      string(SUBSTRING "${rest}" 0 ${end} block)
+      file(READ ${SOURCE_DIR}/${name} source)
+      string(REPLACE ";" "<semicolon>" source "${source}")
+      if(kind STREQUAL "example" AND NOT block STREQUAL source)
+        message(FATAL_ERROR "README.md's block is not ${name} as it stands: copy the file into it")
+      endif()
+      string(REPLACE "\n" ";" lines "${block}")
+      foreach(line IN LISTS lines)
+        string(FIND "\n${source}" "\n${line}\n" found)
+        if(NOT line STREQUAL "" AND found EQUAL -1)
+          string(REPLACE "<semicolon>" ";" line "${line}")
+          message(FATAL_ERROR "README.md's excerpt of ${name} has a line that is not in the file:\n${line}")
+        endif()
+      endforeach()
+      message("README.md: ${kind} ${name}")
+      math(EXPR checked "${checked} + 1")
+    endwhile()
+  endforeach()
+  if(checked LESS 2)
+    message(FATAL_ERROR "README.md shows ${checked} examples and excerpts, expected 2")
   endif()
 
-  file(GLOB programs ${EXAMPLES}/*.c)
+  file(GLOB programs ${SOURCE_DIR}/examples/*.c)
   list(LENGTH programs count)
   if(count LESS 4)
-    message(FATAL_ERROR "${count} example programs in ${EXAMPLES}, expected 4")
+    message(FATAL_ERROR "${count} example programs in ${SOURCE_DIR}/examples, expected 4")
   endif()
-  foreach(file IN LISTS programs ITEMS ${EXAMPLES}/result_words.h)
+  foreach(file IN LISTS programs ITEMS ${SOURCE_DIR}/examples/result_words.h)
     file(READ ${file} content)
     string(REGEX MATCHALL "\n" newlines "${content}")
     list(LENGTH newlines lines)
@@ -48,5 +74,5 @@ if(CMAKE_SCRIPT_MODE_FILE)
   return()
 endif()
 
-add_test(NAME readme_example_test COMMAND ${CMAKE_COMMAND} -DREADME=${PROJECT_SOURCE_DIR}/README.md
-                                          -DEXAMPLES=${PROJECT_SOURCE_DIR}/examples -P ${CMAKE_CURRENT_LIST_FILE})
+add_test(NAME readme_example_test COMMAND ${CMAKE_COMMAND} -DSOURCE_DIR=${PROJECT_SOURCE_DIR} -P
+                                          ${CMAKE_CURRENT_LIST_FILE})
