@@ -302,6 +302,10 @@ protected:
 
 // --- The transcript of a three-page scan.
 
+// The expected transcript is built, not recorded output pasted in. The library's part is the records of the same scan
+// (the same arguments, a full feeder again) as the suite's own viewer takes them; their separators must stand where
+// the library's count of calls puts them, and the rules of the viewer above give every line its indentation. What the
+// library must write for smscan's calls is checked on top: the outermost calls, and each page's transfer call by call.
 TEST_F(SmtraceTest, TracedScanPrintsEveryRecordIndentedByItsCallDepth) {
     const Strings records = ScanRecords();
     ASSERT_FALSE(HasFailure());

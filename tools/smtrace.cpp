@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "CommandLine.h"
 #include "TraceChannel.h"
 
 namespace {
@@ -181,7 +182,7 @@ bool NamesMethod(const std::string &text, const std::string &name) {
 // The calls the library has entered and not yet left, innermost last, and the filters.
 class Transcript {
 public:
-    // The line to print for one record ("" when the filters leave it out).
+    // The line to print for one record; false when the filters leave it out.
     bool Take(const std::string &raw, std::string &line) {
         const smk::TraceLine record = smk::ParseTraceLine(raw);
         // The library's own rule: "Coming" or "Leaving" anywhere in a Trace record.
@@ -197,8 +198,11 @@ public:
                 inside_ = true;
                 insideDepth_ = depth;
             }
-            if (calls_.size() == kMaxDepth)
+            if (calls_.size() == kMaxDepth) {
                 calls_.erase(calls_.begin());
+                if (insideDepth_ > 0)
+                    --insideDepth_;
+            }
             calls_.push_back(name);
         } else if (exit && !entry) {
             // It leaves the innermost open call of its name and whatever that call entered without leaving (the
@@ -341,29 +345,10 @@ BOOL WINAPI OnConsoleEvent(DWORD) {
 
 // --- The traced program.
 
-// One argument quoted for CommandLineToArgv and the C runtime's parsing.
-std::string Quote(const std::string &argument) {
-    if (!argument.empty() && argument.find_first_of(" \t\"") == std::string::npos)
-        return argument;
-    std::string quoted = "\"";
-    size_t backslashes = 0;
-    for (char c : argument) {
-        if (c == '\\') {
-            ++backslashes;
-            continue;
-        }
-        quoted.append(c == '"' ? 2 * backslashes + 1 : backslashes, '\\');
-        backslashes = 0;
-        quoted += c;
-    }
-    quoted.append(2 * backslashes, '\\');
-    return quoted + "\"";
-}
-
 HANDLE StartProgram() {
     std::string commandLine;
     for (const std::string &argument : options.program)
-        commandLine += (commandLine.empty() ? "" : " ") + Quote(argument);
+        commandLine += (commandLine.empty() ? "" : " ") + smk::QuoteArgument(argument);
     std::vector<char> line(commandLine.begin(), commandLine.end());
     line.push_back('\0');
     STARTUPINFOA startup = {};

@@ -1,6 +1,8 @@
 // Test support: child programs with their output captured through pipes, waited for while messages are pumped.
 #include "ProgramRun.h"
 
+#include "CommandLine.h"
+
 namespace smtest {
 
 std::vector<std::string> ProgramRun::Lines(const std::string &text) {
@@ -25,24 +27,6 @@ std::ostream &operator<<(std::ostream &os, const ProgramRun &run) {
     return os << "exit code " << run.exitCode << "\n--- stdout:\n" << run.out << "--- stderr:\n" << run.err;
 }
 
-std::string QuoteArgument(const std::string &argument) {
-    if (!argument.empty() && argument.find_first_of(" \t\"") == std::string::npos)
-        return argument;
-    std::string quoted = "\"";
-    size_t backslashes = 0;
-    for (char c : argument) {
-        if (c == '\\') {
-            ++backslashes;
-            continue;
-        }
-        quoted.append(c == '"' ? 2 * backslashes + 1 : backslashes, '\\');
-        backslashes = 0;
-        quoted += c;
-    }
-    quoted.append(2 * backslashes, '\\');
-    return quoted + "\"";
-}
-
 ChildProcess::~ChildProcess() {
     if (process_)
         TerminateProcess(process_, kTerminatedExitCode);
@@ -51,9 +35,9 @@ ChildProcess::~ChildProcess() {
 
 ::testing::AssertionResult ChildProcess::Start(const std::string &program, const std::vector<std::string> &arguments,
                                                const std::string &directory) {
-    commandLine_ = QuoteArgument(program);
+    commandLine_ = smk::QuoteArgument(program);
     for (const std::string &argument : arguments)
-        commandLine_ += " " + QuoteArgument(argument);
+        commandLine_ += " " + smk::QuoteArgument(argument);
     SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
     HANDLE writeEnds[2] = {nullptr, nullptr};
     for (int i = 0; i < 2; ++i) {
@@ -81,7 +65,6 @@ ChildProcess::~ChildProcess() {
     }
     CloseHandle(process.hThread);
     process_ = process.hProcess;
-    id_ = process.dwProcessId;
     for (int i = 0; i < 2; ++i)
         readers_[i] = CreateThread(nullptr, 0, Pipe::Read, &pipes_[i], 0, nullptr);
     return ::testing::AssertionSuccess();

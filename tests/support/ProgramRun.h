@@ -23,9 +23,6 @@ struct ProgramRun {
 
 std::ostream &operator<<(std::ostream &os, const ProgramRun &run);
 
-// One argument as the C runtime and CommandLineToArgvW split it again.
-std::string QuoteArgument(const std::string &argument);
-
 // A child program, started with pipes for its standard output and error. While it is waited for, this thread's
 // messages are pumped, so that a window of the test (a trace viewer) can take what the child sends it.
 class ChildProcess {
@@ -38,7 +35,6 @@ public:
     // `program` (a full path) with `arguments`, in `directory`.
     ::testing::AssertionResult Start(const std::string &program, const std::vector<std::string> &arguments,
                                      const std::string &directory);
-    DWORD Id() const { return id_; }
     // Ends it at once, as a user's kill would; Wait() then collects what it left.
     void Terminate() {
         if (process_)
@@ -54,7 +50,6 @@ private:
     void Finish();
     std::string commandLine_;
     HANDLE process_ = nullptr;
-    DWORD id_ = 0;
     HANDLE readers_[2] = {nullptr, nullptr};
     // The read end of one of the child's output pipes, and what came through it.
     struct Pipe {
