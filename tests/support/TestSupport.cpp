@@ -193,7 +193,7 @@ int RunChildRole(const char *argument, LPTOP_LEVEL_EXCEPTION_FILTER crashFilter)
     }
     const std::string wait = "wait-event:";
     if (role.compare(0, wait.size(), wait) == 0) {
-        HANDLE event = OpenEventA(SYNCHRONIZE | EVENT_MODIFY_STATE, FALSE, role.substr(wait.size()).c_str());
+        HANDLE event = CreateEventA(nullptr, TRUE, FALSE, role.substr(wait.size()).c_str());
         if (!event)
             return 3;
         SetEvent(event);

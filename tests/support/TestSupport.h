@@ -52,7 +52,8 @@ std::string RunMode();
 // role instead of running tests. Roles: "crash" (ends in an illegal instruction with the test programs' crash
 // filter), "crash-unfiltered" (the same without it), "hold-twain:<ms>:<event>" (loads TWAIN_32.DLL, sets the
 // named event, holds the library for <ms> milliseconds, resets the event and frees the library), "wait-event:<event>"
-// (sets the named event and waits until it is reset again, up to a minute; exit code 0, or 1 when the minute passed).
+// (sets the named event, made when there is none, and waits until it is reset again, up to a minute; exit code 0, or 1
+// when the minute passed).
 constexpr char kChildRolePrefix[] = "--smk-child=";
 // What the crash filter of the test programs writes to stderr before the exception's code.
 constexpr char kCrashBanner[] = "test program: unhandled exception";
