@@ -36,6 +36,11 @@ int main(int argc, char **argv) {
     MSG msg;
     int page;
 
+    if (pages < 1 || strlen(prefix) > 40) {
+        fprintf(stderr,
+                "usage: batch_to_files [PAGES [PREFIX]]: at least one page, a prefix of 40 characters at most\n");
+        return 1;
+    }
     getName = RegisterWindowMessageA(SM_MSG_SCANTOFILE_GETNAME);
     xferEnd = RegisterWindowMessageA(SM_MSG_SCANTOFILE_XFEREND);
     dsClosed = RegisterWindowMessageA(SM_MSG_SCANTOFILE_DSCLOSED);

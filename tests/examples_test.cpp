@@ -168,6 +168,11 @@ TEST_F(EXAMPLES_SUITE, BatchToFilesWritesEverySheetOfTheFeederToANumberedBitmap)
     EXPECT_EQ(1u, empty.exitCode) << empty;
     EXPECT_EQ((Strings{"page 1: the source could not be opened or started (an empty feeder?)"}), empty.ErrLines());
     EXPECT_FALSE(Exists(Work("more-1.bmp")));
+
+    const ProgramRun usage = Example("batch_to_files", {"0"});
+    EXPECT_EQ(1u, usage.exitCode) << usage;
+    EXPECT_EQ((Strings{"usage: batch_to_files [PAGES [PREFIX]]: at least one page, a prefix of 40 characters at most"}),
+              usage.ErrLines());
 }
 
 TEST_F(EXAMPLES_SUITE, ReadBlockPullsEveryByteOfThePageIntoAGrayMap) {
