@@ -1,5 +1,6 @@
 /* The start of a C program linked in MSVC mode without a Microsoft C runtime: what an MSVC installation's
-   mainCRTStartup does for a console program, on msvcrt.dll (the arguments from __getmainargs, main's result to exit). */
+   mainCRTStartup does for a console program, on msvcrt.dll (the arguments from __getmainargs, main's result to exit).
+ */
 #include <stdlib.h>
 
 typedef struct {
