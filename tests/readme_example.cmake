@@ -1,80 +1,78 @@
-# The README's example of an acquisition by memory transfer, compiled exactly as it stands between its markers and
-# run against the virtual scanner in the stand-in's prefix.
+# The README shows the example programs of examples/, which the examples suites build and run under both source
+# managers: the test readme_example_test passes when the block after <!-- example:FILE --> is FILE as it stands, every
+# line of a block after <!-- excerpt:FILE --> is a line of FILE, and every example program stays under 150 lines and
+# their shared helper under 70.
 #
-# Included from tests/CMakeLists.txt, it extracts the example at configure time (editing README.md configures again),
-# builds it as a C program linked through the MinGW import library, and adds the test readme_memory_acquire_test.
-# Run with -P by that test, it puts the stand-in TWAIN_32.DLL and the scanner (nothing else) in the prefix, runs the
-# program, takes both away again, and passes when the program exits with 0 after one line for each of three pages.
+# Included from tests/CMakeLists.txt, it adds the test; run with -P by that test (-DSOURCE_DIR=<the checkout>), it
+# checks.
 
 if(CMAKE_SCRIPT_MODE_FILE)
-  # -DPREFIX=<wine prefix> -DDSM=<testdsm.dll> -DSCANNER=<vscan.ds> -DWINE_RUN=<wine-run> -DEXAMPLE=<program>
-  set(windows ${PREFIX}/drive_c/windows)
-  # Wine finds files whatever their case: every spelling of TWAIN_32.DLL goes, and sources left by other programs
-  # would change which source is the default.
-  file(GLOB entries RELATIVE ${windows} ${windows}/*)
-  foreach(entry IN LISTS entries)
-    string(TOLOWER "${entry}" lower)
-    if(lower STREQUAL "twain_32.dll")
-      file(REMOVE ${windows}/${entry})
-    elseif(lower STREQUAL "twain_32" OR lower STREQUAL "twain")
-      file(REMOVE_RECURSE ${windows}/${entry})
+  cmake_minimum_required(VERSION 3.20)
+  # CMake lists split at semicolons, which C has plenty of: they stand in as <semicolon> while the texts are looked at.
+  file(READ ${SOURCE_DIR}/README.md text)
+  string(REPLACE ";" "<semicolon>" text "${text}")
+  set(checked 0)
+  foreach(kind example excerpt)
+    set(rest "${text}")
+    while(TRUE)
+      string(FIND "${rest}" "<!-- ${kind}:" begin)
+      if(begin EQUAL -1)
+        break()
+      endif()
+      string(SUBSTRING "${rest}" ${begin} -1 rest)
+      if(NOT rest MATCHES "^<!-- ${kind}:([^ ]+) -->\n```c\n")
+        message(FATAL_ERROR "README.md: <!-- ${kind}:... --> is not followed by a ```c block")
+      endif()
+      set(name ${CMAKE_MATCH_1})
+      string(LENGTH "${CMAKE_MATCH_0}" length)
+      string(SUBSTRING "${rest}" ${length} -1 rest)
+      string(FIND "${rest}" "```\n<!-- /${kind} -->" end)
+      if(end EQUAL -1)
+        message(FATAL_ERROR "README.md: the block of ${name} does not end with ``` and <!-- /${kind} -->")
+      endif()
+      string(SUBSTRING "${rest}" 0 ${end} block)
+      file(READ ${SOURCE_DIR}/${name} source)
+      string(REPLACE ";" "<semicolon>" source "${source}")
+      if(kind STREQUAL "example" AND NOT block STREQUAL source)
+        message(FATAL_ERROR "README.md's block is not ${name} as it stands: copy the file into it")
+      endif()
+      string(REPLACE "\n" ";" lines "${block}")
+      foreach(line IN LISTS lines)
+        string(FIND "\n${source}" "\n${line}\n" found)
+        if(NOT line STREQUAL "" AND found EQUAL -1)
+          string(REPLACE "<semicolon>" ";" line "${line}")
+          message(FATAL_ERROR "README.md's excerpt of ${name} has a line that is not in the file:\n${line}")
+        endif()
+      endforeach()
+      message("README.md: ${kind} ${name}")
+      math(EXPR checked "${checked} + 1")
+    endwhile()
+  endforeach()
+  if(checked LESS 2)
+    message(FATAL_ERROR "README.md shows ${checked} examples and excerpts, expected 2")
+  endif()
+
+  file(GLOB programs ${SOURCE_DIR}/examples/*.c)
+  list(LENGTH programs count)
+  if(count LESS 4)
+    message(FATAL_ERROR "${count} example programs in ${SOURCE_DIR}/examples, expected 4")
+  endif()
+  foreach(file IN LISTS programs ITEMS ${SOURCE_DIR}/examples/result_words.h)
+    file(READ ${file} content)
+    string(REGEX MATCHALL "\n" newlines "${content}")
+    list(LENGTH newlines lines)
+    get_filename_component(name ${file} NAME)
+    set(limit 150)
+    if(name STREQUAL "result_words.h")
+      set(limit 70)
+    endif()
+    message("${name}: ${lines} lines")
+    if(NOT lines LESS limit)
+      message(FATAL_ERROR "${name} has ${lines} lines: an example stays under 150, the helper under 70")
     endif()
   endforeach()
-  file(COPY_FILE ${DSM} ${windows}/TWAIN_32.DLL)
-  file(MAKE_DIRECTORY ${windows}/twain_32)
-  file(COPY_FILE ${SCANNER} ${windows}/twain_32/vscan.ds)
-
-  execute_process(COMMAND ${WINE_RUN} ${EXAMPLE} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE errors
-                  TIMEOUT 100)
-
-  file(REMOVE ${windows}/TWAIN_32.DLL)
-  file(REMOVE_RECURSE ${windows}/twain_32)
-  string(REPLACE "\r" "" output "${output}")
-  message("${output}${errors}")
-  if(NOT result STREQUAL "0")
-    message(FATAL_ERROR "the example ended with ${result}, expected 0")
-  endif()
-  set(page "[0-9]+ x [0-9]+ pixels, [0-9]+ bytes in [0-9]+ blocks, result 0\n")
-  if(NOT output MATCHES "^page 1: ${page}page 2: ${page}page 3: ${page}$")
-    message(FATAL_ERROR "the example did not print one line for each of three pages")
-  endif()
   return()
 endif()
 
-set(readme ${PROJECT_SOURCE_DIR}/README.md)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${readme})
-file(READ ${readme} text)
-set(begin_marker "<!-- example:memory-acquire -->\n```c\n")
-set(end_marker "```\n<!-- /example -->")
-string(FIND "${text}" "${begin_marker}" begin)
-if(begin EQUAL -1)
-  message(FATAL_ERROR "README.md has no ```c block after <!-- example:memory-acquire -->")
-endif()
-string(LENGTH "${begin_marker}" length)
-math(EXPR begin "${begin} + ${length}")
-string(SUBSTRING "${text}" ${begin} -1 text)
-string(FIND "${text}" "${end_marker}" end)
-if(end EQUAL -1)
-  message(FATAL_ERROR "README.md's memory-acquire example does not end with ``` and <!-- /example -->")
-endif()
-string(SUBSTRING "${text}" 0 ${end} code)
-# Copied only when it changed, so that configuring again rebuilds nothing.
-set(example_dir ${CMAKE_CURRENT_BINARY_DIR}/readme_example)
-file(WRITE ${example_dir}/memory_acquire.c.extracted "${code}")
-configure_file(${example_dir}/memory_acquire.c.extracted ${example_dir}/memory_acquire.c COPYONLY)
-
-add_executable(readme_memory_acquire ${example_dir}/memory_acquire.c)
-target_include_directories(readme_memory_acquire PRIVATE ${PROJECT_SOURCE_DIR}/include)
-target_link_libraries(readme_memory_acquire PRIVATE ${CMAKE_BINARY_DIR}/lib/libsmkernal.dll.a)
-target_compile_options(readme_memory_acquire PRIVATE -Wall -Wextra -Werror)
-# In a directory of its own with its copy of smkernal.dll, away from the settings files other programs leave in bin.
-set_target_properties(readme_memory_acquire PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${example_dir})
-add_custom_command(TARGET readme_memory_acquire POST_BUILD
-                   COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_FILE:smkernal> ${example_dir})
-add_dependencies(readme_memory_acquire smkernal testdsm vscan)
-add_test(NAME readme_memory_acquire_test
-         COMMAND ${CMAKE_COMMAND} -DPREFIX=${SMK_WINEPREFIX} -DDSM=$<TARGET_FILE:testdsm>
-                 -DSCANNER=$<TARGET_FILE:vscan> -DWINE_RUN=${CMAKE_BINARY_DIR}/wine-run
-                 -DEXAMPLE=$<TARGET_FILE:readme_memory_acquire>
-                 -P ${CMAKE_CURRENT_LIST_FILE})
-set_tests_properties(readme_memory_acquire_test PROPERTIES RESOURCE_LOCK wineprefix TIMEOUT 120)
+add_test(NAME readme_example_test COMMAND ${CMAKE_COMMAND} -DSOURCE_DIR=${PROJECT_SOURCE_DIR} -P
+                                          ${CMAKE_CURRENT_LIST_FILE})

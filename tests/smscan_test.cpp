@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "ProgramRun.h"
 #include "SessionTest.h"
 #include "TestSupport.h"
 #include "VscanSupport.h"
@@ -42,111 +43,10 @@ constexpr int kHeight = 700;
 // A run that takes longer than this has hung.
 constexpr DWORD kRunLimitMs = 90000;
 
-struct SmscanRun {
-    DWORD exitCode = 0;
-    std::string out;
-    std::string err;
-    std::vector<std::string> OutLines() const { return Lines(out); }
-    std::vector<std::string> ErrLines() const { return Lines(err); }
-    static std::vector<std::string> Lines(const std::string &text) {
-        std::vector<std::string> lines;
-        std::string line;
-        for (char c : text) {
-            if (c == '\r')
-                continue;
-            if (c == '\n') {
-                lines.push_back(line);
-                line.clear();
-            } else {
-                line += c;
-            }
-        }
-        if (!line.empty())
-            lines.push_back(line);
-        return lines;
-    }
-};
-
-std::ostream &operator<<(std::ostream &os, const SmscanRun &run) {
-    return os << "exit code " << run.exitCode << "\n--- stdout:\n" << run.out << "--- stderr:\n" << run.err;
-}
-
-struct PipeReader {
-    HANDLE pipe = nullptr;
-    std::string text;
-    static DWORD WINAPI Read(void *self) {
-        PipeReader &reader = *static_cast<PipeReader *>(self);
-        char buffer[4096];
-        DWORD got = 0;
-        while (ReadFile(reader.pipe, buffer, sizeof buffer, &got, nullptr) && got > 0)
-            reader.text.append(buffer, got);
-        return 0;
-    }
-};
-
-std::string Quote(const std::string &argument) {
-    if (!argument.empty() && argument.find_first_of(" \t\"") == std::string::npos)
-        return argument;
-    std::string quoted = "\"";
-    for (char c : argument) {
-        if (c == '"')
-            quoted += '\\';
-        quoted += c;
-    }
-    return quoted + "\"";
-}
-
 // bin\smscan.exe with `arguments`, started in `directory`; its exit code and what it wrote.
 ::testing::AssertionResult RunSmscan(const std::vector<std::string> &arguments, const std::string &directory,
-                                     SmscanRun &run) {
-    std::string commandLine = Quote(BinDir() + "\\smscan.exe");
-    for (const std::string &argument : arguments)
-        commandLine += " " + Quote(argument);
-    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
-    PipeReader out, err;
-    HANDLE outWrite = nullptr, errWrite = nullptr;
-    if (!CreatePipe(&out.pipe, &outWrite, &inherit, 0) || !CreatePipe(&err.pipe, &errWrite, &inherit, 0))
-        return ::testing::AssertionFailure() << "no pipes (error " << GetLastError() << ")";
-    SetHandleInformation(out.pipe, HANDLE_FLAG_INHERIT, 0);
-    SetHandleInformation(err.pipe, HANDLE_FLAG_INHERIT, 0);
-    STARTUPINFOA startup = {};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = outWrite;
-    startup.hStdError = errWrite;
-    PROCESS_INFORMATION process = {};
-    std::vector<char> line(commandLine.begin(), commandLine.end());
-    line.push_back('\0');
-    const BOOL started =
-        CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, directory.c_str(), &startup, &process);
-    const DWORD startError = GetLastError();
-    CloseHandle(outWrite);
-    CloseHandle(errWrite);
-    if (!started) {
-        CloseHandle(out.pipe);
-        CloseHandle(err.pipe);
-        return ::testing::AssertionFailure() << "cannot start " << commandLine << " (error " << startError << ")";
-    }
-    HANDLE readers[2] = {CreateThread(nullptr, 0, PipeReader::Read, &out, 0, nullptr),
-                         CreateThread(nullptr, 0, PipeReader::Read, &err, 0, nullptr)};
-    const bool ended = WaitForSingleObject(process.hProcess, kRunLimitMs) == WAIT_OBJECT_0;
-    if (!ended)
-        TerminateProcess(process.hProcess, 0xDEAD);
-    WaitForMultipleObjects(2, readers, TRUE, INFINITE);
-    CloseHandle(readers[0]);
-    CloseHandle(readers[1]);
-    CloseHandle(out.pipe);
-    CloseHandle(err.pipe);
-    GetExitCodeProcess(process.hProcess, &run.exitCode);
-    CloseHandle(process.hProcess);
-    CloseHandle(process.hThread);
-    run.out = out.text;
-    run.err = err.text;
-    if (!ended)
-        return ::testing::AssertionFailure() << commandLine << " did not end within " << kRunLimitMs / 1000 << " s\n"
-                                             << run;
-    return ::testing::AssertionSuccess();
+                                     ProgramRun &run) {
+    return RunProgram(BinDir() + "\\smscan.exe", arguments, directory, kRunLimitMs, run);
 }
 
 bool Exists(const std::string &path) {
@@ -285,8 +185,8 @@ protected:
         ASSERT_TRUE(file.good()) << SettingsPath();
     }
 
-    SmscanRun Smscan(const std::vector<std::string> &arguments) {
-        SmscanRun run;
+    ProgramRun Smscan(const std::vector<std::string> &arguments) {
+        ProgramRun run;
         EXPECT_TRUE(RunSmscan(arguments, work_, run));
         return run;
     }
@@ -304,7 +204,7 @@ TEST_F(SMSCAN_SUITE, ListsTheInstalledSourcesWithTheDefaultMarked) {
         ASSERT_FALSE(second.empty());
         std::ofstream(TwainSourceDir() + "\\second\\vscan.ini") << "ProductName = Second Scanner\n";
     }
-    const SmscanRun run = Smscan({"-L"});
+    const ProgramRun run = Smscan({"-L"});
     ASSERT_EQ(0u, run.exitCode) << run;
     EXPECT_EQ("", run.err);
     std::vector<std::string> lines = run.OutLines();
@@ -328,7 +228,7 @@ TEST_F(SMSCAN_SUITE, ChoosesTheSourceByItsProductName) {
         std::ofstream(TwainSourceDir() + "\\second\\vscan.ini") << "ProductName = Second Scanner\nPages = 1\n";
         // Either way round, whichever the stand-in took as its default before.
         for (const char *name : {"Virtual Scanner", "Second Scanner"}) {
-            const SmscanRun list = Smscan({"-d", name, "-L"});
+            const ProgramRun list = Smscan({"-d", name, "-L"});
             ASSERT_EQ(0u, list.exitCode) << list;
             EXPECT_EQ("", list.err);
             std::vector<std::string> lines = list.OutLines();
@@ -341,7 +241,7 @@ TEST_F(SMSCAN_SUITE, ChoosesTheSourceByItsProductName) {
                 << list;
         }
         // And the scan comes from it.
-        const SmscanRun scan = Smscan({"--device-name=second scanner", ResolutionArgument(), "-o", "one.bmp"});
+        const ProgramRun scan = Smscan({"--device-name=second scanner", ResolutionArgument(), "-o", "one.bmp"});
         ASSERT_EQ(0u, scan.exitCode) << scan;
         EXPECT_EQ((std::vector<std::string>{"smscan: scanning from Second Scanner", PageLine(1, "one.bmp")}),
                   scan.ErrLines());
@@ -350,7 +250,7 @@ TEST_F(SMSCAN_SUITE, ChoosesTheSourceByItsProductName) {
     }
     // Wine's manager offers the one scanner file there is; the name is compared ignoring case.
     WriteScannerSettings(1);
-    const SmscanRun scan = Smscan({"--device-name", "virtual scanner", ResolutionArgument(), "-o", "one.bmp"});
+    const ProgramRun scan = Smscan({"--device-name", "virtual scanner", ResolutionArgument(), "-o", "one.bmp"});
     ASSERT_EQ(0u, scan.exitCode) << scan;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, PageLine(1, "one.bmp")}), scan.ErrLines());
     ExpectPageFile(Work("one.bmp"), MakeFormat(TWPT_GRAY, 8), 1);
@@ -360,7 +260,7 @@ TEST_F(SMSCAN_SUITE, ChoosesTheSourceByItsProductName) {
 
 TEST_F(SMSCAN_SUITE, BatchScansEverySheetOfTheFeederIntoNumberedFiles) {
     WriteScannerSettings(3);
-    const SmscanRun run = Smscan({"--batch=out\\page-%03d.bmp", ResolutionArgument(), "--mode", "gray"});
+    const ProgramRun run = Smscan({"--batch=out\\page-%03d.bmp", ResolutionArgument(), "--mode", "gray"});
     ASSERT_EQ(0u, run.exitCode) << run;
     EXPECT_EQ("", run.out);
     EXPECT_EQ(
@@ -375,8 +275,8 @@ TEST_F(SMSCAN_SUITE, BatchScansEverySheetOfTheFeederIntoNumberedFiles) {
 
 TEST_F(SMSCAN_SUITE, BatchCountEndsTheBatchBeforeTheFeederIsEmpty) {
     WriteScannerSettings(3);
-    const SmscanRun run = Smscan({"--batch=sheet%d.bmp", "--batch-count", "2", ResolutionArgument(), "--mode=color",
-                                  "--brightness", "-20", "--contrast=35"});
+    const ProgramRun run = Smscan({"--batch=sheet%d.bmp", "--batch-count", "2", ResolutionArgument(), "--mode=color",
+                                   "--brightness", "-20", "--contrast=35"});
     ASSERT_EQ(0u, run.exitCode) << run;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, PageLine(1, "sheet1.bmp"), PageLine(2, "sheet2.bmp"),
                                         "smscan: 2 pages written"}),
@@ -389,7 +289,7 @@ TEST_F(SMSCAN_SUITE, BatchCountEndsTheBatchBeforeTheFeederIsEmpty) {
 
 TEST_F(SMSCAN_SUITE, OnePageInBlackAndWhiteGoesToTheOutputFile) {
     WriteScannerSettings(3);
-    const SmscanRun run = Smscan({ResolutionArgument(), "--mode", "bw", "--output-file=out\\single.bmp"});
+    const ProgramRun run = Smscan({ResolutionArgument(), "--mode", "bw", "--output-file=out\\single.bmp"});
     ASSERT_EQ(0u, run.exitCode) << run;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, PageLine(1, "out\\single.bmp")}), run.ErrLines()) << run;
     ExpectPageFile(Work("out\\single.bmp"), MakeFormat(TWPT_BW, 1), 1);
@@ -402,7 +302,7 @@ const char kNoFeederSettings[] =
 
 TEST_F(SMSCAN_SUITE, WithoutAFeederABatchIsOnePageUnlessCounted) {
     WriteScannerSettings(3, kNoFeederSettings);
-    const SmscanRun one = Smscan({"--batch=out\\one%d.bmp", ResolutionArgument()});
+    const ProgramRun one = Smscan({"--batch=out\\one%d.bmp", ResolutionArgument()});
     ASSERT_EQ(0u, one.exitCode) << one;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, PageLine(1, "out\\one1.bmp"),
                                         "smscan: 1 page written; the source tells of no feeder"}),
@@ -411,7 +311,7 @@ TEST_F(SMSCAN_SUITE, WithoutAFeederABatchIsOnePageUnlessCounted) {
     EXPECT_FALSE(Exists(Work("out\\one2.bmp")));
 
     ASSERT_TRUE(DeleteFileA(FeederPath().c_str())) << "the paper goes back into the feeder";
-    const SmscanRun two = Smscan({"--batch=out\\two%d.bmp", "--batch-count=2", ResolutionArgument()});
+    const ProgramRun two = Smscan({"--batch=out\\two%d.bmp", "--batch-count=2", ResolutionArgument()});
     ASSERT_EQ(0u, two.exitCode) << two;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, PageLine(1, "out\\two1.bmp"), PageLine(2, "out\\two2.bmp"),
                                         "smscan: 2 pages written; the source tells of no feeder"}),
@@ -443,7 +343,7 @@ TEST_F(SMSCAN_SUITE, BadUsageEndsWithExitCode1BeforeAnythingIsScanned) {
         {{"--more-pages=yes"}, "smscan: --more-pages answers a question asked only with --show-ui and --batch"},
     };
     for (const UsageCase &c : cases) {
-        const SmscanRun run = Smscan(c.arguments);
+        const ProgramRun run = Smscan(c.arguments);
         SCOPED_TRACE(c.arguments.front());
         EXPECT_EQ(1u, run.exitCode) << run;
         EXPECT_EQ((std::vector<std::string>{c.message, "Try 'smscan --help' for more information."}), run.ErrLines());
@@ -455,7 +355,7 @@ TEST_F(SMSCAN_SUITE, BadUsageEndsWithExitCode1BeforeAnythingIsScanned) {
 
 TEST_F(SMSCAN_SUITE, AnUnknownSourceNameEndsWithExitCode2) {
     WriteScannerSettings(3);
-    const SmscanRun run = Smscan({"-d", "No Such Scanner", ResolutionArgument()});
+    const ProgramRun run = Smscan({"-d", "No Such Scanner", ResolutionArgument()});
     EXPECT_EQ(2u, run.exitCode) << run;
     EXPECT_EQ((std::vector<std::string>{"smscan: no source named \"No Such Scanner\" can be chosen: TWCC_BADDEST "
                                         "(12)"}),
@@ -466,7 +366,7 @@ TEST_F(SMSCAN_SUITE, AnUnknownSourceNameEndsWithExitCode2) {
 TEST_F(SMSCAN_SUITE, NoScannerInstalledEndsWithExitCode2) {
     UninstallVscan(kSourceFile);
     ASSERT_FALSE(Exists(source_));
-    const SmscanRun run = Smscan({ResolutionArgument()});
+    const ProgramRun run = Smscan({ResolutionArgument()});
     EXPECT_EQ(2u, run.exitCode) << run;
     const std::vector<std::string> lines = run.ErrLines();
     ASSERT_EQ(1u, lines.size()) << run;
@@ -474,7 +374,7 @@ TEST_F(SMSCAN_SUITE, NoScannerInstalledEndsWithExitCode2) {
     EXPECT_FALSE(Exists(Work("scan.bmp")));
     if (!kWineManager) {
         // Wine's manager always lists its camera source; the stand-in lists nothing.
-        const SmscanRun list = Smscan({"-L"});
+        const ProgramRun list = Smscan({"-L"});
         EXPECT_EQ(2u, list.exitCode) << list;
         EXPECT_EQ((std::vector<std::string>{"smscan: no sources are installed"}), list.ErrLines());
     }
@@ -483,9 +383,9 @@ TEST_F(SMSCAN_SUITE, NoScannerInstalledEndsWithExitCode2) {
 TEST_F(SMSCAN_SUITE, AnEmptyFeederEndsWithExitCode2) {
     // A first batch takes every sheet; the feeder stays empty for the next scan.
     WriteScannerSettings(3);
-    const SmscanRun first = Smscan({"--batch=out\\%d.bmp", ResolutionArgument()});
+    const ProgramRun first = Smscan({"--batch=out\\%d.bmp", ResolutionArgument()});
     ASSERT_EQ(0u, first.exitCode) << first;
-    const SmscanRun run = Smscan({"--batch=out\\again%d.bmp", ResolutionArgument()});
+    const ProgramRun run = Smscan({"--batch=out\\again%d.bmp", ResolutionArgument()});
     EXPECT_EQ(2u, run.exitCode) << run;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, "smscan: the feeder is empty: no page scanned"}),
               run.ErrLines());
@@ -494,7 +394,7 @@ TEST_F(SMSCAN_SUITE, AnEmptyFeederEndsWithExitCode2) {
 
 TEST_F(SMSCAN_SUITE, APageCancelledByTheSourceEndsWithExitCode3) {
     WriteScannerSettings(3, "CancelImage = 1\n");
-    const SmscanRun run = Smscan({"--batch=out\\page-%d.bmp", ResolutionArgument()});
+    const ProgramRun run = Smscan({"--batch=out\\page-%d.bmp", ResolutionArgument()});
     EXPECT_EQ(3u, run.exitCode) << run;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, "page 1: out\\page-1.bmp: cancelled by the source"}),
               run.ErrLines());
@@ -506,7 +406,7 @@ TEST_F(SMSCAN_SUITE, AFileThatCannotBeMadeEndsWithExitCode3) {
     WriteScannerSettings(3);
     // Page 1 goes to directory 1, which exists; there is no directory 2.
     ASSERT_TRUE(CreateDirectoryA(Work("dir1").c_str(), nullptr));
-    const SmscanRun run = Smscan({"--batch=dir%d\\page.bmp", ResolutionArgument()});
+    const ProgramRun run = Smscan({"--batch=dir%d\\page.bmp", ResolutionArgument()});
     EXPECT_EQ(3u, run.exitCode) << run;
     EXPECT_EQ(
         (std::vector<std::string>{kScanningLine, PageLine(1, "dir1\\page.bmp"), "page 2: dir2\\page.bmp: file error"}),
@@ -518,7 +418,7 @@ TEST_F(SMSCAN_SUITE, AFileThatCannotBeMadeEndsWithExitCode3) {
 TEST_F(SMSCAN_SUITE, AnImageTheLibraryCannotWriteEndsWithExitCode3) {
     // The image claims a pixel type no bitmap has: the library shows its notice, which smscan closes, and refuses it.
     WriteScannerSettings(3, "ImagePixelType = 9\n");
-    const SmscanRun run = Smscan({"--batch=out\\page-%d.bmp", ResolutionArgument()});
+    const ProgramRun run = Smscan({"--batch=out\\page-%d.bmp", ResolutionArgument()});
     EXPECT_EQ(3u, run.exitCode) << run;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, "smscan: the library reports that it cannot write the image",
                                         "page 1: out\\page-1.bmp: image refused (format not supported)"}),
@@ -528,7 +428,7 @@ TEST_F(SMSCAN_SUITE, AnImageTheLibraryCannotWriteEndsWithExitCode3) {
 
 TEST_F(SMSCAN_SUITE, ATransferTheSourceFailsEndsWithExitCode3AndItsConditionCode) {
     WriteScannerSettings(3, "Fail = DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, 0, TWRC_FAILURE, TWCC_BADVALUE\n");
-    const SmscanRun run = Smscan({"--batch=out\\page-%d.bmp", ResolutionArgument()});
+    const ProgramRun run = Smscan({"--batch=out\\page-%d.bmp", ResolutionArgument()});
     EXPECT_EQ(3u, run.exitCode) << run;
     EXPECT_EQ(
         (std::vector<std::string>{kScanningLine, "page 1: out\\page-1.bmp: the source failed: TWCC_BADVALUE (10)"}),
@@ -539,7 +439,7 @@ TEST_F(SMSCAN_SUITE, ATransferTheSourceFailsEndsWithExitCode3AndItsConditionCode
 TEST_F(SMSCAN_SUITE, ASourceThatNeverAnnouncesTheImageEndsWithExitCode3) {
     // The source takes MSG_ENABLEDS without doing anything: no image is ever announced.
     WriteScannerSettings(3, "Fail = DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, 0, TWRC_SUCCESS, TWCC_SUCCESS\n");
-    const SmscanRun run = Smscan({"-o", "never.bmp", ResolutionArgument(), "--timeout=1"});
+    const ProgramRun run = Smscan({"-o", "never.bmp", ResolutionArgument(), "--timeout=1"});
     EXPECT_EQ(3u, run.exitCode) << run;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, "smscan: the source said nothing for 1 s: scan given up"}),
               run.ErrLines());
@@ -561,7 +461,7 @@ const char kQuestionNo[] = "smscan: the library asks whether to scan more pages:
 
 TEST_F(SMSCAN_SUITE, FromTheInterfaceMorePagesYesScansTheWholeFeeder) {
     WriteScannerSettings(3, kInterfaceSettings);
-    const SmscanRun run =
+    const ProgramRun run =
         Smscan({"--show-ui", "--batch=out\\ui-%d.bmp", "--more-pages=yes", ResolutionArgument(), "--timeout=30"});
     ASSERT_EQ(0u, run.exitCode) << run;
     // No question after the last page: nothing is pending then.
@@ -575,7 +475,7 @@ TEST_F(SMSCAN_SUITE, FromTheInterfaceMorePagesYesScansTheWholeFeeder) {
 
 TEST_F(SMSCAN_SUITE, FromTheInterfaceMorePagesNoEndsAfterTheFirstPage) {
     WriteScannerSettings(3, kInterfaceSettings);
-    const SmscanRun run =
+    const ProgramRun run =
         Smscan({"--show-ui", "--batch=out\\ui-%d.bmp", "--more-pages", "no", ResolutionArgument(), "--timeout=30"});
     ASSERT_EQ(0u, run.exitCode) << run;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, PageLine(1, "out\\ui-1.bmp"), kQuestionNo}), run.ErrLines())
@@ -587,12 +487,12 @@ TEST_F(SMSCAN_SUITE, FromTheInterfaceMorePagesNoEndsAfterTheFirstPage) {
 // --- Help and version.
 
 TEST_F(SMSCAN_SUITE, HelpAndVersion) {
-    const SmscanRun help = Smscan({"--help"});
+    const ProgramRun help = Smscan({"--help"});
     EXPECT_EQ(0u, help.exitCode) << help;
     ASSERT_FALSE(help.OutLines().empty()) << help;
     EXPECT_EQ("Usage: smscan [OPTION]...", help.OutLines().front());
     EXPECT_NE(std::string::npos, help.out.find("--batch-count=N")) << help;
-    const SmscanRun version = Smscan({"-V"});
+    const ProgramRun version = Smscan({"-V"});
     EXPECT_EQ(0u, version.exitCode) << version;
     EXPECT_EQ((std::vector<std::string>{"smscan: smkernal.dll version 2.00"}), version.OutLines()) << version;
 }

@@ -15,9 +15,9 @@ namespace smtest {
 
 namespace {
 
-const char kViewerClass[] = "KDVDiagXprt32";
-const char kViewerMapping[] = "KDVDiagXprt32File";
-constexpr UINT kTraceMessage = 0x1634;
+using smk::kTraceMessage;
+using smk::kViewerClass;
+using smk::kViewerMapping;
 constexpr DWORD kMappingSize = 64 * 1024;
 
 TraceViewer *activeViewer = nullptr;
@@ -219,6 +219,20 @@ int RunChildRole(const char *argument, LPTOP_LEVEL_EXCEPTION_FILTER crashFilter)
         FreeLibrary(twain);
         return 0;
     }
+    const std::string wait = "wait-event:";
+    if (role.compare(0, wait.size(), wait) == 0) {
+        HANDLE event = CreateEventA(nullptr, TRUE, FALSE, role.substr(wait.size()).c_str());
+        if (!event)
+            return 3;
+        SetEvent(event);
+        DWORD waited = 0;
+        while (WaitForSingleObject(event, 0) == WAIT_OBJECT_0 && waited < 60000) {
+            Sleep(10);
+            waited += 10;
+        }
+        CloseHandle(event);
+        return waited < 60000 ? 0 : 1;
+    }
     std::fprintf(stderr, "test program: no child role %s\n", role.c_str());
     return 4;
 }
@@ -346,24 +360,6 @@ const char *TwccName(unsigned cc) {
                                         "TWCC_FILEWRITEERROR",
                                         "TWCC_CHECKDEVICEONLINE"};
     return cc < sizeof names / sizeof *names ? names[cc] : "TWCC_(unknown)";
-}
-
-TraceLine ParseTraceLine(const std::string &raw) {
-    TraceLine line;
-    line.raw = raw;
-    if (line.IsSeparator())
-        return line;
-    // "<Level> <source> <line>: [SM] <text>"
-    const size_t levelEnd = raw.find(' ');
-    const size_t marker = raw.find(": [SM] ");
-    if (levelEnd == std::string::npos || marker == std::string::npos)
-        return line;
-    line.level = raw.substr(0, levelEnd);
-    const size_t lineStart = raw.rfind(' ', marker - 1);
-    line.source = raw.substr(levelEnd + 1, lineStart - levelEnd - 1);
-    line.line = std::atoi(raw.substr(lineStart + 1, marker - lineStart - 1).c_str());
-    line.text = raw.substr(marker + 7);
-    return line;
 }
 
 TraceViewer::TraceViewer() = default;

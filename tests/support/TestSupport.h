@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "TraceChannel.h"
 #include "testdsm.h"
 #include "twain1x.h"
 
@@ -51,8 +52,9 @@ std::string RunMode();
 // role instead of running tests. Roles: "crash" (ends in an illegal instruction with the test programs' crash
 // filter), "crash-unfiltered" (the same without it), "crash-noted:<note>" (the same as "crash" with <note> set as the
 // crash note), "write-past-guarded-buffer" (writes the byte after a GuardedBuffer of 100 bytes, after its last one),
-// "hold-twain:<ms>:<event>" (loads TWAIN_32.DLL, sets the
-// named event, holds the library for <ms> milliseconds, resets the event and frees the library).
+// "hold-twain:<ms>:<event>" (loads TWAIN_32.DLL, sets the named event, holds the library for <ms> milliseconds, resets
+// the event and frees the library), "wait-event:<event>" (sets the named event, made when there is none, and waits
+// until it is reset again, up to a minute; exit code 0, or 1 when the minute passed).
 constexpr char kChildRolePrefix[] = "--smk-child=";
 // What the crash filter of the test programs writes to stderr before the exception's code.
 constexpr char kCrashBanner[] = "test program: unhandled exception";
@@ -97,15 +99,8 @@ std::string ReadDebugIni(const char *key);
 const char *TwrcName(unsigned rc);
 const char *TwccName(unsigned cc);
 
-// One trace record as the viewer received it, and its parts.
-struct TraceLine {
-    std::string raw;
-    std::string level; // "Trace", "Warning", "Fatal", or "" for a separator
-    std::string source;
-    int line = 0;
-    std::string text;
-    bool IsSeparator() const { return raw == "    "; }
-};
+// One trace record as the viewer received it, and its parts (shared with smtrace).
+using smk::TraceLine;
 
 // A stand-in for the diagnostic viewer: the window class, the shared mapping and the message.
 // Start it before loading the library; it records every record sent to it.
@@ -132,7 +127,7 @@ private:
     std::vector<TraceLine> records_;
 };
 
-TraceLine ParseTraceLine(const std::string &raw);
+using smk::ParseTraceLine;
 
 typedef BOOL(WINAPI *IsTWAINAvailableProc)();
 
