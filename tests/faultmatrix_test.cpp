@@ -190,20 +190,7 @@ protected:
     LONG Call1(const char *name, LONG value) const { return Export<LONG(WINAPI *)(LONG)>(name)(value); }
     LONG CallScale(const char *name, double value) const { return Export<LONG(WINAPI *)(double)>(name)(value); }
 
-    std::vector<std::string> Files() const {
-        std::vector<std::string> names;
-        WIN32_FIND_DATAA found;
-        HANDLE search = FindFirstFileA((directory_ + "\\*").c_str(), &found);
-        if (search == INVALID_HANDLE_VALUE)
-            return names;
-        do {
-            if (std::strcmp(found.cFileName, ".") != 0 && std::strcmp(found.cFileName, "..") != 0)
-                names.push_back(found.cFileName);
-        } while (FindNextFileA(search, &found));
-        FindClose(search);
-        std::sort(names.begin(), names.end());
-        return names;
-    }
+    std::vector<std::string> Files() const { return FilesIn(directory_); }
     void RemoveFiles() const {
         for (const std::string &name : Files())
             DeleteFileA((directory_ + "\\" + name).c_str());
@@ -804,30 +791,26 @@ void SheetEndFails(const Case &c, Expected &e) {
         t.push_back("smOpenDS=11");
     Append(t, {"boxes=0", "state=5", "source=transferring", Files(c.image)});
 }
-// The batch's disable fails: smZephraScan cannot close the enabled source, and the application closes it.
-void SheetDisableFails(const Case &c, Expected &e) {
+// The sheet scanned and written, then `closing`: what the application does with a session the batch could not end.
+void SheetScannedThen(const Case &c, Expected &e, const Strings &closing) {
     Strings with = Opened("1");
     with.push_back("interface=hidden");
     Append(with, kScanned);
-    Append(with, {"source=enabled", "smDisableDS=0", "smCloseDS=0"});
+    Append(with, closing);
     Sheet(c, e, with, true);
+}
+// The batch's disable fails: smZephraScan cannot close the enabled source, and the application closes it.
+void SheetDisableFails(const Case &c, Expected &e) {
+    SheetScannedThen(c, e, {"source=enabled", "smDisableDS=0", "smCloseDS=0"});
 }
 // The batch's MSG_CLOSEDS fails: the source stays open, and the application closes it.
 void SheetCloseFails(const Case &c, Expected &e) {
-    Strings with = Opened("1");
-    with.push_back("interface=hidden");
-    Append(with, kScanned);
-    Append(with, {"source=open", "smDisableDS=0", "smCloseDS=0"});
-    Sheet(c, e, with, true);
+    SheetScannedThen(c, e, {"source=open", "smDisableDS=0", "smCloseDS=0"});
 }
 // The batch's MSG_CLOSEDSM fails: the source manager stays open; the application's close is refused its disable and
 // closes the source manager.
 void SheetManagerCloseFails(const Case &c, Expected &e) {
-    Strings with = Opened("1");
-    with.push_back("interface=hidden");
-    Append(with, kScanned);
-    Append(with, {"source=closed", "smDisableDS=11", "smCloseDS=0"});
-    Sheet(c, e, with, true);
+    SheetScannedThen(c, e, {"source=closed", "smDisableDS=11", "smCloseDS=0"});
 }
 
 // One row of the table: the flow (or every flow but the scan to file, kAcquire), the triplet (cap kAnyCap: any), what

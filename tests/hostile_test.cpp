@@ -917,19 +917,7 @@ protected:
         HostileTest::TearDown();
     }
 
-    std::vector<std::string> Files() const {
-        std::vector<std::string> names;
-        WIN32_FIND_DATAA found;
-        HANDLE search = FindFirstFileA((directory_ + "\\*").c_str(), &found);
-        if (search == INVALID_HANDLE_VALUE)
-            return names;
-        do {
-            if (std::strcmp(found.cFileName, ".") != 0 && std::strcmp(found.cFileName, "..") != 0)
-                names.push_back(found.cFileName);
-        } while (FindNextFileA(search, &found));
-        FindClose(search);
-        return names;
-    }
+    std::vector<std::string> Files() const { return FilesIn(directory_); }
 
     // Settings of any kind, sometimes none at all.
     static void RandomSettings(Rng &rng, ScanToFileSettings &s) {
@@ -1157,6 +1145,21 @@ protected:
         info.PixelType = TWPT_GRAY;
         return info;
     }
+    // The source answers DAT_IMAGEINFO with `info`.
+    void AnswerImage(const TW_IMAGEINFO &info) {
+        source.onImageInfo = [info](TW_IMAGEINFO &answer) {
+            answer = info;
+            return Answer{};
+        };
+    }
+    static TW_IMAGEMEMXFER Record(TW_UINT32 bytesPerRow, TW_UINT32 columns, TW_UINT32 rows, TW_UINT32 bytesWritten) {
+        TW_IMAGEMEMXFER record = {};
+        record.BytesPerRow = bytesPerRow;
+        record.Columns = columns;
+        record.Rows = rows;
+        record.BytesWritten = bytesWritten;
+        return record;
+    }
     // The source answers one strip, the last of its image.
     void OneStrip(const TW_IMAGEMEMXFER &record) {
         source.onStrip = [record](TW_IMAGEMEMXFER &strip) {
@@ -1177,18 +1180,9 @@ protected:
 // past that.
 TEST_F(GuardTest, ReadBlockStartsNoRowWiderThanTheImageThatWouldRunPastTheBuffer) {
     ASSERT_EQ(SM_OK, Call<LONG(WINAPI *)(BOOL, BOOL)>("smEnableDS")(FALSE, FALSE));
-    const TW_IMAGEINFO info = Gray(10, 100);
-    source.onImageInfo = [info](TW_IMAGEINFO &answer) {
-        answer = info;
-        return Answer{};
-    };
+    AnswerImage(Gray(10, 100));
     // Rows of 30 bytes, 4 bytes apart, in a block of the caller's size.
-    TW_IMAGEMEMXFER record = {};
-    record.BytesPerRow = 4;
-    record.Columns = 30;
-    record.Rows = 3;
-    record.BytesWritten = 40;
-    OneStrip(record);
+    OneStrip(Record(4, 30, 3, 40));
     const DWORD size = 40;
     GuardedBuffer buffer(size + 10); // the size and one row of the image, then a page without access
     DWORD count = 0;
@@ -1208,21 +1202,12 @@ TEST_F(GuardTest, ReadBlockStartsNoRowWiderThanTheImageThatWouldRunPastTheBuffer
 // larger than its maximum, the block may be larger than the caller's size although that size reaches the maximum.
 TEST_F(GuardTest, ReadBlockCutsABlockLargerThanTheCallersBuffer) {
     ASSERT_EQ(SM_OK, Call<LONG(WINAPI *)(BOOL, BOOL)>("smEnableDS")(FALSE, FALSE));
-    const TW_IMAGEINFO info = Gray(5000, 100);
-    source.onImageInfo = [info](TW_IMAGEINFO &answer) {
-        answer = info;
-        return Answer{};
-    };
+    AnswerImage(Gray(5000, 100));
     source.onSetupMem = [](TW_SETUPMEMXFER &sizes) {
         sizes = {5000, 100, 0}; // the preferred size becomes the minimum, 5000, cut to the caller's 200
         return Answer{};
     };
-    TW_IMAGEMEMXFER record = {};
-    record.BytesPerRow = 5000;
-    record.Columns = 5000;
-    record.Rows = 1;
-    record.BytesWritten = 5000;
-    OneStrip(record);
+    OneStrip(Record(5000, 5000, 1, 5000));
     const DWORD size = 200;
     GuardedBuffer buffer(size);
     tracker.FailNextAllocations(1); // the buffer of 200 bytes; the minimum's 5000 come next
@@ -1253,11 +1238,7 @@ TEST_F(GuardTest, ReadBlockStartsTheNextSessionWithANewImage) {
         return Answer{};
     };
     // Rows of 32 bytes: RGB pixels of the first image, gray ones of the second.
-    TW_IMAGEMEMXFER record = {};
-    record.BytesPerRow = 32;
-    record.Columns = 10;
-    record.Rows = 4;
-    record.BytesWritten = 128;
+    TW_IMAGEMEMXFER record = Record(32, 10, 4, 128);
     source.onStrip = [&record](TW_IMAGEMEMXFER &strip) {
         const TW_MEMORY memory = strip.Memory;
         strip = record;
@@ -1285,17 +1266,8 @@ TEST_F(GuardTest, ReadBlockStartsTheNextSessionWithANewImage) {
 TEST_F(GuardTest, MemoryTransferCountsRowsWhoseProductOnlyWrapsRoundByTheirBytes) {
     ASSERT_EQ(SM_OK, Call<LONG(WINAPI *)(BOOL, BOOL)>("smEnableDS")(FALSE, FALSE));
     viewer.Clear();
-    const TW_IMAGEINFO info = Gray(0x10000, 0x10000);
-    source.onImageInfo = [info](TW_IMAGEINFO &answer) {
-        answer = info;
-        return Answer{};
-    };
-    TW_IMAGEMEMXFER record = {};
-    record.BytesPerRow = 0x10000;
-    record.Columns = 0x10000;
-    record.Rows = 0x10000;
-    record.BytesWritten = 0;
-    OneStrip(record);
+    AnswerImage(Gray(0x10000, 0x10000));
+    OneStrip(Record(0x10000, 0x10000, 0x10000, 0));
     MSG event = source.Event();
     EXPECT_TRUE(Call<BOOL(WINAPI *)(MSG *)>("smIsDSEvent")(&event));
     const std::vector<Notice> blocks = NoticesOf(app.Notices(), NoticeKind::XferData);
@@ -1320,20 +1292,12 @@ TEST_F(GuardTest, ScanToFileRefusesAStripClaimingMoreThanItsBuffer) {
     info.BitsPerSample[0] = info.BitsPerSample[1] = info.BitsPerSample[2] = 8;
     info.BitsPerPixel = 24;
     info.PixelType = TWPT_RGB;
-    source.onImageInfo = [info](TW_IMAGEINFO &answer) {
-        answer = info;
-        return Answer{};
-    };
+    AnswerImage(info);
     source.onSetupMem = [](TW_SETUPMEMXFER &sizes) {
         sizes = {12, 120, 120}; // ten rows of 12 bytes
         return Answer{};
     };
-    TW_IMAGEMEMXFER record = {};
-    record.BytesPerRow = 12;
-    record.Columns = 4;
-    record.Rows = 40;
-    record.BytesWritten = 480; // forty rows in a buffer of ten
-    OneStrip(record);
+    OneStrip(Record(12, 4, 40, 480)); // forty rows in a buffer of ten
     app.onScanToFileGetName = [&name](const Notice &, char *buffer) { lstrcpynA(buffer, name.c_str(), 256); };
     ScanToFileSettings settings = {};
     settings.pixelTypeCode = SM_PIXEL_RGB;

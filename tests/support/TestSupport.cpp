@@ -7,6 +7,7 @@
 
 #include <tlhelp32.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -571,6 +572,21 @@ const char *MessageName(TW_UINT16 msg) {
 }
 
 } // namespace
+
+std::vector<std::string> FilesIn(const std::string &directory) {
+    std::vector<std::string> names;
+    WIN32_FIND_DATAA found;
+    HANDLE search = FindFirstFileA((directory + "\\*").c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE)
+        return names;
+    do {
+        if (std::strcmp(found.cFileName, ".") != 0 && std::strcmp(found.cFileName, "..") != 0)
+            names.push_back(found.cFileName);
+    } while (FindNextFileA(search, &found));
+    FindClose(search);
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
 SuppressSetting::SuppressSetting(int value) : path_(BinDir() + "\\CV_Scan.INI") {
     WritePrivateProfileStringA("Settings", "SuppressTWAIN", std::to_string(value).c_str(), path_.c_str());

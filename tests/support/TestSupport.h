@@ -203,6 +203,9 @@ std::string TripletName(TW_UINT32 dg, TW_UINT16 dat, TW_UINT16 msg);
 // "ICAP_XFERMECH" for the capabilities the module negotiates, "ICAP_(other)" for the rest.
 const char *CapabilityName(TW_UINT16 cap);
 
+// The names of the files (and directories) in `directory`, sorted; none when it does not exist.
+std::vector<std::string> FilesIn(const std::string &directory);
+
 // True when the module at `path` is loaded in this process.
 bool IsLoaded(const std::string &path);
 
