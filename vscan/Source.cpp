@@ -217,6 +217,7 @@ PageFormat NegotiatedFormat(const Source &s) {
     f.planar = f.pixelType == TWPT_RGB && CapValue(s, ICAP_PLANARCHUNKY) == TWPC_PLANAR;
     f.threshold = static_cast<int>(std::lround(CapValue(s, ICAP_THRESHOLD)));
     f.vanilla = CapValue(s, ICAP_PIXELFLAVOR) == TWPF_VANILLA;
+    f.repeatRows = std::max(0, s.faults[VSCAN_FAULT_REPEATROWS]);
     return f;
 }
 
