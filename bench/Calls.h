@@ -1,0 +1,44 @@
+// The per-call overhead: smGetXResolution and smSetXResolution against the same triplets sent through DSM_Entry,
+// under each tracing condition, and the stand-in diagnostic viewer they are measured with.
+#pragma once
+
+#include <string>
+
+#include "Runs.h"
+
+namespace bench {
+
+enum class Tracing { Off, OnWithoutViewer, OffWithViewer, OnWithViewer, Count };
+const char *TracingLabel(Tracing tracing);
+
+// Seconds a call, medians of the repetitions; the overhead is the median of the library's time less the direct one's,
+// repetition by repetition.
+struct CallFigures {
+    int calls = 0; // of each kind per repetition
+    double libraryGet = 0, librarySet = 0, directGet = 0, directSet = 0, overheadGet = 0, overheadSet = 0;
+};
+
+// DEBUGSM.INI in the Windows directory: its switches set for a measurement, and the file as it was put back.
+class TraceSwitches {
+public:
+    TraceSwitches();
+    ~TraceSwitches();
+    void Set(int trace, int warning);
+
+private:
+    std::string path_;
+    std::string saved_;
+    bool existed_ = false;
+};
+
+// At most `calls` calls of each kind per repetition, fewer when the library's calls would take longer than `budget`
+// seconds; library and direct interleaved. With a viewer condition a viewer process runs meanwhile, started before
+// the library is loaded, as the library only looks for it then.
+CallFigures MeasureCalls(Runner &runner, TraceSwitches &switches, Tracing tracing, int calls, double budget,
+                         int repetitions);
+
+// The viewer process (smbench --viewer): the window class, the shared mapping and the message of the diagnostic
+// viewer; it reads every record it is sent, until told to stop.
+int RunViewer();
+
+} // namespace bench
