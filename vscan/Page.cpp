@@ -259,9 +259,9 @@ std::vector<uint8_t> BuildBmpFile(const PageFormat &f, double xres, double yres)
     file.bfType = 0x4d42; // "BM"
     file.bfSize = static_cast<DWORD>(sizeof file + dib.size());
     file.bfOffBits = static_cast<DWORD>(sizeof file + sizeof info + info.biClrUsed * sizeof(RGBQUAD));
-    std::vector<uint8_t> bmp(sizeof file);
+    std::vector<uint8_t> bmp(sizeof file + dib.size());
     std::memcpy(bmp.data(), &file, sizeof file);
-    bmp.insert(bmp.end(), dib.begin(), dib.end());
+    std::memcpy(bmp.data() + sizeof file, dib.data(), dib.size());
     return bmp;
 }
 
