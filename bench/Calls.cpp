@@ -98,18 +98,18 @@ void TraceSwitches::Set(int trace, int warning) {
 }
 
 CallFigures MeasureCalls(Runner &runner, TraceSwitches &switches, Tracing tracing, int calls, double budget,
-                         int repetitions) {
+                         int turns) {
     const bool on = tracing == Tracing::OnWithoutViewer || tracing == Tracing::OnWithViewer;
     const bool viewer = tracing == Tracing::OffWithViewer || tracing == Tracing::OnWithViewer;
     switches.Set(on, on);
     ViewerProcess *process = viewer ? new ViewerProcess : nullptr;
-    // A first few calls tell how many fit in the budget of a repetition.
+    // A first few calls tell how many fit in the budget of a turn.
     double get = 0, set = 0;
     runner.LibraryCalls(kTrialCalls, get, set);
     const double fit = budget / (get + set);
     calls = std::max(kTrialCalls, std::min(calls, static_cast<int>(fit)));
     std::vector<double> libraryGet, librarySet, directGet, directSet, overheadGet, overheadSet;
-    for (int r = 0; r < repetitions; ++r) {
+    for (int r = 0; r < turns; ++r) {
         double lg = 0, ls = 0, dg = 0, ds = 0;
         runner.LibraryCalls(calls, lg, ls);
         runner.DirectCalls(calls, dg, ds);

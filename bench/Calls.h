@@ -11,10 +11,10 @@ namespace bench {
 enum class Tracing { Off, OnWithoutViewer, OffWithViewer, OnWithViewer, Count };
 const char *TracingLabel(Tracing tracing);
 
-// Seconds a call, medians of the repetitions; the overhead is the median of the library's time less the direct one's,
-// repetition by repetition.
+// Seconds a call, medians of the turns; the overhead is the median of the library's time less the direct one's, turn
+// by turn.
 struct CallFigures {
-    int calls = 0; // of each kind per repetition
+    int calls = 0; // of each kind per turn
     double libraryGet = 0, librarySet = 0, directGet = 0, directSet = 0, overheadGet = 0, overheadSet = 0;
 };
 
@@ -31,11 +31,10 @@ private:
     bool existed_ = false;
 };
 
-// At most `calls` calls of each kind per repetition, fewer when the library's calls would take longer than `budget`
-// seconds; library and direct interleaved. With a viewer condition a viewer process runs meanwhile, started before
-// the library is loaded, as the library only looks for it then.
-CallFigures MeasureCalls(Runner &runner, TraceSwitches &switches, Tracing tracing, int calls, double budget,
-                         int repetitions);
+// `turns` turns of the library's calls and the direct ones, at most `calls` calls of each kind per turn, fewer when
+// the library's would take longer than `budget` seconds. With a viewer condition a viewer process runs meanwhile,
+// started before the library is loaded, as the library only looks for it then.
+CallFigures MeasureCalls(Runner &runner, TraceSwitches &switches, Tracing tracing, int calls, double budget, int turns);
 
 // The viewer process (smbench --viewer): the window class, the shared mapping and the message of the diagnostic
 // viewer; it reads every record it is sent, until told to stop.

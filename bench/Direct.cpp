@@ -130,7 +130,7 @@ void DirectSession::Negotiate(const Scan &scan) {
     }
 }
 
-void DirectSession::TransferImage(BufferSize size, StripSink &sink) {
+void DirectSession::TransferImage(BufferSize size, StripSink &sink, std::vector<BYTE> *kept) {
     TW_USERINTERFACE ui = {FALSE, FALSE, window_};
     if (Call(DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, &ui) != TWRC_SUCCESS)
         Fail("the source could not be enabled");
@@ -158,8 +158,16 @@ void DirectSession::TransferImage(BufferSize size, StripSink &sink) {
         Call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &setup) != TWRC_SUCCESS)
         Fail("the source gave no image information or buffer sizes");
     const DWORD bytes = size == BufferSize::Maximum ? setup.MaxBufSize : setup.Preferred;
-    HGLOBAL memory = GlobalAlloc(GHND, bytes);
-    BYTE *buffer = memory ? static_cast<BYTE *>(GlobalLock(memory)) : nullptr;
+    HGLOBAL memory = nullptr;
+    BYTE *buffer = nullptr;
+    if (kept) {
+        if (kept->size() < bytes)
+            kept->resize(bytes);
+        buffer = kept->data();
+    } else {
+        memory = GlobalAlloc(GHND, bytes);
+        buffer = memory ? static_cast<BYTE *>(GlobalLock(memory)) : nullptr;
+    }
     if (!buffer)
         Fail("no memory for a buffer of %lu bytes", static_cast<unsigned long>(bytes));
     sink.Begin(info);
@@ -176,8 +184,10 @@ void DirectSession::TransferImage(BufferSize size, StripSink &sink) {
             break;
     }
     sink.End();
-    GlobalUnlock(memory);
-    GlobalFree(memory);
+    if (memory) {
+        GlobalUnlock(memory);
+        GlobalFree(memory);
+    }
     TW_PENDINGXFERS pending = {};
     Call(DG_CONTROL, DAT_PENDINGXFERS, MSG_ENDXFER, &pending);
     Call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, &ui);

@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <string>
+#include <vector>
 
 #include "Bench.h"
 #include "twain1x.h"
@@ -15,8 +16,8 @@ class StripSink {
 public:
     virtual ~StripSink() = default;
     virtual void Begin(const TW_IMAGEINFO &) {}
-    // One strip in `data`, as the source delivered it.
-    virtual void Strip(const TW_IMAGEMEMXFER &strip, const BYTE *data) = 0;
+    // One strip in `data`, as the source delivered it; the sink may change the bytes in place.
+    virtual void Strip(const TW_IMAGEMEMXFER &strip, BYTE *data) = 0;
     virtual void End() {}
 };
 
@@ -45,8 +46,9 @@ public:
     void Negotiate(const Scan &scan);
     // One image by memory transfer: enabled without the interface, the window's messages passed through
     // MSG_PROCESSEVENT until MSG_XFERREADY, the image information, then the strips in a buffer of the chosen size
-    // (global memory, as the library takes it) handed to `sink`; the image ended and the source disabled.
-    void TransferImage(BufferSize size, StripSink &sink);
+    // handed to `sink`; the image ended and the source disabled. The buffer is global memory allocated for the image,
+    // as the library takes it, unless `kept` is given: then that one, grown as needed and kept for the next image.
+    void TransferImage(BufferSize size, StripSink &sink, std::vector<BYTE> *kept = nullptr);
 
     // The triplets the library's smGetXResolution sends: MSG_GET of ICAP_XRESOLUTION (current value, smallest and
     // largest item read from the enumeration) and MSG_GETCURRENT of ICAP_UNITS; false when one fails.

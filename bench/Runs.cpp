@@ -88,7 +88,7 @@ LRESULT CALLBACK WindowProc(HWND window, UINT message, WPARAM wParam, LPARAM lPa
     } else if (message == app.xferData) {
         // The library has put chunky RGB blue first already; planar blocks come as the source delivered them.
         const auto *block = reinterpret_cast<const ScanBlockInfo *>(lParam);
-        const auto *bytes = static_cast<const BYTE *>(block->bufferDescriptor->address);
+        auto *bytes = static_cast<BYTE *>(block->bufferDescriptor->address);
         if (!app.writeFailed && !app.file->Put(bytes, block->bytesPerRow, block->rows, block->yOffset, false))
             app.writeFailed = true;
     } else if (message == app.closeDSReq) {
@@ -104,12 +104,12 @@ LRESULT CALLBACK WindowProc(HWND window, UINT message, WPARAM wParam, LPARAM lPa
 // Strips into a bitmap file of our own, red and blue exchanged as the source delivers them red first.
 class FileSink : public StripSink {
 public:
-    explicit FileSink(const std::string &path) : path_(path) {}
+    FileSink(const std::string &path, std::vector<BYTE> &scratch) : path_(path), file_(scratch) {}
     void Begin(const TW_IMAGEINFO &info) override {
         if (!file_.Create(path_, info))
             Fail("%s cannot be written", path_.c_str());
     }
-    void Strip(const TW_IMAGEMEMXFER &strip, const BYTE *data) override {
+    void Strip(const TW_IMAGEMEMXFER &strip, BYTE *data) override {
         if (!file_.Put(data, strip.BytesPerRow, strip.Rows, strip.YOffset, true))
             Fail("a strip could not be written to %s", path_.c_str());
     }
@@ -124,7 +124,7 @@ private:
 class BufferSink : public StripSink {
 public:
     explicit BufferSink(std::vector<BYTE> &page) : page_(page) {}
-    void Strip(const TW_IMAGEMEMXFER &strip, const BYTE *data) override {
+    void Strip(const TW_IMAGEMEMXFER &strip, BYTE *data) override {
         const size_t at = static_cast<size_t>(strip.YOffset) * strip.BytesPerRow;
         if (at + strip.BytesWritten > page_.size())
             Fail("a strip runs past the page buffer");
@@ -137,7 +137,7 @@ private:
 
 class DiscardSink : public StripSink {
 public:
-    void Strip(const TW_IMAGEMEMXFER &, const BYTE *) override {}
+    void Strip(const TW_IMAGEMEMXFER &, BYTE *) override {}
 };
 
 } // namespace
@@ -252,7 +252,10 @@ TW_SETUPMEMXFER Runner::BufferSizes(const Scan &scan) {
 }
 
 double Runner::Run(Variant variant, const Scan &scan) {
+    // The last run's file goes first: neither side pays for removing it.
     const std::string file = FileOf(variant, scan);
+    if (!file.empty())
+        DeleteFileA(file.c_str());
     switch (variant) {
     case Variant::ScanToFileMemory:
         return ScanToFile(scan, TWSX_MEMORY, file);
@@ -266,7 +269,7 @@ double Runner::Run(Variant variant, const Scan &scan) {
         return ReadBlock(scan);
     case Variant::DirectMaximum:
     case Variant::DirectPreferred: {
-        FileSink sink(file);
+        FileSink sink(file, scratch_);
         return DirectRun(scan, InfoOf(variant).buffer, sink);
     }
     case Variant::DirectBuffer: {
@@ -275,8 +278,9 @@ double Runner::Run(Variant variant, const Scan &scan) {
         return DirectRun(scan, BufferSize::Preferred, sink);
     }
     default: {
+        // The source's own work: strips into a buffer that is kept, so that its pages are not new for every image.
         DiscardSink sink;
-        return DirectRun(scan, InfoOf(variant).buffer, sink);
+        return DirectRun(scan, InfoOf(variant).buffer, sink, &sourceBuffer_);
     }
     }
 }
@@ -359,7 +363,7 @@ double Runner::ScanToFile(const Scan &scan, TW_UINT16 mechanism, const std::stri
 
 double Runner::AppMemory(const Scan &scan, const std::string &file) {
     library_.Load();
-    StripFile writer;
+    StripFile writer(scratch_);
     app.Reset(&library_, file, &writer);
     const double start = Now();
     if (library_.openDS(window_, kTitle) != SM_OK)
@@ -456,11 +460,11 @@ void Runner::DirectCalls(int calls, double &get, double &set) {
     set = (end - middle) / calls;
 }
 
-double Runner::DirectRun(const Scan &scan, BufferSize size, StripSink &sink) {
+double Runner::DirectRun(const Scan &scan, BufferSize size, StripSink &sink, std::vector<BYTE> *kept) {
     const double start = Now();
     direct_.Open(window_);
     direct_.Negotiate(scan);
-    direct_.TransferImage(size, sink);
+    direct_.TransferImage(size, sink, kept);
     direct_.Close();
     return Now() - start;
 }

@@ -22,8 +22,8 @@ enum class Variant {
     DirectMaximum,    // the baseline: DSM_Entry, the maximum buffer, each strip written once into a bitmap file
     DirectPreferred,  // the same with the preferred buffer
     DirectBuffer,     // DSM_Entry, the preferred buffer, each strip copied into one page buffer
-    SourceMaximum,    // the source alone: strips of the maximum buffer, nothing done with them
-    SourcePreferred,  // the source alone with the preferred buffer
+    SourceMaximum,    // the source alone: strips of the maximum size into a buffer kept from run to run, nothing done
+    SourcePreferred,  // the same with the preferred size
     Count
 };
 
@@ -72,7 +72,7 @@ private:
     double ScanToFile(const Scan &scan, TW_UINT16 mechanism, const std::string &file);
     double AppMemory(const Scan &scan, const std::string &file);
     double ReadBlock(const Scan &scan);
-    double DirectRun(const Scan &scan, BufferSize size, StripSink &sink);
+    double DirectRun(const Scan &scan, BufferSize size, StripSink &sink, std::vector<BYTE> *kept = nullptr);
     // The source offers only `mechanism` (VscanSetValues on ICAP_XFERMECH), or all of its own.
     static constexpr int kAllMechanisms = -1;
     void OfferOnly(int mechanism);
@@ -92,6 +92,9 @@ private:
     VscanSetFaultProc setFault_ = nullptr;
     VscanSetValuesProc setValues_ = nullptr;
     std::vector<BYTE> page_;
+    // The bitmap writers' rows in file order, and the source-alone runs' buffer, kept from image to image.
+    std::vector<BYTE> scratch_;
+    std::vector<BYTE> sourceBuffer_;
 };
 
 } // namespace bench

@@ -10,6 +10,8 @@ namespace {
 constexpr DWORD kFileHeaderBytes = 14;
 constexpr DWORD kInfoHeaderBytes = 40;
 constexpr WORD kBitmapType = 0x4D42; // "BM"
+// Planar strips are put in chunks of at most this many bytes of file rows.
+constexpr DWORD kPlanarChunkBytes = 256 * 1024;
 
 void Put16(BYTE *at, WORD value) {
     at[0] = static_cast<BYTE>(value);
@@ -40,6 +42,15 @@ WORD BitCount(int bitsPerPixel) {
     if (bitsPerPixel <= 8)
         return 8;
     return 24;
+}
+
+// Swaps the first and third byte of every 3-byte pixel of a row of `bytes` bytes.
+void ExchangeRedBlue(BYTE *row, DWORD bytes) {
+    for (BYTE *pixel = row, *end = row + bytes / 3 * 3; pixel < end; pixel += 3) {
+        const BYTE first = pixel[0];
+        pixel[0] = pixel[2];
+        pixel[2] = first;
+    }
 }
 
 } // namespace
@@ -82,7 +93,7 @@ bool StripFile::Create(const std::string &path, const TW_IMAGEINFO &info) {
     return WriteAt(0, header.data(), headerBytes_);
 }
 
-bool StripFile::Put(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset, bool redFirst) {
+bool StripFile::Put(BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset, bool redFirst) {
     if (file_ == INVALID_HANDLE_VALUE || rows == 0 || yOffset + rows > static_cast<DWORD>(info_.ImageLength))
         return false;
     if (info_.Planar)
@@ -90,13 +101,35 @@ bool StripFile::Put(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffs
     return PutChunky(data, bytesPerRow, rows, yOffset, redFirst);
 }
 
-bool StripFile::PutChunky(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset, bool redFirst) {
-    rows_.resize(static_cast<size_t>(rows) * fileRowBytes_);
-    const DWORD copied = bytesPerRow < pixelRowBytes_ ? bytesPerRow : pixelRowBytes_;
+bool StripFile::PutChunky(BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset, bool redFirst) {
     const bool swap = redFirst && info_.BitsPerPixel == 24;
+    const DWORD lowest = static_cast<DWORD>(info_.ImageLength) - yOffset - rows;
+    if (bytesPerRow == fileRowBytes_) {
+        // In place, in one pass: row k and row rows - 1 - k change places, and their red and blue while the two
+        // rows are in the cache.
+        scratch_.resize(fileRowBytes_);
+        BYTE *spare = scratch_.data();
+        for (DWORD k = 0; k <= rows - 1 - k; ++k) {
+            BYTE *top = data + static_cast<size_t>(k) * bytesPerRow;
+            BYTE *bottom = data + static_cast<size_t>(rows - 1 - k) * bytesPerRow;
+            if (top != bottom) {
+                std::memcpy(spare, top, fileRowBytes_);
+                std::memcpy(top, bottom, fileRowBytes_);
+                std::memcpy(bottom, spare, fileRowBytes_);
+            }
+            if (swap) {
+                ExchangeRedBlue(top, pixelRowBytes_);
+                if (top != bottom)
+                    ExchangeRedBlue(bottom, pixelRowBytes_);
+            }
+        }
+        return WriteAt(headerBytes_ + lowest * fileRowBytes_, data, rows * fileRowBytes_);
+    }
+    scratch_.resize(static_cast<size_t>(rows) * fileRowBytes_);
+    const DWORD copied = bytesPerRow < pixelRowBytes_ ? bytesPerRow : pixelRowBytes_;
     for (DWORD k = 0; k < rows; ++k) {
         const BYTE *from = data + static_cast<size_t>(k) * bytesPerRow;
-        BYTE *to = &rows_[static_cast<size_t>(rows - 1 - k) * fileRowBytes_];
+        BYTE *to = &scratch_[static_cast<size_t>(rows - 1 - k) * fileRowBytes_];
         if (swap) {
             for (DWORD i = 0; i + 2 < copied; i += 3) {
                 to[i] = from[i + 2];
@@ -108,8 +141,7 @@ bool StripFile::PutChunky(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD
         }
         std::memset(to + copied, 0, fileRowBytes_ - copied);
     }
-    const DWORD lowest = static_cast<DWORD>(info_.ImageLength) - yOffset - rows;
-    return WriteAt(headerBytes_ + lowest * fileRowBytes_, rows_.data(), rows * fileRowBytes_);
+    return WriteAt(headerBytes_ + lowest * fileRowBytes_, scratch_.data(), rows * fileRowBytes_);
 }
 
 bool StripFile::PutPlane(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset) {
@@ -117,8 +149,20 @@ bool StripFile::PutPlane(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD 
         ++plane_;
     if (plane_ < 0 || plane_ > 2)
         return false;
+    // The rows go in chunks that stay in the processor's cache (a whole plane would not).
+    const DWORD chunkRows = kPlanarChunkBytes / fileRowBytes_ ? kPlanarChunkBytes / fileRowBytes_ : 1;
+    for (DWORD done = 0; done < rows;) {
+        const DWORD n = rows - done < chunkRows ? rows - done : chunkRows;
+        if (!PutPlaneRows(data + static_cast<size_t>(done) * bytesPerRow, bytesPerRow, n, yOffset + done))
+            return false;
+        done += n;
+    }
+    return true;
+}
+
+bool StripFile::PutPlaneRows(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset) {
     const DWORD bytes = rows * fileRowBytes_;
-    rows_.resize(bytes);
+    scratch_.resize(bytes);
     const DWORD lowest = static_cast<DWORD>(info_.ImageLength) - yOffset - rows;
     const DWORD position = headerBytes_ + lowest * fileRowBytes_;
     if (plane_ > 0) {
@@ -126,14 +170,14 @@ bool StripFile::PutPlane(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD 
         at.QuadPart = position;
         DWORD read = 0;
         if (!SetFilePointerEx(file_, at, nullptr, FILE_BEGIN) ||
-            !ReadFile(file_, rows_.data(), bytes, &read, nullptr) || read != bytes)
+            !ReadFile(file_, scratch_.data(), bytes, &read, nullptr) || read != bytes)
             return false;
     }
     const DWORD target = 2 - plane_; // red is the third byte of a pixel in the file
     const DWORD columns = static_cast<DWORD>(info_.ImageWidth);
     for (DWORD k = 0; k < rows; ++k) {
         const BYTE *samples = data + static_cast<size_t>(k) * bytesPerRow;
-        BYTE *row = &rows_[static_cast<size_t>(rows - 1 - k) * fileRowBytes_];
+        BYTE *row = &scratch_[static_cast<size_t>(rows - 1 - k) * fileRowBytes_];
         if (plane_ == 0) {
             for (DWORD c = 0; c < columns; ++c) {
                 row[3 * c] = 0;
@@ -146,7 +190,7 @@ bool StripFile::PutPlane(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD 
                 row[3 * c + target] = samples[c];
         }
     }
-    return WriteAt(position, rows_.data(), bytes);
+    return WriteAt(position, scratch_.data(), bytes);
 }
 
 bool StripFile::WriteAt(DWORD position, const BYTE *bytes, DWORD count) {

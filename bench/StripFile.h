@@ -12,22 +12,26 @@ namespace bench {
 
 // Builds the same file the library's scan to file writes for the image (headers, colour table, rows), but without
 // laying out the whole file first: the strip's rows are put in file order in memory (reversed, padded, red and blue
-// exchanged where the strip is red first) and written with one seek and one write. Planar strips are one plane's
-// samples; the first plane (red) is written without reading, the later ones read the rows they go into, put their
-// samples in and write them back.
+// exchanged where the strip is red first) and written with one seek and one write. Rows that already have the file's
+// length are reversed where they are, in the strip's own buffer; others go through `scratch`, which the caller keeps
+// from image to image as an application scanning page after page would. Planar strips are one plane's samples, put
+// in chunks of 256 KiB of file rows: the first plane (red) is written without reading, the later ones read the rows
+// they go into, put their samples in and write them back.
 class StripFile {
 public:
+    explicit StripFile(std::vector<BYTE> &scratch) : scratch_(scratch) {}
     ~StripFile() { Close(); }
     // Creates the file with its headers and colour table; false when it cannot be written.
     bool Create(const std::string &path, const TW_IMAGEINFO &info);
-    // One strip: `rows` rows `bytesPerRow` apart from image row `yOffset` on. `redFirst`: chunky RGB as sources deliver
-    // it (the bitmap wants blue first).
-    bool Put(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset, bool redFirst);
+    // One strip: `rows` rows `bytesPerRow` apart from image row `yOffset` on, which may be reordered in place.
+    // `redFirst`: chunky RGB as sources deliver it (the bitmap wants blue first).
+    bool Put(BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset, bool redFirst);
     void Close();
 
 private:
-    bool PutChunky(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset, bool redFirst);
+    bool PutChunky(BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset, bool redFirst);
     bool PutPlane(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset);
+    bool PutPlaneRows(const BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset);
     bool WriteAt(DWORD position, const BYTE *bytes, DWORD count);
 
     HANDLE file_ = INVALID_HANDLE_VALUE;
@@ -36,7 +40,7 @@ private:
     DWORD pixelRowBytes_ = 0;
     DWORD headerBytes_ = 0;
     int plane_ = -1;
-    std::vector<BYTE> rows_;
+    std::vector<BYTE> &scratch_;
 };
 
 // Bytes of a row of the bitmap: whole bytes, then a multiple of 4.

@@ -24,12 +24,15 @@ constexpr int kQuickDpi = 150;
 // The rows the scanner renders once per image and repeats (a few of them, so that they stay in the cache).
 constexpr int kRepeatRows = 8;
 constexpr int kRepetitions = 5;
-// Calls per repetition of the per-call measurement, at most; fewer when the library's calls of a repetition would
-// take longer than the budget (seconds), as where every record crosses to the viewer.
-constexpr int kCalls = 20000;
-constexpr int kQuickCalls = 5000;
-constexpr double kCallBudget = 1.0;
-constexpr double kQuickCallBudget = 0.2;
+// The per-call measurement runs the library's calls and the direct ones in turns, this many turns of each per
+// repetition: a call costs a few microseconds, and many short turns see the machine's other work alike.
+constexpr int kCallTurnsPerRepetition = 5;
+// Calls of each kind per turn, at most; fewer when the library's calls of a turn would take longer than the budget
+// (seconds), as where every record crosses to the viewer.
+constexpr int kCalls = 10000;
+constexpr int kQuickCalls = 2000;
+constexpr double kCallBudget = 0.1;
+constexpr double kQuickCallBudget = 0.03;
 constexpr double kMegabyte = 1e6;
 constexpr double kMebibyte = 1024.0 * 1024.0;
 
@@ -40,17 +43,22 @@ struct Options {
     int calls = kCalls;
     double callBudget = kCallBudget;
     bool memory = true;
+    bool scans = true;   // the throughput and memory of the scans
+    bool perCall = true; // the per-call overhead
     std::string outDir;
 };
 
 void Usage() {
-    std::printf("usage: smbench [--quick] [--dpi=N] [--repetitions=N] [--calls=N] [--no-memory] [--out=DIR]\n"
+    std::printf("usage: smbench [--quick] [--dpi=N] [--repetitions=N] [--calls=N] [--no-memory] [--calls-only]\n"
+                "               [--scans-only] [--out=DIR]\n"
                 "  --quick          150 dpi pages and fewer calls (within a minute)\n"
                 "  --dpi=N          the pages' resolution (default 600; the scanner takes 50 to 600)\n"
                 "  --repetitions=N  interleaved repetitions of every run, at least 5 (default 5)\n"
-                "  --calls=N        calls per repetition of the per-call measurement, at most (default 20000,\n"
-                "                   --quick 5000; fewer where they would take more than a second, --quick 0.2 s)\n"
+                "  --calls=N        calls per turn of the per-call measurement (5 turns a repetition), at most\n"
+                "                   (default 10000, --quick 2000; fewer where they would take more than 0.1 s,\n"
+                "                   --quick 0.03 s)\n"
                 "  --no-memory      leaves out the peak memory of each run (a process per run)\n"
+                "  --calls-only     measures only the per-call overhead; --scans-only leaves it out\n"
                 "  --out=DIR        where the bitmap files go (default the temporary directory's smbench)\n");
 }
 
@@ -76,6 +84,10 @@ Options Parse(int argc, char **argv) {
             callsGiven = true;
         } else if (std::strcmp(a, "--no-memory") == 0) {
             o.memory = false;
+        } else if (std::strcmp(a, "--calls-only") == 0) {
+            o.scans = false;
+        } else if (std::strcmp(a, "--scans-only") == 0) {
+            o.perCall = false;
         } else if (std::strncmp(a, "--out=", 6) == 0) {
             o.outDir = a + 6;
         } else {
@@ -159,13 +171,155 @@ struct Row {
     double seconds = 0; // median
     double ratio = 0;   // median of the repetitions' ratios to the baseline
     MemoryResult memory;
-    DWORD buffer = 0; // the library's (or the baseline's) transfer buffer
+    DWORD buffer = 0; // the source's size of the run's transfer buffer
 };
+using Rows = std::vector<std::vector<Row>>; // by format, then variant
 
 std::string Cell(double value, const char *format) {
     char text[64];
     std::snprintf(text, sizeof text, format, value);
     return text;
+}
+
+std::string FileLabel(Variant variant) {
+    return InfoOf(variant).label;
+}
+
+// The bitmap files of a scan's runs.
+void RemoveFiles(Runner &runner, const Scan &scan) {
+    for (int v = 0; v < static_cast<int>(Variant::Count); ++v) {
+        const std::string file = runner.FileOf(static_cast<Variant>(v), scan);
+        if (!file.empty())
+            DeleteFileA(file.c_str());
+    }
+}
+
+// Every run of every format once per repetition, in the same order each time; the seconds by format and variant.
+std::vector<std::vector<std::vector<double>>> TimeScans(Runner &runner, const Options &options, double started) {
+    const int variants = static_cast<int>(Variant::Count);
+    std::vector<std::vector<std::vector<double>>> times(kFormatCount, std::vector<std::vector<double>>(variants));
+    for (int r = 0; r < options.repetitions; ++r) {
+        for (int f = 0; f < kFormatCount; ++f) {
+            const Scan scan = {&kFormats[f], options.dpi};
+            std::map<Variant, std::vector<BYTE>> pages;
+            for (int v = 0; v < variants; ++v) {
+                const auto variant = static_cast<Variant>(v);
+                if (!Applies(variant, kFormats[f]))
+                    continue;
+                times[f][v].push_back(runner.Run(variant, scan));
+                // A run's file goes at once (after the first repetition's checks): hundreds of megabytes left for the
+                // system to write back would slow the runs after them.
+                const std::string file = runner.FileOf(variant, scan);
+                if (r > 0 && !file.empty())
+                    DeleteFileA(file.c_str());
+                if (r == 0 && (variant == Variant::ReadBlock || variant == Variant::DirectBuffer)) {
+                    const std::vector<BYTE> &page = runner.PageBuffer();
+                    pages[variant].assign(page.begin(), page.begin() + static_cast<size_t>(ImageBytes(scan)));
+                }
+            }
+            if (r == 0) {
+                Verify(runner, scan, pages);
+                RemoveFiles(runner, scan);
+            }
+        }
+        std::fprintf(stderr, "smbench: repetition %d of %d done (%.0f s)\n", r + 1, options.repetitions,
+                     Now() - started);
+    }
+    return times;
+}
+
+// Medians, ratios to the baselines and, each in a process of its own, peak memory.
+Rows Summarise(Runner &runner, const Options &options, const std::vector<std::vector<std::vector<double>>> &times) {
+    const int variants = static_cast<int>(Variant::Count);
+    Rows rows(kFormatCount, std::vector<Row>(variants));
+    for (int f = 0; f < kFormatCount; ++f) {
+        const Scan scan = {&kFormats[f], options.dpi};
+        const TW_SETUPMEMXFER sizes = runner.BufferSizes(scan);
+        for (int v = 0; v < variants; ++v) {
+            const auto variant = static_cast<Variant>(v);
+            if (times[f][v].empty())
+                continue;
+            Row &row = rows[f][v];
+            row.seconds = Median(times[f][v]);
+            row.buffer = InfoOf(variant).buffer == BufferSize::Maximum ? sizes.MaxBufSize : sizes.Preferred;
+            const Variant baseline = InfoOf(variant).baseline;
+            if (baseline != Variant::Count) {
+                std::vector<double> ratios;
+                for (size_t r = 0; r < times[f][v].size(); ++r)
+                    ratios.push_back(times[f][v][r] / times[f][static_cast<int>(baseline)][r]);
+                row.ratio = Median(ratios);
+            }
+            if (options.memory)
+                row.memory = MeasureMemory(variant, f, options.dpi, kRepeatRows, options.outDir);
+        }
+    }
+    return rows;
+}
+
+// The one table: a row per run and format, then a row per call and tracing condition.
+void PrintTable(const Options &options, const Rows &rows, const std::vector<CallFigures> &calls) {
+    std::printf("| Run | Format | MB/s | Time (ms) | Ratio to direct | µs per call | Above direct (µs) | "
+                "Peak above idle (MiB) | Buffer (MiB) |\n");
+    std::printf("|---|---|---|---|---|---|---|---|---|\n");
+    for (int f = 0; f < static_cast<int>(rows.size()); ++f) {
+        const Scan scan = {&kFormats[f], options.dpi};
+        for (int v = 0; v < static_cast<int>(rows[f].size()); ++v) {
+            const Row &row = rows[f][v];
+            if (row.seconds == 0)
+                continue;
+            const std::string ratio = row.ratio ? Cell(row.ratio, "%.2fx") : "-";
+            const std::string peak = row.memory.measured ? Cell(row.memory.AboveIdle() / kMebibyte, "%.2f") : "-";
+            std::printf("| %s | %s | %.0f | %.1f | %s | - | - | %s | %.2f |\n",
+                        FileLabel(static_cast<Variant>(v)).c_str(), kFormats[f].name,
+                        ImageBytes(scan) / kMegabyte / row.seconds, row.seconds * 1000, ratio.c_str(), peak.c_str(),
+                        row.buffer / kMebibyte);
+        }
+    }
+    for (int t = 0; t < static_cast<int>(calls.size()); ++t) {
+        const CallFigures &c = calls[t];
+        const char *label = TracingLabel(static_cast<Tracing>(t));
+        std::printf("| smGetXResolution, %s | - | - | - | %.2fx | %.2f | %.2f | - | - |\n", label,
+                    c.libraryGet / c.directGet, c.libraryGet * 1e6, c.overheadGet * 1e6);
+        std::printf("| smSetXResolution, %s | - | - | - | %.2fx | %.2f | %.2f | - | - |\n", label,
+                    c.librarySet / c.directSet, c.librarySet * 1e6, c.overheadSet * 1e6);
+    }
+    if (!calls.empty()) {
+        std::printf(
+            "| direct: MSG_GET ICAP_XRESOLUTION, MSG_GETCURRENT ICAP_UNITS | - | - | - | - | %.2f | - | - | - |\n",
+            calls[0].directGet * 1e6);
+        std::printf("| direct: MSG_SET ICAP_XRESOLUTION | - | - | - | - | %.2f | - | - | - |\n",
+                    calls[0].directSet * 1e6);
+    }
+}
+
+// The source alone against the library's own work in the scan to file by memory (its time less the source's).
+void PrintSourceSpeed(const Rows &rows) {
+    std::printf("\nThe source alone (maximum buffer) against the library's own work in the scan to file by memory "
+                "(its time less the source's):\n");
+    for (int f = 0; f < static_cast<int>(rows.size()); ++f) {
+        const double source = rows[f][static_cast<int>(Variant::SourceMaximum)].seconds;
+        const double library = rows[f][static_cast<int>(Variant::ScanToFileMemory)].seconds;
+        std::printf("  %s: source %.1f ms, the library's own work %.1f ms: the source is %.1f times faster\n",
+                    kFormats[f].name, source * 1000, (library - source) * 1000, (library - source) / source);
+    }
+}
+
+// Peak memory of the library's memory transfers at the other resolution too: it must not depend on the page.
+void PrintMemoryAtBothResolutions(const Options &options, const Rows &rows) {
+    const int otherDpi = options.dpi == kQuickDpi ? kFullDpi : kQuickDpi;
+    std::printf("\nPeak private memory above idle (MiB) of the library's memory transfers at %d and %d dpi:\n",
+                kQuickDpi, kFullDpi);
+    for (int f = 0; f < kFormatCount; ++f)
+        for (Variant variant : {Variant::ScanToFileMemory, Variant::AppMemory, Variant::ReadBlock}) {
+            const int v = static_cast<int>(variant);
+            if (!rows[f][v].memory.measured)
+                continue;
+            const MemoryResult other = MeasureMemory(variant, f, otherDpi, kRepeatRows, options.outDir);
+            const MemoryResult &at150 = options.dpi == kQuickDpi ? rows[f][v].memory : other;
+            const MemoryResult &at600 = options.dpi == kQuickDpi ? other : rows[f][v].memory;
+            std::printf("  %s, %s: %.2f and %.2f\n", FileLabel(variant).c_str(), kFormats[f].name,
+                        at150.AboveIdle() / kMebibyte, at600.AboveIdle() / kMebibyte);
+        }
 }
 
 } // namespace
@@ -192,131 +346,26 @@ int main(int argc, char **argv) {
     std::printf("the scans trace with DEBUGSM.INI's Trace=1 and Warning=1 and no viewer\n\n");
     std::fflush(stdout);
 
-    // Throughput: every run of every format once per repetition, in the same order each time.
-    const int variants = static_cast<int>(Variant::Count);
-    std::vector<std::vector<std::vector<double>>> times(kFormatCount, std::vector<std::vector<double>>(variants));
     const double started = Now();
-    for (int r = 0; r < options.repetitions; ++r) {
-        for (int f = 0; f < kFormatCount; ++f) {
-            const Scan scan = {&kFormats[f], options.dpi};
-            std::map<Variant, std::vector<BYTE>> pages;
-            for (int v = 0; v < variants; ++v) {
-                const auto variant = static_cast<Variant>(v);
-                if (!Applies(variant, kFormats[f]))
-                    continue;
-                times[f][v].push_back(runner.Run(variant, scan));
-                if (r == 0 && (variant == Variant::ReadBlock || variant == Variant::DirectBuffer)) {
-                    const std::vector<BYTE> &page = runner.PageBuffer();
-                    pages[variant].assign(page.begin(), page.begin() + static_cast<size_t>(ImageBytes(scan)));
-                }
-            }
-            if (r == 0)
-                Verify(runner, scan, pages);
-        }
-        std::fprintf(stderr, "smbench: repetition %d of %d done (%.0f s)\n", r + 1, options.repetitions,
-                     Now() - started);
-    }
-
-    // Per-call overhead, library and direct interleaved under each tracing condition.
+    Rows rows;
+    if (options.scans)
+        rows = Summarise(runner, options, TimeScans(runner, options, started));
     std::vector<CallFigures> calls;
-    for (int t = 0; t < static_cast<int>(Tracing::Count); ++t)
-        calls.push_back(MeasureCalls(runner, switches, static_cast<Tracing>(t), options.calls, options.callBudget,
-                                     options.repetitions));
-    std::fprintf(stderr, "smbench: calls measured (%.0f s)\n", Now() - started);
+    if (options.perCall) {
+        // Library and direct interleaved under each tracing condition.
+        for (int t = 0; t < static_cast<int>(Tracing::Count); ++t)
+            calls.push_back(MeasureCalls(runner, switches, static_cast<Tracing>(t), options.calls, options.callBudget,
+                                         options.repetitions * kCallTurnsPerRepetition));
+    }
+    std::fprintf(stderr, "smbench: measured (%.0f s)\n\n", Now() - started);
 
-    // The rows: medians, ratios and, each in a process of its own, peak memory.
-    std::vector<std::vector<Row>> rows(kFormatCount, std::vector<Row>(variants));
-    for (int f = 0; f < kFormatCount; ++f) {
-        const Scan scan = {&kFormats[f], options.dpi};
-        const TW_SETUPMEMXFER sizes = runner.BufferSizes(scan);
-        for (int v = 0; v < variants; ++v) {
-            const auto variant = static_cast<Variant>(v);
-            if (times[f][v].empty())
-                continue;
-            Row &row = rows[f][v];
-            row.seconds = Median(times[f][v]);
-            row.buffer = InfoOf(variant).buffer == BufferSize::Maximum ? sizes.MaxBufSize : sizes.Preferred;
-            const Variant baseline = InfoOf(variant).baseline;
-            if (baseline != Variant::Count) {
-                std::vector<double> ratios;
-                for (size_t r = 0; r < times[f][v].size(); ++r)
-                    ratios.push_back(times[f][v][r] / times[f][static_cast<int>(baseline)][r]);
-                row.ratio = Median(ratios);
-            }
-            if (options.memory)
-                row.memory = MeasureMemory(variant, f, options.dpi, kRepeatRows, options.outDir);
-        }
+    PrintTable(options, rows, calls);
+    if (options.scans) {
+        PrintSourceSpeed(rows);
+        if (options.memory && !options.quick)
+            PrintMemoryAtBothResolutions(options, rows);
     }
-    // Peak memory of the library's memory transfers at the other resolution too: it must not depend on the page.
-    const int otherDpi = options.dpi == kQuickDpi ? kFullDpi : kQuickDpi;
-    std::vector<std::vector<MemoryResult>> other(kFormatCount, std::vector<MemoryResult>(variants));
-    const Variant memoryTransfers[] = {Variant::ScanToFileMemory, Variant::AppMemory, Variant::ReadBlock};
-    if (options.memory && !options.quick) {
-        for (int f = 0; f < kFormatCount; ++f)
-            for (Variant variant : memoryTransfers)
-                if (Applies(variant, kFormats[f]))
-                    other[f][static_cast<int>(variant)] =
-                        MeasureMemory(variant, f, otherDpi, kRepeatRows, options.outDir);
-    }
-    std::fprintf(stderr, "smbench: memory measured (%.0f s)\n\n", Now() - started);
-
-    std::printf("| Format | Run | MB/s | Time (ms) | Ratio to direct | Peak above idle (MiB) | Buffer (MiB) |\n");
-    std::printf("|---|---|---|---|---|---|---|\n");
-    for (int f = 0; f < kFormatCount; ++f) {
-        const Scan scan = {&kFormats[f], options.dpi};
-        for (int v = 0; v < variants; ++v) {
-            const Row &row = rows[f][v];
-            if (row.seconds == 0)
-                continue;
-            const std::string ratio = row.ratio ? Cell(row.ratio, "%.2fx") : "-";
-            const std::string peak = row.memory.measured ? Cell(row.memory.AboveIdle() / kMebibyte, "%.2f") : "-";
-            std::printf("| %s | %s | %.0f | %.1f | %s | %s | %.2f |\n", kFormats[f].name,
-                        InfoOf(static_cast<Variant>(v)).label, ImageBytes(scan) / kMegabyte / row.seconds,
-                        row.seconds * 1000, ratio.c_str(), peak.c_str(), row.buffer / kMebibyte);
-        }
-    }
-    std::printf(
-        "\n| Call | Tracing | Calls | Library (µs per call) | Direct (µs per call) | Overhead (µs per call) |\n");
-    std::printf("|---|---|---|---|---|---|\n");
-    for (int t = 0; t < static_cast<int>(Tracing::Count); ++t) {
-        const CallFigures &c = calls[t];
-        const char *label = TracingLabel(static_cast<Tracing>(t));
-        std::printf("| smGetXResolution | %s | %d | %.2f | %.2f | %.2f |\n", label, c.calls, c.libraryGet * 1e6,
-                    c.directGet * 1e6, c.overheadGet * 1e6);
-        std::printf("| smSetXResolution | %s | %d | %.2f | %.2f | %.2f |\n", label, c.calls, c.librarySet * 1e6,
-                    c.directSet * 1e6, c.overheadSet * 1e6);
-    }
-
-    std::printf("\nThe source alone against the library's own work in the scan to file by memory (its time less the "
-                "source's):\n");
-    for (int f = 0; f < kFormatCount; ++f) {
-        const double source = rows[f][static_cast<int>(Variant::SourceMaximum)].seconds;
-        const double library = rows[f][static_cast<int>(Variant::ScanToFileMemory)].seconds;
-        std::printf("  %s: source %.1f ms, library's own work %.1f ms: the source is %.1f times faster\n",
-                    kFormats[f].name, source * 1000, (library - source) * 1000, (library - source) / source);
-    }
-    if (options.memory && !options.quick) {
-        std::printf("\nPeak above idle (MiB) of the library's memory transfers at %d and %d dpi:\n", kQuickDpi,
-                    kFullDpi);
-        for (int f = 0; f < kFormatCount; ++f)
-            for (Variant variant : memoryTransfers) {
-                const int v = static_cast<int>(variant);
-                if (!rows[f][v].memory.measured || !other[f][v].measured)
-                    continue;
-                const MemoryResult &at150 = options.dpi == kQuickDpi ? rows[f][v].memory : other[f][v];
-                const MemoryResult &at600 = options.dpi == kQuickDpi ? other[f][v] : rows[f][v].memory;
-                std::printf("  %s, %s: %.2f and %.2f\n", kFormats[f].name, InfoOf(variant).label,
-                            at150.AboveIdle() / kMebibyte, at600.AboveIdle() / kMebibyte);
-            }
-    }
-    std::fprintf(stderr, "smbench: done in %.0f s\n", Now() - started);
-
-    for (int f = 0; f < kFormatCount; ++f)
-        for (int v = 0; v < variants; ++v) {
-            const std::string file = runner.FileOf(static_cast<Variant>(v), {&kFormats[f], options.dpi});
-            if (!file.empty())
-                DeleteFileA(file.c_str());
-        }
     RemoveDirectoryA(options.outDir.c_str());
+    std::fprintf(stderr, "smbench: done in %.0f s\n", Now() - started);
     return 0;
 }
