@@ -28,6 +28,8 @@ const VariantInfo kVariants[] = {
     {Variant::ReadBlock, "page into one buffer (smReadBlock)", Variant::DirectBuffer, BufferSize::Preferred},
     {Variant::DirectMaximum, "direct: to file, maximum buffer", Variant::Count, BufferSize::Maximum},
     {Variant::DirectPreferred, "direct: to file, preferred buffer", Variant::Count, BufferSize::Preferred},
+    {Variant::DirectRowByRow, "direct: to file by the library's file calls, maximum buffer", Variant::DirectMaximum,
+     BufferSize::Maximum},
     {Variant::DirectBuffer, "direct: into one buffer, preferred buffer", Variant::Count, BufferSize::Preferred},
     {Variant::SourceMaximum, "source alone, maximum buffer", Variant::Count, BufferSize::Maximum},
     {Variant::SourcePreferred, "source alone, preferred buffer", Variant::Count, BufferSize::Preferred},
@@ -104,7 +106,9 @@ LRESULT CALLBACK WindowProc(HWND window, UINT message, WPARAM wParam, LPARAM lPa
 // Strips into a bitmap file of our own, red and blue exchanged as the source delivers them red first.
 class FileSink : public StripSink {
 public:
-    FileSink(const std::string &path, std::vector<BYTE> &scratch) : path_(path), file_(scratch) {}
+    FileSink(const std::string &path, std::vector<BYTE> &scratch,
+             StripFile::Layout layout = StripFile::Layout::OncePerStrip)
+        : path_(path), file_(scratch, layout) {}
     void Begin(const TW_IMAGEINFO &info) override {
         if (!file_.Create(path_, info))
             Fail("%s cannot be written", path_.c_str());
@@ -229,6 +233,9 @@ std::string Runner::FileOf(Variant variant, const Scan &scan) const {
     case Variant::DirectPreferred:
         kind = "direct-preferred";
         break;
+    case Variant::DirectRowByRow:
+        kind = "direct-rows";
+        break;
     default:
         return "";
     }
@@ -271,6 +278,10 @@ double Runner::Run(Variant variant, const Scan &scan) {
     case Variant::DirectPreferred: {
         FileSink sink(file, scratch_);
         return DirectRun(scan, InfoOf(variant).buffer, sink);
+    }
+    case Variant::DirectRowByRow: {
+        FileSink sink(file, scratch_, StripFile::Layout::RowByRow);
+        return DirectRun(scan, BufferSize::Maximum, sink);
     }
     case Variant::DirectBuffer: {
         PreparePageBuffer(scan);

@@ -21,6 +21,7 @@ enum class Variant {
     ReadBlock,        // smReadBlock pulling the page into one buffer
     DirectMaximum,    // the baseline: DSM_Entry, the maximum buffer, each strip written once into a bitmap file
     DirectPreferred,  // the same with the preferred buffer
+    DirectRowByRow,   // DSM_Entry, the maximum buffer, the file written with the library's file calls
     DirectBuffer,     // DSM_Entry, the preferred buffer, each strip copied into one page buffer
     SourceMaximum,    // the source alone: strips of the maximum size into a buffer kept from run to run, nothing done
     SourcePreferred,  // the same with the preferred size

@@ -12,6 +12,8 @@ constexpr DWORD kInfoHeaderBytes = 40;
 constexpr WORD kBitmapType = 0x4D42; // "BM"
 // Planar strips are put in chunks of at most this many bytes of file rows.
 constexpr DWORD kPlanarChunkBytes = 256 * 1024;
+// The pieces of zeros the library lays a file out with.
+constexpr DWORD kZeroPieceBytes = 61440;
 
 void Put16(BYTE *at, WORD value) {
     at[0] = static_cast<BYTE>(value);
@@ -90,6 +92,15 @@ bool StripFile::Create(const std::string &path, const TW_IMAGEINFO &info) {
         for (int i = 0; i < 256; ++i)
             std::memset(table + 4 * i, i, 3);
     }
+    if (layout_ == Layout::RowByRow) {
+        const std::vector<BYTE> zeros(kZeroPieceBytes, 0);
+        const DWORD fileBytes = headerBytes_ + fileRowBytes_ * static_cast<DWORD>(info.ImageLength);
+        for (DWORD done = 0; done < fileBytes; done += kZeroPieceBytes) {
+            const DWORD piece = fileBytes - done < kZeroPieceBytes ? fileBytes - done : kZeroPieceBytes;
+            if (!WriteAt(done, zeros.data(), piece))
+                return false;
+        }
+    }
     return WriteAt(0, header.data(), headerBytes_);
 }
 
@@ -104,6 +115,17 @@ bool StripFile::Put(BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset, bo
 bool StripFile::PutChunky(BYTE *data, DWORD bytesPerRow, DWORD rows, DWORD yOffset, bool redFirst) {
     const bool swap = redFirst && info_.BitsPerPixel == 24;
     const DWORD lowest = static_cast<DWORD>(info_.ImageLength) - yOffset - rows;
+    if (layout_ == Layout::RowByRow) {
+        for (DWORD k = 0; k < rows; ++k) {
+            BYTE *row = data + static_cast<size_t>(k) * bytesPerRow;
+            if (swap)
+                ExchangeRedBlue(row, pixelRowBytes_);
+            const DWORD fileRow = static_cast<DWORD>(info_.ImageLength) - yOffset - k - 1;
+            if (!WriteAt(headerBytes_ + fileRow * fileRowBytes_, row, bytesPerRow))
+                return false;
+        }
+        return true;
+    }
     if (bytesPerRow == fileRowBytes_) {
         // In place, in one pass: row k and row rows - 1 - k change places, and their red and blue while the two
         // rows are in the cache.
@@ -165,7 +187,7 @@ bool StripFile::PutPlaneRows(const BYTE *data, DWORD bytesPerRow, DWORD rows, DW
     scratch_.resize(bytes);
     const DWORD lowest = static_cast<DWORD>(info_.ImageLength) - yOffset - rows;
     const DWORD position = headerBytes_ + lowest * fileRowBytes_;
-    if (plane_ > 0) {
+    if (plane_ > 0 || layout_ == Layout::RowByRow) {
         LARGE_INTEGER at;
         at.QuadPart = position;
         DWORD read = 0;

@@ -17,9 +17,15 @@ namespace bench {
 // from image to image as an application scanning page after page would. Planar strips are one plane's samples, put
 // in chunks of 256 KiB of file rows: the first plane (red) is written without reading, the later ones read the rows
 // they go into, put their samples in and write them back.
+//
+// With Layout::RowByRow it makes instead the file calls the library's scan to file makes: the whole file written with
+// zeros first in pieces of 61,440 bytes, then the headers, then every row of a strip with a seek and a write of its own
+// (red and blue exchanged in the strip's buffer), and every plane read back and written in chunks of 256 KiB.
 class StripFile {
 public:
-    explicit StripFile(std::vector<BYTE> &scratch) : scratch_(scratch) {}
+    enum class Layout { OncePerStrip, RowByRow };
+    explicit StripFile(std::vector<BYTE> &scratch, Layout layout = Layout::OncePerStrip)
+        : scratch_(scratch), layout_(layout) {}
     ~StripFile() { Close(); }
     // Creates the file with its headers and colour table; false when it cannot be written.
     bool Create(const std::string &path, const TW_IMAGEINFO &info);
@@ -41,6 +47,7 @@ private:
     DWORD headerBytes_ = 0;
     int plane_ = -1;
     std::vector<BYTE> &scratch_;
+    Layout layout_;
 };
 
 // Bytes of a row of the bitmap: whole bytes, then a multiple of 4.
