@@ -156,10 +156,6 @@ bool Applies(Variant variant, const PageFormat &format) {
     return !format.planar && (format.pixelType == TWPT_RGB || format.pixelType == TWPT_GRAY);
 }
 
-bool IsLibrary(Variant variant) {
-    return variant <= Variant::ReadBlock;
-}
-
 Runner::Runner(const std::string &outDir) : outDir_(outDir) {
     app.getName = RegisterWindowMessageA(SM_MSG_SCANTOFILE_GETNAME);
     app.fileXferEnd = RegisterWindowMessageA(SM_MSG_SCANTOFILE_XFEREND);

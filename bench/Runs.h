@@ -32,14 +32,13 @@ struct VariantInfo {
     Variant variant;
     const char *label;
     Variant baseline; // Variant::Count: none
-    // The library's buffer for it: the source's maximum or preferred size.
+    // The run's transfer buffer: the source's maximum or preferred size.
     BufferSize buffer;
 };
 const VariantInfo &InfoOf(Variant variant);
 // Whether the variant can scan the format: smReadBlock copies rows of 3 bytes a pixel for RGB and of 1 byte for any
 // other type, so it takes only chunky RGB and 8-bit gray.
 bool Applies(Variant variant, const PageFormat &format);
-bool IsLibrary(Variant variant);
 
 // Everything a run needs: the application window, the scanner's controls, the direct session and the library.
 class Runner {
@@ -59,8 +58,6 @@ public:
     // The source's buffer sizes for the scan (DAT_SETUPMEMXFER).
     TW_SETUPMEMXFER BufferSizes(const Scan &scan);
     bool StandInManager() { return direct_.IsStandIn(); }
-    DirectSession &Direct() { return direct_; }
-    HWND Window() const { return window_; }
     // The scanner's RepeatRows switch (rows rendered once per image and copied).
     void RepeatRows(int rows);
     // `calls` smGetXResolution, then as many smSetXResolution, on the source opened through a freshly loaded library;

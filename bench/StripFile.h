@@ -1,4 +1,5 @@
-// The benchmark's own bitmap writer: each strip of an image written once at its final place in a bottom-up BMP file.
+// The benchmark's own bitmap writer: every strip of an image at its final place in a bottom-up BMP file, written at
+// once or by the library's own file calls.
 #pragma once
 
 #include <windows.h>
