@@ -15,8 +15,10 @@ constexpr DWORD kMappingBytes = 64 * 1024;
 const char kViewerReady[] = "smbench viewer ready";
 const char kViewerQuit[] = "smbench viewer quit";
 constexpr DWORD kViewerStartMs = 30000;
-// Calls that tell how long a call takes, before the measurement chooses how many to make.
-constexpr int kTrialCalls = 20;
+// Calls that tell how long a call takes, before the measurement chooses how many to make, and the fewest calls a
+// turn makes (where every record crosses to the viewer a call takes milliseconds).
+constexpr int kTrialCalls = 5;
+constexpr int kFewestCalls = 2;
 
 char *viewerRecords = nullptr;
 unsigned long viewerBytes = 0;
@@ -107,7 +109,7 @@ CallFigures MeasureCalls(Runner &runner, TraceSwitches &switches, Tracing tracin
     double get = 0, set = 0;
     runner.LibraryCalls(kTrialCalls, get, set);
     const double fit = budget / (get + set);
-    calls = std::max(kTrialCalls, std::min(calls, static_cast<int>(fit)));
+    calls = std::max(kFewestCalls, std::min(calls, static_cast<int>(fit)));
     std::vector<double> libraryGet, librarySet, directGet, directSet, overheadGet, overheadSet;
     for (int r = 0; r < turns; ++r) {
         double lg = 0, ls = 0, dg = 0, ds = 0;
