@@ -60,6 +60,15 @@ LONG PelsPerMeter(double resolution, WORD unit) {
     return 0;
 }
 
+// Swaps the first and third byte of each of `columns` 3-byte pixels.
+void ExchangeRedBlue(BYTE *pixel, DWORD columns) {
+    for (BYTE *end = pixel + 3 * static_cast<size_t>(columns); pixel < end; pixel += 3) {
+        const BYTE first = pixel[0];
+        pixel[0] = pixel[2];
+        pixel[2] = first;
+    }
+}
+
 // The bytes before the pixel rows of a file for an image of this depth.
 DWORD HeaderBytesFor(DWORD paletteEntries) {
     return kHeaderBytes + 4 * paletteEntries;
@@ -308,23 +317,22 @@ int TScanModule::BufferToFile(HFILE file, const TW_IMAGEINFO *info, TW_IMAGEMEMX
         call.Warn(__LINE__, "Strip lies outside the image");
         return -3;
     }
-    if (info->BitsPerPixel == 24) {
+    // Red and blue of 24-bit rows are exchanged in the caller's buffer, each row just before it is written, while it
+    // is still in the processor's cache: a page-sized strip is not walked twice. A failed write still leaves every row
+    // exchanged.
+    const bool exchange = info->BitsPerPixel == 24;
+    if (exchange)
         call.NoteIn(__LINE__, "Reverse R,B data");
-        for (DWORD r = 0; r < strip->Rows; ++r) {
-            BYTE *pixel = buffer + r * strip->BytesPerRow;
-            for (DWORD c = 0; c < strip->Columns; ++c, pixel += 3) {
-                const BYTE first = pixel[0];
-                pixel[0] = pixel[2];
-                pixel[2] = first;
-            }
-        }
-    }
     const DWORD headerBytes = HeaderBytesFor(PaletteSize(info->BitsPerPixel));
     for (DWORD r = 0; r < strip->Rows; ++r) {
+        if (exchange)
+            ExchangeRedBlue(buffer + r * strip->BytesPerRow, strip->Columns);
         const DWORD position =
             headerBytes + (length - r - strip->YOffset - 1) * fileRowBytes + (bitsPerPixel * strip->XOffset) / 8;
         _llseek(file, static_cast<LONG>(position), 0);
         if (!WriteAll(file, buffer + r * strip->BytesPerRow, strip->BytesPerRow)) {
+            for (DWORD rest = r + 1; exchange && rest < strip->Rows; ++rest)
+                ExchangeRedBlue(buffer + rest * strip->BytesPerRow, strip->Columns);
             call.Warn(__LINE__, "_lwrite returns failure");
             return -3;
         }

@@ -46,9 +46,15 @@ short Low16(LONG value) {
     return static_cast<short>(value);
 }
 
+// A FIX32 item (Whole in the low word, Frac in the high one) as a count of 1/65536: ordered as its value, without
+// converting it to floating point.
+long Fix32Steps(TW_UINT32 bits) {
+    return static_cast<long>(static_cast<TW_INT16>(bits & 0xFFFF)) * 65536 + static_cast<long>(bits >> 16);
+}
+
 // Walk items compare as the source means them: FIX32 items as fixed-point numbers, integers unsigned.
 bool Below(ItemOrder order, TW_UINT32 a, TW_UINT32 b) {
-    return order == ItemOrder::Fix32 ? Fix32Value(a) < Fix32Value(b) : a < b;
+    return order == ItemOrder::Fix32 ? Fix32Steps(a) < Fix32Steps(b) : a < b;
 }
 
 // The codec calls of one reading. A failed call reads as its zeroed cell, unless the container runs past
@@ -89,6 +95,7 @@ void Walk(ContainerReader &reader, ItemOrder order, CapReading &reading) {
 
 // Reads what the accessor asks for from an accepted container; false when the container runs past its block.
 bool Read(TW_CAPABILITY &capability, const GetSpec &accessor, CapReading &reading) {
+    const ContainerReading scope(capability);
     reading = CapReading{};
     reading.conType = capability.ConType;
     ContainerReader reader(capability);

@@ -127,23 +127,6 @@ void TraceRecord(TraceLevel level, const char *source, int line, const char *tex
         --traceDepth;
 }
 
-TraceCall::TraceCall(const char *source, const char *method, int entryLine, int exitLine, const char *scope)
-    : source_(source), method_(method), scope_(scope), entryLine_(entryLine), exitLine_(exitLine) {
-    if (entryLine != 0)
-        WriteNamed(entryLine, "Coming ");
-}
-
-TraceCall::~TraceCall() {
-    Leave();
-}
-
-void TraceCall::Leave(int line) {
-    if (left_)
-        return;
-    left_ = true;
-    WriteNamed(line ? line : exitLine_, "Leaving ");
-}
-
 void TraceCall::Warn(int line, const char *what) const {
     WriteIn(TraceLevel::Warning, line, what);
 }
@@ -157,6 +140,9 @@ void TraceCall::NoteAs(int line, const char *what, const char *name) const {
 }
 
 void TraceCall::WriteAs(TraceLevel level, int line, const char *what, const char *name) const {
+    // The text is only composed when a record can be sent.
+    if (!traceStream)
+        return;
     char text[256];
     std::snprintf(text, sizeof text, "%s in %s%s", what, scope_, name);
     TraceRecord(level, source_, line, text);
@@ -183,6 +169,8 @@ void TraceCall::WriteIn(TraceLevel level, int line, const char *what) const {
 }
 
 void TraceCall::WriteNamed(int line, const char *prefix) const {
+    if (!traceStream)
+        return;
     char text[128];
     std::snprintf(text, sizeof text, "%s%s%s", prefix, scope_, method_);
     TraceRecord(TraceLevel::Trace, source_, line, text);

@@ -57,13 +57,24 @@ constexpr const char kFreeScope[] = "";
 // "TScanModule::" unless given.
 class TraceCall {
 public:
-    TraceCall(const char *source, const char *method, int entryLine, int exitLine, const char *scope = kModuleScope);
-    ~TraceCall();
+    // Every method makes one, so that without a viewer they cost no more than a test of traceStream.
+    TraceCall(const char *source, const char *method, int entryLine, int exitLine, const char *scope = kModuleScope)
+        : source_(source), method_(method), scope_(scope), entryLine_(entryLine), exitLine_(exitLine) {
+        if (entryLine != 0 && traceStream)
+            WriteNamed(entryLine, "Coming ");
+    }
+    ~TraceCall() { Leave(); }
     TraceCall(const TraceCall &) = delete;
     TraceCall &operator=(const TraceCall &) = delete;
 
     // Writes the exit record now; `line` 0 takes the exit line given at construction.
-    void Leave(int line = 0);
+    void Leave(int line = 0) {
+        if (left_)
+            return;
+        left_ = true;
+        if (traceStream)
+            WriteNamed(line ? line : exitLine_, "Leaving ");
+    }
     // No exit record at all, for the one method that never writes it (the viewer's depth then stays raised).
     void NoExit() { left_ = true; }
     // "Warning " record "<what> in <scope><method>".

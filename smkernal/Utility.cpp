@@ -125,6 +125,14 @@ const ContainerShape *ShapeOf(TW_UINT16 conType) {
     }
 }
 
+// The container of the ContainerReading in progress, and the size of its block.
+HGLOBAL readingContainer = nullptr;
+SIZE_T readingBlockSize = 0;
+
+SIZE_T BlockSize(HGLOBAL container) {
+    return container == readingContainer ? readingBlockSize : GlobalSize(container);
+}
+
 TW_UINT16 ItemTypeOf(const BYTE *block) {
     TW_UINT16 itemType;
     std::memcpy(&itemType, block, sizeof itemType);
@@ -171,7 +179,7 @@ int ExtractItem(const TraceCall &call, const TW_CAPABILITY *capability, TW_UINT3
         return lockFailure;
     }
     int result = TWCC_BADVALUE;
-    const SIZE_T blockSize = GlobalSize(container);
+    const SIZE_T blockSize = BlockSize(container);
     if (!WithinBlock(blockSize, 0, shape.fixedBytes)) {
         call.Warn(__LINE__, "Invalid memory");
     } else {
@@ -303,6 +311,16 @@ int ExtractRangeCurrent(TW_CAPABILITY *capability, TW_UINT32 *value) {
     return ExtractRangeValue(capability, value, -5);
 }
 
+ContainerReading::ContainerReading(const TW_CAPABILITY &capability) {
+    readingContainer = capability.hContainer;
+    readingBlockSize = readingContainer ? GlobalSize(readingContainer) : 0;
+}
+
+ContainerReading::~ContainerReading() {
+    readingContainer = nullptr;
+    readingBlockSize = 0;
+}
+
 // Writes no record: it only tells the get pattern why an extraction failed.
 bool ContainerWithinBlock(const TW_CAPABILITY *capability) {
     const ContainerShape *shape = capability ? ShapeOf(capability->ConType) : nullptr;
@@ -312,7 +330,7 @@ bool ContainerWithinBlock(const TW_CAPABILITY *capability) {
     const BYTE *block = static_cast<const BYTE *>(codecGlobalLock(container));
     if (!block)
         return true;
-    const bool within = LayoutWithinBlock(*shape, block, GlobalSize(container));
+    const bool within = LayoutWithinBlock(*shape, block, BlockSize(container));
     GlobalUnlock(container);
     return within;
 }

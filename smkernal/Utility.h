@@ -38,6 +38,18 @@ int ExtractRangeCurrent(TW_CAPABILITY *capability, TW_UINT32 *value);
 // cannot be locked, an unknown item type, and for container types they never read.
 bool ContainerWithinBlock(const TW_CAPABILITY *capability);
 
+// One reading of several items from the same container: while it lives, the extractions from that container take
+// the size of its block read when it began instead of asking GlobalSize every time (that call costs as much as the
+// lock and unlock around each item). For a container that nobody frees or reallocates meanwhile, such as an answer
+// being read; scopes do not nest.
+class ContainerReading {
+public:
+    explicit ContainerReading(const TW_CAPABILITY &capability);
+    ~ContainerReading();
+    ContainerReading(const ContainerReading &) = delete;
+    ContainerReading &operator=(const ContainerReading &) = delete;
+};
+
 // New 6-byte one-value holding the 32-bit `value` as it is; ConType 5.
 int BuildupOneValue(TW_CAPABILITY *capability, TW_UINT16 itemType, TW_UINT32 value);
 // New enumeration of ItemSize(itemType) x numItems + 16 bytes with the packed `items`; ConType 4.

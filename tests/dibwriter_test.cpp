@@ -679,6 +679,30 @@ TEST_F(DibWriterTest, WritersOnAReadOnlyFileFail) {
     EXPECT_TRUE(ReadFileBytes(path) == Bytes(200, 'x')) << "nothing changed";
 }
 
+// The rows are written one by one; when the first write fails, every row of the caller's buffer is swapped all the
+// same, as when the strip was swapped whole before anything was written.
+TEST_F(DibWriterTest, RgbRowsAreAllSwappedEvenWhenAWriteFails) {
+    { std::ofstream(path, std::ios::binary) << std::string(200, 'x'); }
+    OFSTRUCT of = {};
+    file = OpenFile(path.c_str(), &of, OF_READ);
+    ASSERT_NE(HFILE_ERROR, file);
+    const int width = 2, length = 3;
+    const TW_IMAGEINFO info = Info(width, length, 24, TWPT_RGB, 3);
+    Bytes buffer(8 * length);
+    for (size_t i = 0; i < buffer.size(); ++i)
+        buffer[i] = static_cast<BYTE>(i + 1);
+    Bytes expected = buffer;
+    for (int y = 0; y < length; ++y)
+        for (int x = 0; x < width; ++x)
+            std::swap(expected[8 * y + 3 * x], expected[8 * y + 3 * x + 2]);
+    TW_IMAGEMEMXFER strip = Strip(8, width, length, 0, 0);
+    EXPECT_EQ(-3, module->BufferToFile(file, &info, &strip, buffer.data()));
+    EXPECT_TRUE(buffer == expected) << "every row swapped, the padding of each left alone";
+    ExpectRecord("Trace", "Reverse R,B data in TScanModule::BufferToFile");
+    ExpectRecord("Warning", "_lwrite returns failure in TScanModule::BufferToFile");
+    Close();
+}
+
 TEST_F(DibWriterTest, PlanarWriterOnAFileWithoutItsRowsFailsToRead) {
     planePass = 2;
     ASSERT_NE(HFILE_ERROR, Create());

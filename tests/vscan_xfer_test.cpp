@@ -1,6 +1,7 @@
 // Virtual scanner: native, file and memory transfers of every format, pixel by pixel, the feeder and pending counts.
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 #include "VscanTest.h"
@@ -47,10 +48,47 @@ protected:
         ASSERT_TWRC(TWRC_XFERDONE, ds.Call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle));
         ASSERT_TRUE(TakePackedDib(handle, dib)) << "the TW_UINT32 must hold a global memory handle of a packed DIB";
     }
+    // The whole image in state 6 by memory transfers into a buffer of 7 rows and a bit: strips of 7 rows (the last of
+    // each plane shorter), each checked field by field and pixel by pixel against the format's rows.
+    void TransferStrips(const Format &f) {
+        const unsigned rowBytes = MemoryRowBytes(f, kWidth);
+        const unsigned rowsPerStrip = 7;
+        std::vector<unsigned char> buffer(rowsPerStrip * rowBytes + rowBytes / 2);
+        const int planes = f.planar ? 3 : 1;
+        int strips = 0;
+        for (int plane = 0; plane < planes; ++plane) {
+            for (int y = 0; y < kHeight;) {
+                TW_IMAGEMEMXFER mx;
+                const TW_UINT16 rc = ds.Strip(buffer, mx);
+                const unsigned rows = std::min<unsigned>(rowsPerStrip, kHeight - y);
+                const bool last = plane == planes - 1 && y + static_cast<int>(rows) == kHeight;
+                ASSERT_TWRC(last ? TWRC_XFERDONE : TWRC_SUCCESS, rc) << "plane " << plane << " row " << y;
+                EXPECT_EQ(VSCAN_STATE_XFERRING, ds.Info().state);
+                ASSERT_EQ(rows, mx.Rows);
+                EXPECT_EQ(static_cast<TW_UINT32>(y), mx.YOffset) << "plane " << plane;
+                EXPECT_EQ(0u, mx.XOffset);
+                EXPECT_EQ(rowBytes, mx.BytesPerRow);
+                EXPECT_EQ(static_cast<TW_UINT32>(kWidth), mx.Columns);
+                EXPECT_EQ(rows * rowBytes, mx.BytesWritten);
+                EXPECT_EQ(TWCP_NONE, mx.Compression);
+                ASSERT_TRUE(
+                    StripRowsMatch(f, buffer.data(), rowBytes, kWidth, kHeight, 1, y, rows, f.planar ? plane : -1));
+                y += rows;
+                ++strips;
+            }
+        }
+        EXPECT_EQ(planes * ((kHeight + rowsPerStrip - 1) / rowsPerStrip), strips);
+        TW_IMAGEMEMXFER more{};
+        more.Memory.Length = static_cast<TW_UINT32>(buffer.size());
+        more.Memory.TheMem = buffer.data();
+        EXPECT_TWFAIL(TWCC_SEQERROR, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &more)) << "the image is complete";
+    }
 };
 class VscanNativeTest : public VscanXferTest, public ::testing::WithParamInterface<NamedFormat> {};
 class VscanFileTest : public VscanTest, public ::testing::WithParamInterface<NamedFormat> {};
-class VscanMemoryTest : public VscanTest, public ::testing::WithParamInterface<NamedFormat> {};
+class VscanMemoryTest : public VscanXferTest, public ::testing::WithParamInterface<NamedFormat> {};
+// RepeatRows: every mechanism delivers the rows through the middle of the page over and over.
+class VscanRepeatRowsTest : public VscanXferTest, public ::testing::WithParamInterface<NamedFormat> {};
 
 TEST_P(VscanNativeTest, PackedDibBottomUpBgrWithColourTable) {
     const Format f = GetParam().format;
@@ -122,41 +160,71 @@ TEST_P(VscanMemoryTest, StripsOfWholeRowsInRgbOrder) {
     EXPECT_EQ(f.planar ? 1 : 0, info.Planar);
     EXPECT_EQ(samples, info.SamplesPerPixel);
 
-    // A buffer of 7 rows and a bit: strips of 7 rows, the last shorter.
-    const unsigned rowsPerStrip = 7;
-    std::vector<unsigned char> buffer(rowsPerStrip * rowBytes + rowBytes / 2);
-    const int planes = f.planar ? 3 : 1;
-    int strips = 0;
-    for (int plane = 0; plane < planes; ++plane) {
-        for (int y = 0; y < kHeight;) {
-            TW_IMAGEMEMXFER mx;
-            const TW_UINT16 rc = ds.Strip(buffer, mx);
-            const unsigned rows = std::min<unsigned>(rowsPerStrip, kHeight - y);
-            const bool last = plane == planes - 1 && y + static_cast<int>(rows) == kHeight;
-            ASSERT_TWRC(last ? TWRC_XFERDONE : TWRC_SUCCESS, rc) << "plane " << plane << " row " << y;
-            EXPECT_EQ(VSCAN_STATE_XFERRING, ds.Info().state);
-            ASSERT_EQ(rows, mx.Rows);
-            EXPECT_EQ(static_cast<TW_UINT32>(y), mx.YOffset) << "plane " << plane;
-            EXPECT_EQ(0u, mx.XOffset);
-            EXPECT_EQ(rowBytes, mx.BytesPerRow);
-            EXPECT_EQ(static_cast<TW_UINT32>(kWidth), mx.Columns);
-            EXPECT_EQ(rows * rowBytes, mx.BytesWritten);
-            EXPECT_EQ(TWCP_NONE, mx.Compression);
-            ASSERT_TRUE(StripRowsMatch(f, buffer.data(), rowBytes, kWidth, kHeight, 1, y, rows, f.planar ? plane : -1));
-            y += rows;
-            ++strips;
-        }
-    }
-    EXPECT_EQ(planes * ((kHeight + rowsPerStrip - 1) / rowsPerStrip), strips);
-    TW_IMAGEMEMXFER more{};
-    more.Memory.Length = static_cast<TW_UINT32>(buffer.size());
-    more.Memory.TheMem = buffer.data();
-    EXPECT_TWFAIL(TWCC_SEQERROR, ds.Call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &more)) << "the image is complete";
+    TransferStrips(f);
     TW_UINT16 count = 99;
     EXPECT_TWRC(TWRC_SUCCESS, EndXfer(count));
     EXPECT_EQ(0, count);
 }
 INSTANTIATE_TEST_SUITE_P(Formats, VscanMemoryTest, ::testing::ValuesIn(kFormats), FormatName);
+
+// Eight rows through the middle of the 50-row page over and over: row y is page row 21 + y mod 8, the page number's
+// rows among them; none of them is the black border the page's own top rows are.
+TEST_P(VscanRepeatRowsTest, MemoryStripsRepeatTheRowsThroughTheMiddle) {
+    Format f = GetParam().format;
+    f.repeatRows = 8;
+    ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_REPEATROWS, f.repeatRows));
+    OpenSmall();
+    Negotiate(f, TWSX_MEMORY);
+    EnableToReady();
+    EXPECT_EQ(kHeight, ImageInfo().ImageLength) << "the image keeps its size";
+    TransferStrips(f);
+
+    Format page = f;
+    page.repeatRows = 0;
+    EXPECT_NE(ExpectedSamples(page, kWidth, kHeight, 1, 90, 0), ExpectedSamples(f, kWidth, kHeight, 1, 90, 0))
+        << "the test itself: the repeated rows differ from the top of the page";
+    EXPECT_EQ(ExpectedSamples(page, kWidth, kHeight, 1, 90, 21), ExpectedSamples(f, kWidth, kHeight, 1, 90, 8));
+}
+
+TEST_P(VscanRepeatRowsTest, NativeBitmapRepeatsTheSameRows) {
+    Format f = GetParam().format;
+    f.repeatRows = 8;
+    ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_REPEATROWS, f.repeatRows));
+    OpenSmall();
+    Negotiate(f, TWSX_NATIVE);
+    EnableToReady();
+    Dib dib;
+    Native(dib);
+    ASSERT_FALSE(HasFatalFailure());
+    ExpectDib(f, dib, kWidth, kHeight, 1);
+}
+
+// As many rows as the image has, or more, deliver the page itself.
+TEST_P(VscanRepeatRowsTest, AsManyRowsAsTheImageDeliverThePage) {
+    const Format f = GetParam().format;
+    for (int rows : {kHeight, kHeight + 1}) {
+        SCOPED_TRACE(rows);
+        ds.reset();
+        ASSERT_EQ(1, ds.setFault(VSCAN_FAULT_REPEATROWS, rows));
+        OpenSmall();
+        Negotiate(f, TWSX_MEMORY);
+        EnableToReady();
+        TransferStrips(f);
+    }
+}
+INSTANTIATE_TEST_SUITE_P(Formats, VscanRepeatRowsTest, ::testing::ValuesIn(kFormats), FormatName);
+
+TEST_F(VscanXferTest, RepeatRowsKeyOfTheSettingsFile) {
+    std::ofstream(IniPath()) << "RepeatRows = 4\n";
+    ds.reset();
+    EXPECT_EQ(1, ds.Info().settingsKeys);
+    Format f = MakeFormat(TWPT_GRAY, 8);
+    f.repeatRows = 4;
+    OpenSmall();
+    Negotiate(f, TWSX_MEMORY);
+    EnableToReady();
+    TransferStrips(f);
+}
 
 // DAT_SETUPMEMXFER for an image: a row at least, whole rows within 64 KB preferred (a row at least), a plane at
 // most (the preferred size at least).

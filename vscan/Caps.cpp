@@ -300,7 +300,7 @@ TW_UINT32 ItemSize(TW_UINT16 type) {
 }
 
 void WriteItem(void *at, TW_UINT16 type, double value) {
-    const long whole = std::lround(value);
+    const long whole = RoundHalfAway(value);
     switch (type) {
     case TWTY_INT8:
     case TWTY_UINT8:
@@ -766,8 +766,19 @@ double FromFix32(TW_FIX32 value) {
     return value.Whole + value.Frac * kFix32Step;
 }
 
+long RoundHalfAway(double value) {
+    // The difference from the part toward zero is exact, so halves are told apart exactly.
+    const long long whole = static_cast<long long>(value);
+    const double rest = value - static_cast<double>(whole);
+    if (rest >= 0.5)
+        return static_cast<long>(whole + 1);
+    if (rest <= -0.5)
+        return static_cast<long>(whole - 1);
+    return static_cast<long>(whole);
+}
+
 TW_FIX32 ToFix32(double value) {
-    const TW_INT32 scaled = static_cast<TW_INT32>(std::lround(value / kFix32Step));
+    const TW_INT32 scaled = static_cast<TW_INT32>(RoundHalfAway(value / kFix32Step));
     TW_FIX32 fix;
     fix.Whole = static_cast<TW_INT16>(scaled >> 16);
     fix.Frac = static_cast<TW_UINT16>(scaled & 0xffff);

@@ -52,5 +52,8 @@ constexpr double kFix32Step = 1.0 / 65536;
 // TW_FIX32 to and from double, rounding to the nearest step.
 double FromFix32(TW_FIX32 value);
 TW_FIX32 ToFix32(double value);
+// Rounds to the nearest whole number, halves away from zero, as std::lround does; the runtime's lround costs more than
+// the rest of a capability answer.
+long RoundHalfAway(double value);
 
 } // namespace vscan

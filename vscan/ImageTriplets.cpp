@@ -27,6 +27,7 @@ void BeginImage(Source &s) {
     s.xfer = Transfer{};
     s.xfer.started = true;
     s.xfer.format = NegotiatedFormat(s);
+    s.xfer.rows = ImageRows(s.xfer.format);
     ++s.imagesStarted;
     s.state = VSCAN_STATE_XFERRING;
 }
@@ -113,7 +114,7 @@ bool FillStrip(Source &s, TW_IMAGEMEMXFER &mx, uint8_t *buffer, TW_UINT32 rows) 
     const TW_UINT32 bytesPerRow = StripBytesPerRow(s, x.format);
     for (TW_UINT32 i = 0; i < rows; ++i) {
         uint8_t *row = buffer + i * bytesPerRow;
-        RenderRow(x.format, x.nextRow + static_cast<int>(i), x.format.planar ? x.plane : -1, row);
+        x.rows.Row(x.nextRow + static_cast<int>(i), x.format.planar ? x.plane : -1, row);
         std::memset(row + pixelBytes, VSCAN_ROW_PADDING, bytesPerRow - pixelBytes);
     }
     const int forcedRows = faults[VSCAN_FAULT_STRIPROWS];

@@ -164,6 +164,36 @@ void RenderRow(const PageFormat &f, int y, int plane, uint8_t *out) {
         PutPixel(f, out, x, PagePixel(f.width, f.height, f.page, x, y), plane);
 }
 
+int PageRow(const PageFormat &f, int y) {
+    if (f.repeatRows <= 0 || f.repeatRows >= f.height)
+        return y;
+    return (f.height - f.repeatRows) / 2 + y % f.repeatRows;
+}
+
+int SameRowAs(const PageFormat &f, int y) {
+    if (f.repeatRows <= 0 || f.repeatRows >= f.height || y < f.repeatRows)
+        return -1;
+    return y % f.repeatRows;
+}
+
+void ImageRows::Row(int y, int plane, uint8_t *out) {
+    const PageFormat &f = format_;
+    const size_t rowBytes = MemoryBytesPerRow(f);
+    if (f.repeatRows <= 0 || f.repeatRows >= f.height) {
+        RenderRow(f, y, plane, out);
+        return;
+    }
+    const int planes = f.planar ? 3 : 1;
+    if (rendered_.empty()) {
+        rendered_.resize(rowBytes * f.repeatRows * planes);
+        for (int p = 0; p < planes; ++p)
+            for (int i = 0; i < f.repeatRows; ++i)
+                RenderRow(f, PageRow(f, i), f.planar ? p : -1, &rendered_[rowBytes * (p * f.repeatRows + i)]);
+    }
+    const int index = (plane < 0 ? 0 : plane) * f.repeatRows + y % f.repeatRows;
+    std::memcpy(out, &rendered_[rowBytes * index], rowBytes);
+}
+
 std::vector<TW_ELEMENT8> PaletteOf(const PageFormat &f) {
     std::vector<TW_ELEMENT8> colours;
     if (f.pixelType == TWPT_PALETTE) {
@@ -207,9 +237,15 @@ std::vector<uint8_t> BuildDib(const PageFormat &chunky, double xres, double yres
     std::memcpy(dib.data(), &info, sizeof info);
     if (!colours.empty())
         std::memcpy(dib.data() + sizeof info, colours.data(), colours.size() * sizeof(RGBQUAD));
+    const auto rowAt = [&](int y) { return dib.data() + header + static_cast<size_t>(f.height - 1 - y) * stride; };
     for (int y = 0; y < f.height; ++y) {
-        uint8_t *row = dib.data() + header + static_cast<size_t>(f.height - 1 - y) * stride;
-        RenderRow(f, y, -1, row);
+        uint8_t *row = rowAt(y);
+        const int same = SameRowAs(f, y);
+        if (same >= 0) {
+            std::memcpy(row, rowAt(same), stride);
+            continue;
+        }
+        RenderRow(f, PageRow(f, y), -1, row);
         ToBgr(f, row);
     }
     return dib;
@@ -223,9 +259,9 @@ std::vector<uint8_t> BuildBmpFile(const PageFormat &f, double xres, double yres)
     file.bfType = 0x4d42; // "BM"
     file.bfSize = static_cast<DWORD>(sizeof file + dib.size());
     file.bfOffBits = static_cast<DWORD>(sizeof file + sizeof info + info.biClrUsed * sizeof(RGBQUAD));
-    std::vector<uint8_t> bmp(sizeof file);
+    std::vector<uint8_t> bmp(sizeof file + dib.size());
     std::memcpy(bmp.data(), &file, sizeof file);
-    bmp.insert(bmp.end(), dib.begin(), dib.end());
+    std::memcpy(bmp.data() + sizeof file, dib.data(), dib.size());
     return bmp;
 }
 

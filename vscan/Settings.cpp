@@ -160,6 +160,7 @@ const Name kFaultKeys[] = {
     {"RowAlign", VSCAN_FAULT_ROWALIGN},
     {"KeepFeeder", VSCAN_FAULT_KEEPFEEDER},
     {"XferReadyEach", VSCAN_FAULT_XFERREADYEACH},
+    {"RepeatRows", VSCAN_FAULT_REPEATROWS},
 };
 
 std::string Trim(const std::string &text) {

@@ -38,7 +38,7 @@ void DefaultIdentity(TW_IDENTITY &id) {
 }
 
 int Pixels(double inches, double resolution, double scaling) {
-    return std::max(1, static_cast<int>(std::lround(inches * resolution * scaling)));
+    return std::max(1, static_cast<int>(RoundHalfAway(inches * resolution * scaling)));
 }
 
 // The sheets the feeder file keeps; false when there is no file or no number in it.
@@ -215,8 +215,9 @@ PageFormat NegotiatedFormat(const Source &s) {
     f.pixelType = static_cast<int>(CapValue(s, ICAP_PIXELTYPE));
     f.bitDepth = static_cast<int>(CapValue(s, ICAP_BITDEPTH));
     f.planar = f.pixelType == TWPT_RGB && CapValue(s, ICAP_PLANARCHUNKY) == TWPC_PLANAR;
-    f.threshold = static_cast<int>(std::lround(CapValue(s, ICAP_THRESHOLD)));
+    f.threshold = static_cast<int>(RoundHalfAway(CapValue(s, ICAP_THRESHOLD)));
     f.vanilla = CapValue(s, ICAP_PIXELFLAVOR) == TWPF_VANILLA;
+    f.repeatRows = std::max(0, s.faults[VSCAN_FAULT_REPEATROWS]);
     return f;
 }
 

@@ -52,6 +52,7 @@ struct Transfer {
     int plane = 0;   // memory transfers of planar images: 0 red, 1 green, 2 blue
     int nextRow = 0; // next row of the plane to deliver
     int blocks = 0;  // memory blocks delivered so far
+    ImageRows rows;  // the rows memory transfers deliver
 };
 
 struct Source {

@@ -47,7 +47,8 @@ extern "C" {
 #define VSCAN_FAULT_ROWALIGN 20          /* memory-transfer rows padded with 0xA5 bytes to a multiple of N bytes */
 #define VSCAN_FAULT_KEEPFEEDER 21        /* the sheets left are kept in VSCAN_FEEDER_FILE beside the .ds across loads */
 #define VSCAN_FAULT_XFERREADYEACH 22     /* MSG_XFERREADY announced again after each MSG_ENDXFER that leaves images */
-#define VSCAN_FAULT_COUNT 23
+#define VSCAN_FAULT_REPEATROWS 23 /* transfers deliver N rows of the page over and over, rendered once an image */
+#define VSCAN_FAULT_COUNT 24
 /* VSCAN_FAULT_CLOSEREQUESTAFTER switched off, its default. */
 #define VSCAN_CLOSEREQUEST_OFF (-1)
 /* VSCAN_FAULT_IMAGEPIXELTYPE switched off, its default. */

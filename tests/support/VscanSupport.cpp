@@ -139,7 +139,8 @@ Rgb16 ExpectedPixel(int w, int h, int page, int x, int y) {
 }
 
 std::vector<unsigned> ExpectedSamples(const Format &f, int w, int h, int page, int x, int y) {
-    const Rgb16 c = ExpectedPixel(w, h, page, x, y);
+    const int pageRow = f.repeatRows > 0 && f.repeatRows < h ? (h - f.repeatRows) / 2 + y % f.repeatRows : y;
+    const Rgb16 c = ExpectedPixel(w, h, page, x, pageRow);
     const unsigned gray16 = (c.r + c.g + c.b) / 3;
     const unsigned gray8 = gray16 >> 8;
     switch (f.pixelType) {

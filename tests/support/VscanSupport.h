@@ -52,13 +52,15 @@ struct Format {
     bool planar = false;
     int threshold = 128;
     bool vanilla = false; // TWPF_VANILLA: black-and-white bits and gray samples inverted, palette indexes not
+    int repeatRows = 0;   // RepeatRows N: row y of an image of height H shows page row (H - N) / 2 + y mod N (N < H)
 };
 // `bitDepth` bits a pixel of `pixelType` (TWPT_*), chunky unless `planar`.
 Format MakeFormat(int pixelType, int bitDepth, bool planar = false);
 // Bytes of a row of `width` pixels in a memory transfer, unpadded: one plane's samples for planar RGB.
 unsigned MemoryRowBytes(const Format &f, int width);
-// Channels of the pixel as a transfer must deliver it: {bit} for black and white, {index} for palette images,
-// {gray} for gray, {r, g, b} for RGB (8-bit formats keep the high byte of each 16-bit value).
+// Channels of the pixel (x, y) of the image as a transfer must deliver it: {bit} for black and white, {index} for
+// palette images, {gray} for gray, {r, g, b} for RGB (8-bit formats keep the high byte of each 16-bit value). Row y is
+// the page's row y unless the format repeats rows.
 std::vector<unsigned> ExpectedSamples(const Format &f, int width, int height, int page, int x, int y);
 // The colour of palette entry `index` of a 2^depth palette: (L, 255 - L, L / 2) with L = index * 255 / (n - 1).
 void ExpectedPaletteEntry(int depth, int index, unsigned &r, unsigned &g, unsigned &b);
