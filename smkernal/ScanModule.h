@@ -346,7 +346,7 @@ private:
     // The buffer of the next block: the descriptor's when it names one, else the module's own (made when missing).
     bool TakeBuffer(const TraceCall &call, TGlobalBuffer &own, const BufferSizes &sizes);
     // The row repair and the in-place sample swaps of one uncompressed block; false when the block does not fit its
-    // buffer.
+    // buffer, or has rows to swap that overlap.
     bool ProcessBlock(const TraceCall &call, TW_IMAGEMEMXFER &block, DWORD bitmapRowBytes);
     void FillImageRecord(ScanImageInfo &record, const TW_IMAGEINFO &info, WORD mechanism, void *target);
     void CopyBlock(const TraceCall &call, const TW_IMAGEMEMXFER &block, const TGlobalBuffer &buffer, BYTE *destination,

@@ -287,11 +287,13 @@ int TScanModule::AppendBufferToFile(HFILE file, const TW_IMAGEINFO *info, TW_IMA
 }
 
 // The strip's rows count by its bytes when its numbers disagree; the repaired count goes back to the caller.
-// False (nothing repaired) when the strip has no row width to count by.
+// False (nothing repaired) when the strip has no row width to count by, also where rows without a width agree with
+// the bytes written (none) of an image without a width: each of up to 2^32 rows would cost a seek and a write.
 static bool RepairRows(TW_IMAGEMEMXFER *strip, DWORD fileRowBytes) {
     // The products are taken whole: rows whose 32-bit product only wraps round to the bytes written are no match.
     const ULONGLONG rows = strip->Rows;
-    if (rows * strip->BytesPerRow == strip->BytesWritten && rows * fileRowBytes == strip->BytesWritten)
+    if (rows * strip->BytesPerRow == strip->BytesWritten && rows * fileRowBytes == strip->BytesWritten &&
+        (strip->BytesPerRow != 0 || rows == 0))
         return true;
     if (strip->BytesPerRow == 0)
         return false;

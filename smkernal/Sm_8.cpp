@@ -376,8 +376,14 @@ bool TScanModule::ProcessBlock(const TraceCall &call, TW_IMAGEMEMXFER &block, DW
     }
     if (width == 0)
         return true;
+    const ULONGLONG rowBytes = static_cast<ULONGLONG>(block.Columns) * width;
+    if (block.Rows != 0 && (block.BytesPerRow == 0 || rowBytes > block.BytesPerRow)) {
+        // Rows longer than the distance between them overlap: each would be swapped again over the next ones, and a
+        // block could take up to 2^32 passes over the buffer. A real source's rows are never shorter than its pixels.
+        call.Warn(__LINE__, "Bad Value, rows overlap,");
+        return false;
+    }
     BYTE *bytes = static_cast<BYTE *>(bufferDescriptor.address);
-    const unsigned long long rowBytes = static_cast<unsigned long long>(block.Columns) * width;
     for (DWORD row = 0; row < block.Rows; ++row) {
         const unsigned long long start = static_cast<unsigned long long>(row) * block.BytesPerRow;
         if (start + rowBytes > bufferDescriptor.size) {

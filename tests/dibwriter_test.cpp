@@ -462,6 +462,20 @@ TEST_F(DibWriterTest, StripWithoutRowWidthIsRefused) {
     ExpectFile(expected.bytes);
 }
 
+// Rows without a width of an image without a width agree with the bytes written, none; each would still cost a seek
+// and a write, up to 2^31 of them. Such a strip is refused as one without a row width.
+TEST_F(DibWriterTest, RowsWithoutWidthOfAnImageWithoutWidthAreRefused) {
+    const TW_IMAGEINFO info = Info(0, 3, 24, TWPT_RGB, 3);
+    ASSERT_NE(HFILE_ERROR, Create());
+    ASSERT_EQ(0, module->WriteDIBHeader(file, &info));
+    Bytes buffer(8, 3);
+    TW_IMAGEMEMXFER strip = Strip(0, 0, 3, 0, 0);
+    EXPECT_EQ(-3, module->AppendBufferToFile(file, &info, &strip, buffer.data()));
+    ExpectRecord("Warning", "Strip without row width in TScanModule::BufferToFile");
+    Close();
+    ExpectFile(ExpectedFile(0, 3, 24, 0, 24).bytes);
+}
+
 TEST_F(DibWriterTest, WriteDIBHandleToFileRefusesAHeaderLargerThanItsBlock) {
     HGLOBAL handle = GlobalAlloc(GHND, 64);
     ASSERT_NE(nullptr, handle);
