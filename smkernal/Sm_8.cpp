@@ -344,7 +344,7 @@ bool TScanModule::TakeBuffer(const TraceCall &call, TGlobalBuffer &own, const Bu
 
 // The rows of an uncompressed block of a plain pixel type are repaired to what its bytes hold; chunky RGB arrives
 // blue first (48-bit pixels reversed whole) and 16-bit gray with its bytes exchanged, in place. A source whose block
-// claims more than its buffer holds is refused before anything is touched.
+// claims more than its buffer holds, or whose rows to exchange overlap, is refused before anything is touched.
 bool TScanModule::ProcessBlock(const TraceCall &call, TW_IMAGEMEMXFER &block, DWORD bitmapRowBytes) {
     if (block.BytesWritten > bufferDescriptor.size) {
         call.Warn(__LINE__, "Bad Value, BytesWritten > buffer size,");
@@ -384,14 +384,9 @@ bool TScanModule::ProcessBlock(const TraceCall &call, TW_IMAGEMEMXFER &block, DW
         return false;
     }
     BYTE *bytes = static_cast<BYTE *>(bufferDescriptor.address);
-    for (DWORD row = 0; row < block.Rows; ++row) {
-        const unsigned long long start = static_cast<unsigned long long>(row) * block.BytesPerRow;
-        if (start + rowBytes > bufferDescriptor.size) {
-            call.Warn(__LINE__, "Bad Value, row beyond the buffer, swap stopped,");
-            break;
-        }
-        ReverseGroups(bytes + start, block.Columns, width);
-    }
+    // The rows do not overlap and their bytes lie within what the block wrote, so every row lies in the buffer.
+    for (DWORD row = 0; row < block.Rows; ++row)
+        ReverseGroups(bytes + static_cast<size_t>(row) * block.BytesPerRow, block.Columns, width);
     return true;
 }
 

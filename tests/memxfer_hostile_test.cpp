@@ -29,7 +29,7 @@ constexpr unsigned char kCanary = 0xC3;
 
 const char kSm8[] = "F:\\smkernal\\Sm_8.cpp";
 const std::string kBadBytesWritten = "Bad Value, BytesWritten > buffer size, in TScanModule::DoMemXfer";
-const std::string kSwapStopped = "Bad Value, row beyond the buffer, swap stopped, in TScanModule::DoMemXfer";
+const std::string kRowsOverlap = "Bad Value, rows overlap, in TScanModule::DoMemXfer";
 
 class MemXferHostileTest : public XferTest {
 protected:
@@ -105,6 +105,19 @@ protected:
         return count;
     }
 
+    // Strips of `format` whose columns run `delta` beyond the image's width, `rowBytes` apart in the lent buffer: the
+    // image ends at its first block with TWCC_BADVALUE, and no block reaches the application.
+    void ExpectOverlapRefused(const Format &format, int delta, DWORD rowBytes) {
+        OpenPadded(format);
+        Fault(VSCAN_FAULT_COLUMNSDELTA, delta);
+        LendGuardedBuffer(kRows * rowBytes);
+        ASSERT_TRUE(Run());
+        EXPECT_TRUE(Blocks().empty());
+        EXPECT_EQ(Strings{"XferEnd(10)"}, Ends());
+        EXPECT_EQ(1, Warned(kRowsOverlap));
+        EXPECT_TRUE(GuardsIntact());
+    }
+
     // Strips that claim `claimed` rows of the lent buffer's ten: the blocks the application sees hold the rows their
     // bytes hold, and carry the page.
     void ExpectRowsRepaired(int claimed) {
@@ -177,47 +190,20 @@ TEST_F(MemXferHostileTest, ZeroRowsAreRepairedToTheRowsWritten) {
     ExpectRowsRepaired(0);
 }
 
-// --- Columns beyond the row: the exchange runs into the next row, and stops where a row would leave the buffer.
+// --- Columns beyond the row: rows longer than the distance between them overlap, and each would be exchanged again
+// over the next ones (with enough columns, 2^32 times over). The block is refused before anything is touched.
 
-TEST_F(MemXferHostileTest, ColumnsBeyondTheRowStopTheSwapAtTheBuffersEnd) {
-    OpenPadded();
-    Fault(VSCAN_FAULT_COLUMNSDELTA, 50);
-    LendGuardedBuffer(kRows * kRgbRow);
-    ASSERT_TRUE(Run());
-    const std::vector<Notice> blocks = Blocks();
-    ASSERT_EQ(18u, blocks.size());
-    EXPECT_EQ(static_cast<DWORD>(kWidth + 50), blocks[0].block.columns) << "passed on as the source said";
-    // Row 9 of each full block would leave the buffer; the 5 rows of the last block all fit.
-    EXPECT_EQ(17, Warned(kSwapStopped));
-    EXPECT_EQ(Strings{"XferEnd(0)"}, Ends());
-    EXPECT_TRUE(GuardsIntact());
+TEST_F(MemXferHostileTest, ColumnsBeyondTheRowRefuseTheBlock) {
+    ExpectOverlapRefused(Format{}, 50, kRgbRow);
 }
 
 // 0x55555556 columns of 3 bytes are 2 bytes in 32-bit arithmetic: a check made so would let the exchange run.
-TEST_F(MemXferHostileTest, ColumnsWhoseRowLengthWrapsAroundAreNotSwapped) {
-    OpenPadded();
-    Fault(VSCAN_FAULT_COLUMNSDELTA, 0x55555556 - kWidth);
-    LendGuardedBuffer(kRows * kRgbRow);
-    ASSERT_TRUE(Run());
-    const std::vector<Notice> blocks = Blocks();
-    ASSERT_EQ(18u, blocks.size());
-    EXPECT_EQ(0x55555556u, blocks[0].block.columns);
-    EXPECT_EQ(18, Warned(kSwapStopped));
-    EXPECT_TRUE(BlocksCarryPage(blocks, Format{}, kWidth, kLength, 1, Swaps::None)) << "no row could be turned";
-    EXPECT_TRUE(GuardsIntact());
+TEST_F(MemXferHostileTest, ColumnsWhoseRowLengthWrapsAroundRefuseTheBlock) {
+    ExpectOverlapRefused(Format{}, 0x55555556 - kWidth, kRgbRow);
 }
 
-TEST_F(MemXferHostileTest, GraySamplesBeyondTheRowStopTheSwapAtTheBuffersEnd) {
-    OpenPadded(MakeFormat(TWPT_GRAY, 16));
-    Fault(VSCAN_FAULT_COLUMNSDELTA, 100);
-    LendGuardedBuffer(kRows * kGray16Row);
-    ASSERT_TRUE(Run());
-    const std::vector<Notice> blocks = Blocks();
-    ASSERT_EQ(18u, blocks.size());
-    EXPECT_EQ(kGray16Row, blocks[0].block.bytesPerRow);
-    EXPECT_EQ(17, Warned(kSwapStopped));
-    EXPECT_EQ(Strings{"XferEnd(0)"}, Ends());
-    EXPECT_TRUE(GuardsIntact());
+TEST_F(MemXferHostileTest, GraySamplesBeyondTheRowRefuseTheBlock) {
+    ExpectOverlapRefused(MakeFormat(TWPT_GRAY, 16), 100, kGray16Row);
 }
 
 // --- Offsets outside the image are the application's to judge.
