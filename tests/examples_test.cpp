@@ -6,12 +6,12 @@
 #include <windows.h>
 
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include "ProgramRun.h"
+#include "ScannerProgramTest.h"
 #include "SessionTest.h"
 #include "TestSupport.h"
 #include "VscanSupport.h"
@@ -27,11 +27,8 @@ namespace {
 
 #ifdef EXAMPLES_UNDER_WINE_MANAGER
 constexpr bool kWineManager = true;
-// Wine's manager loads no other file name.
-const char kSourceFile[] = "sane.ds";
 #else
 constexpr bool kWineManager = false;
-const char kSourceFile[] = "vscan.ds";
 #endif
 
 using Strings = std::vector<std::string>;
@@ -43,48 +40,9 @@ constexpr int kPages = 3;
 // A run that takes longer than this has hung.
 constexpr DWORD kRunLimitMs = 90000;
 
-std::string FileText(const std::string &path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-}
-
-bool Exists(const std::string &path) {
-    return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
-class EXAMPLES_SUITE : public ::testing::Test {
+class EXAMPLES_SUITE : public ScannerProgramTest {
 protected:
-    void SetUp() override {
-        if (!kWineManager) {
-            InstallDsm(Dsm::Present);
-            RemoveSourceDirectories();
-            WriteProfileStringA("Twain", "Default Source", nullptr);
-        }
-        DeleteFileA(SettingsPath().c_str());
-        DeleteFileA(FeederPath().c_str());
-        source_ = InstallVscan(kSourceFile);
-        ASSERT_FALSE(source_.empty()) << "copying vscan.ds to " << TwainSourceDir();
-        char temp[MAX_PATH] = "";
-        GetTempPathA(sizeof temp, temp);
-        work_ = std::string(temp) + (kWineManager ? "examples_winedsm_test" : "examples_test");
-        RemoveTree(work_);
-        ASSERT_TRUE(CreateDirectoryA(work_.c_str(), nullptr)) << work_;
-    }
-    void TearDown() override {
-        DeleteFileA(SettingsPath().c_str());
-        DeleteFileA(FeederPath().c_str());
-        RemoveTree(work_);
-        if (!kWineManager) {
-            RemoveSourceDirectories();
-            WriteProfileStringA("Twain", "Default Source", nullptr);
-        } else if (!Exists(source_)) {
-            InstallVscan(kSourceFile); // the prefix keeps its scanner for the other suites
-        }
-    }
-
-    static std::string SettingsPath() { return TwainSourceDir() + "\\vscan.ini"; }
-    static std::string FeederPath() { return TwainSourceDir() + "\\vscan.feeder"; }
-    std::string Work(const std::string &relative) const { return work_ + "\\" + relative; }
+    EXAMPLES_SUITE() : ScannerProgramTest(kWineManager, "examples") {}
 
     // The example, copied with smkernal.dll into the suite's own directory as an application would be installed (so
     // that the CV_Scan.INI one of them writes beside itself is no other run's), and run there.
@@ -97,9 +55,6 @@ protected:
         EXPECT_TRUE(RunProgram(Work(name + ".exe"), arguments, work_, kRunLimitMs, run));
         return run;
     }
-
-    std::string source_;
-    std::string work_;
 };
 
 TEST_F(EXAMPLES_SUITE, NativePageSavesTheFlatbedPageAsA24BitBitmap) {
@@ -167,7 +122,7 @@ TEST_F(EXAMPLES_SUITE, BatchToFilesWritesEverySheetOfTheFeederToANumberedBitmap)
     const ProgramRun empty = Example("batch_to_files", {"1", "more"});
     EXPECT_EQ(1u, empty.exitCode) << empty;
     EXPECT_EQ((Strings{"page 1: the source could not be opened or started (an empty feeder?)"}), empty.ErrLines());
-    EXPECT_FALSE(Exists(Work("more-1.bmp")));
+    EXPECT_FALSE(FileExists(Work("more-1.bmp")));
 
     const ProgramRun usage = Example("batch_to_files", {"0"});
     EXPECT_EQ(1u, usage.exitCode) << usage;
@@ -201,7 +156,7 @@ TEST_F(EXAMPLES_SUITE, ReadBlockPullsEveryByteOfThePageIntoAGrayMap) {
                 ADD_FAILURE() << "pixel " << x << ", " << y << " is " << got << ", expected " << expected;
         }
     EXPECT_EQ(0, wrong);
-    EXPECT_FALSE(Exists(Work("CV_Scan.INI"))) << "the example takes its settings file away again";
+    EXPECT_FALSE(FileExists(Work("CV_Scan.INI"))) << "the example takes its settings file away again";
 }
 
 } // namespace

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 
 #include "GlobalMemoryTracker.h"
 #include "MessageBoxes.h"
@@ -134,15 +133,6 @@ double ItemValue(const TdsmContainer &c) {
         return Fix32ToDouble(fix);
     }
     return static_cast<double>(static_cast<TW_INT32>(c.items[0]));
-}
-
-bool Exists(const std::string &path) {
-    return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
-std::string ReadAll(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 void WriteAll(const std::string &path, const std::string &bytes) {
@@ -424,9 +414,9 @@ protected:
     // The file of an image was removed again, and its old bytes are still under the second name.
     void ExpectRemoved(size_t image) const {
         ASSERT_LT(image, files.size());
-        EXPECT_FALSE(Exists(files[image])) << files[image] << " is left behind";
+        EXPECT_FALSE(FileExists(files[image])) << files[image] << " is left behind";
         if (staleFiles) {
-            EXPECT_EQ("stale bytes of an old file", ReadAll(files[image] + ".witness"))
+            EXPECT_EQ("stale bytes of an old file", FileText(files[image] + ".witness"))
                 << "the old file was deleted, not written over";
         }
     }
@@ -831,7 +821,7 @@ TEST_P(ScanToFileVariantTest, OneImageIsNamedTransferredReportedEndedAndTheSourc
     EXPECT_TRUE(Contains(RecordsOf(viewer, kSm1, "Trace"), "Coming TScanModule::IsDSEvent capturing MSG_XFERREADY"));
     // The file: the old one was deleted, not written over, and the page stands under the name.
     ASSERT_EQ(1u, files.size());
-    EXPECT_EQ("stale bytes of an old file", ReadAll(files[0] + ".witness")) << "the old file was deleted first";
+    EXPECT_EQ("stale bytes of an old file", FileText(files[0] + ".witness")) << "the old file was deleted first";
     ExpectBitmap(0, kBedWidth, kBedLength, 8);
     EXPECT_TRUE(boxes.Boxes().empty()) << ::testing::PrintToString(boxes.Briefs());
     ExpectClosed();
@@ -1054,8 +1044,8 @@ TEST_F(ScanToFileTest, FileTransferExpandsPercentSignsOfTheName) {
     Dib dib;
     ReadBmpFile(asWritten, dib);
     EXPECT_EQ(kBedWidth, dib.header.biWidth);
-    EXPECT_TRUE(Exists(asGiven));
-    EXPECT_EQ("", ReadAll(asGiven)) << "the file the module made for the space check";
+    EXPECT_TRUE(FileExists(asGiven));
+    EXPECT_EQ("", FileText(asGiven)) << "the file the module made for the space check";
 }
 
 // --- The small drive: an image that does not fit.
@@ -1148,7 +1138,7 @@ TEST_P(SmallDriveMarginTest, ImageWithinTheMarginFailsWhileItIsWritten) {
     }
     EXPECT_EQ("DSClosed", stamps[2].what);
     ASSERT_EQ(1u, files.size());
-    EXPECT_FALSE(Exists(files[0])) << "the part written is removed";
+    EXPECT_FALSE(FileExists(files[0])) << "the part written is removed";
     ExpectClosed();
 }
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "ProgramRun.h"
+#include "ScannerProgramTest.h"
 #include "SessionTest.h"
 #include "TestSupport.h"
 #include "VscanSupport.h"
@@ -47,10 +48,6 @@ constexpr DWORD kRunLimitMs = 90000;
 ::testing::AssertionResult RunSmscan(const std::vector<std::string> &arguments, const std::string &directory,
                                      ProgramRun &run) {
     return RunProgram(BinDir() + "\\smscan.exe", arguments, directory, kRunLimitMs, run);
-}
-
-bool Exists(const std::string &path) {
-    return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 std::vector<unsigned char> FileBytes(const std::string &path) {
@@ -143,40 +140,15 @@ bool IsDefaultLine(const std::string &line) {
     return line.size() > mark && line.compare(line.size() - mark, mark, kDefaultMark) == 0;
 }
 
-class SMSCAN_SUITE : public ::testing::Test {
+class SMSCAN_SUITE : public ScannerProgramTest {
 protected:
+    SMSCAN_SUITE() : ScannerProgramTest(kWineManager, "smscan") {}
+
     void SetUp() override {
-        if (!kWineManager) {
-            InstallDsm(Dsm::Present);
-            RemoveSourceDirectories();
-            WriteProfileStringA("Twain", "Default Source", nullptr);
-        }
-        DeleteFileA(SettingsPath().c_str());
-        DeleteFileA(FeederPath().c_str());
-        source_ = InstallVscan(kSourceFile);
-        ASSERT_FALSE(source_.empty()) << "copying vscan.ds to " << TwainSourceDir();
-        char temp[MAX_PATH] = "";
-        GetTempPathA(sizeof temp, temp);
-        work_ = std::string(temp) + (kWineManager ? "smscan_winedsm_test" : "smscan_test");
-        RemoveTree(work_);
-        ASSERT_TRUE(CreateDirectoryA(work_.c_str(), nullptr)) << work_;
+        ScannerProgramTest::SetUp();
+        ASSERT_FALSE(HasFatalFailure());
         ASSERT_TRUE(CreateDirectoryA(Work("out").c_str(), nullptr));
     }
-    void TearDown() override {
-        DeleteFileA(SettingsPath().c_str());
-        DeleteFileA(FeederPath().c_str());
-        RemoveTree(work_);
-        if (!kWineManager) {
-            RemoveSourceDirectories();
-            WriteProfileStringA("Twain", "Default Source", nullptr);
-        } else if (!Exists(source_)) {
-            InstallVscan(kSourceFile); // the prefix keeps its scanner for the other suites
-        }
-    }
-
-    static std::string SettingsPath() { return TwainSourceDir() + "\\vscan.ini"; }
-    static std::string FeederPath() { return TwainSourceDir() + "\\vscan.feeder"; }
-    std::string Work(const std::string &relative) const { return work_ + "\\" + relative; }
 
     // vscan.ini beside the scanner: a feeder of `pages` sheets that keeps what is left across loads, and `more`.
     void WriteScannerSettings(int pages, const std::string &more = "") {
@@ -190,9 +162,6 @@ protected:
         EXPECT_TRUE(RunSmscan(arguments, work_, run));
         return run;
     }
-
-    std::string source_;
-    std::string work_;
 };
 
 // --- The source list and the choice of a source.
@@ -270,7 +239,7 @@ TEST_F(SMSCAN_SUITE, BatchScansEverySheetOfTheFeederIntoNumberedFiles) {
         << run;
     for (int page = 1; page <= 3; ++page)
         ExpectPageFile(Work("out\\page-00" + std::to_string(page) + ".bmp"), MakeFormat(TWPT_GRAY, 8), page);
-    EXPECT_FALSE(Exists(Work("out\\page-004.bmp")));
+    EXPECT_FALSE(FileExists(Work("out\\page-004.bmp")));
 }
 
 TEST_F(SMSCAN_SUITE, BatchCountEndsTheBatchBeforeTheFeederIsEmpty) {
@@ -284,7 +253,7 @@ TEST_F(SMSCAN_SUITE, BatchCountEndsTheBatchBeforeTheFeederIsEmpty) {
         << run;
     ExpectPageFile(Work("sheet1.bmp"), MakeFormat(TWPT_RGB, 24), 1);
     ExpectPageFile(Work("sheet2.bmp"), MakeFormat(TWPT_RGB, 24), 2);
-    EXPECT_FALSE(Exists(Work("sheet3.bmp")));
+    EXPECT_FALSE(FileExists(Work("sheet3.bmp")));
 }
 
 TEST_F(SMSCAN_SUITE, OnePageInBlackAndWhiteGoesToTheOutputFile) {
@@ -308,7 +277,7 @@ TEST_F(SMSCAN_SUITE, WithoutAFeederABatchIsOnePageUnlessCounted) {
                                         "smscan: 1 page written; the source tells of no feeder"}),
               one.ErrLines());
     ExpectPageFile(Work("out\\one1.bmp"), MakeFormat(TWPT_GRAY, 8), 1);
-    EXPECT_FALSE(Exists(Work("out\\one2.bmp")));
+    EXPECT_FALSE(FileExists(Work("out\\one2.bmp")));
 
     ASSERT_TRUE(DeleteFileA(FeederPath().c_str())) << "the paper goes back into the feeder";
     const ProgramRun two = Smscan({"--batch=out\\two%d.bmp", "--batch-count=2", ResolutionArgument()});
@@ -349,8 +318,8 @@ TEST_F(SMSCAN_SUITE, BadUsageEndsWithExitCode1BeforeAnythingIsScanned) {
         EXPECT_EQ((std::vector<std::string>{c.message, "Try 'smscan --help' for more information."}), run.ErrLines());
         EXPECT_EQ("", run.out);
     }
-    EXPECT_FALSE(Exists(Work("scan.bmp")));
-    EXPECT_FALSE(Exists(Work("100%-1.bmp")));
+    EXPECT_FALSE(FileExists(Work("scan.bmp")));
+    EXPECT_FALSE(FileExists(Work("100%-1.bmp")));
 }
 
 TEST_F(SMSCAN_SUITE, AnUnknownSourceNameEndsWithExitCode2) {
@@ -360,18 +329,18 @@ TEST_F(SMSCAN_SUITE, AnUnknownSourceNameEndsWithExitCode2) {
     EXPECT_EQ((std::vector<std::string>{"smscan: no source named \"No Such Scanner\" can be chosen: TWCC_BADDEST "
                                         "(12)"}),
               run.ErrLines());
-    EXPECT_FALSE(Exists(Work("scan.bmp")));
+    EXPECT_FALSE(FileExists(Work("scan.bmp")));
 }
 
 TEST_F(SMSCAN_SUITE, NoScannerInstalledEndsWithExitCode2) {
     UninstallVscan(kSourceFile);
-    ASSERT_FALSE(Exists(source_));
+    ASSERT_FALSE(FileExists(source_));
     const ProgramRun run = Smscan({ResolutionArgument()});
     EXPECT_EQ(2u, run.exitCode) << run;
     const std::vector<std::string> lines = run.ErrLines();
     ASSERT_EQ(1u, lines.size()) << run;
     EXPECT_EQ(0u, lines[0].find("smscan: the default source cannot be opened: ")) << run;
-    EXPECT_FALSE(Exists(Work("scan.bmp")));
+    EXPECT_FALSE(FileExists(Work("scan.bmp")));
     if (!kWineManager) {
         // Wine's manager always lists its camera source; the stand-in lists nothing.
         const ProgramRun list = Smscan({"-L"});
@@ -389,7 +358,7 @@ TEST_F(SMSCAN_SUITE, AnEmptyFeederEndsWithExitCode2) {
     EXPECT_EQ(2u, run.exitCode) << run;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, "smscan: the feeder is empty: no page scanned"}),
               run.ErrLines());
-    EXPECT_FALSE(Exists(Work("out\\again1.bmp")));
+    EXPECT_FALSE(FileExists(Work("out\\again1.bmp")));
 }
 
 TEST_F(SMSCAN_SUITE, APageCancelledByTheSourceEndsWithExitCode3) {
@@ -398,8 +367,8 @@ TEST_F(SMSCAN_SUITE, APageCancelledByTheSourceEndsWithExitCode3) {
     EXPECT_EQ(3u, run.exitCode) << run;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, "page 1: out\\page-1.bmp: cancelled by the source"}),
               run.ErrLines());
-    EXPECT_FALSE(Exists(Work("out\\page-1.bmp"))) << "the file of the cancelled page is deleted";
-    EXPECT_FALSE(Exists(Work("out\\page-2.bmp"))) << "the batch ends at the failed page";
+    EXPECT_FALSE(FileExists(Work("out\\page-1.bmp"))) << "the file of the cancelled page is deleted";
+    EXPECT_FALSE(FileExists(Work("out\\page-2.bmp"))) << "the batch ends at the failed page";
 }
 
 TEST_F(SMSCAN_SUITE, AFileThatCannotBeMadeEndsWithExitCode3) {
@@ -412,7 +381,7 @@ TEST_F(SMSCAN_SUITE, AFileThatCannotBeMadeEndsWithExitCode3) {
         (std::vector<std::string>{kScanningLine, PageLine(1, "dir1\\page.bmp"), "page 2: dir2\\page.bmp: file error"}),
         run.ErrLines());
     ExpectPageFile(Work("dir1\\page.bmp"), MakeFormat(TWPT_GRAY, 8), 1);
-    EXPECT_FALSE(Exists(Work("dir2")));
+    EXPECT_FALSE(FileExists(Work("dir2")));
 }
 
 TEST_F(SMSCAN_SUITE, AnImageTheLibraryCannotWriteEndsWithExitCode3) {
@@ -423,7 +392,7 @@ TEST_F(SMSCAN_SUITE, AnImageTheLibraryCannotWriteEndsWithExitCode3) {
     EXPECT_EQ((std::vector<std::string>{kScanningLine, "smscan: the library reports that it cannot write the image",
                                         "page 1: out\\page-1.bmp: image refused (format not supported)"}),
               run.ErrLines());
-    EXPECT_FALSE(Exists(Work("out\\page-1.bmp")));
+    EXPECT_FALSE(FileExists(Work("out\\page-1.bmp")));
 }
 
 TEST_F(SMSCAN_SUITE, ATransferTheSourceFailsEndsWithExitCode3AndItsConditionCode) {
@@ -433,7 +402,7 @@ TEST_F(SMSCAN_SUITE, ATransferTheSourceFailsEndsWithExitCode3AndItsConditionCode
     EXPECT_EQ(
         (std::vector<std::string>{kScanningLine, "page 1: out\\page-1.bmp: the source failed: TWCC_BADVALUE (10)"}),
         run.ErrLines());
-    EXPECT_FALSE(Exists(Work("out\\page-1.bmp")));
+    EXPECT_FALSE(FileExists(Work("out\\page-1.bmp")));
 }
 
 TEST_F(SMSCAN_SUITE, ASourceThatNeverAnnouncesTheImageEndsWithExitCode3) {
@@ -443,7 +412,7 @@ TEST_F(SMSCAN_SUITE, ASourceThatNeverAnnouncesTheImageEndsWithExitCode3) {
     EXPECT_EQ(3u, run.exitCode) << run;
     EXPECT_EQ((std::vector<std::string>{kScanningLine, "smscan: the source said nothing for 1 s: scan given up"}),
               run.ErrLines());
-    EXPECT_FALSE(Exists(Work("never.bmp")));
+    EXPECT_FALSE(FileExists(Work("never.bmp")));
 }
 
 // --- The source's interface.
@@ -481,7 +450,7 @@ TEST_F(SMSCAN_SUITE, FromTheInterfaceMorePagesNoEndsAfterTheFirstPage) {
     EXPECT_EQ((std::vector<std::string>{kScanningLine, PageLine(1, "out\\ui-1.bmp"), kQuestionNo}), run.ErrLines())
         << run;
     ExpectPageFile(Work("out\\ui-1.bmp"), MakeFormat(TWPT_GRAY, 8), 1);
-    EXPECT_FALSE(Exists(Work("out\\ui-2.bmp")));
+    EXPECT_FALSE(FileExists(Work("out\\ui-2.bmp")));
 }
 
 // --- Help and version.

@@ -5,8 +5,8 @@
 
 #include <windows.h>
 
+#include <cstring>
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -163,15 +163,6 @@ std::string FirstDifference(const Strings &expected, const Strings &got) {
         out << i << ":\n  expected [" << (i < expected.size() ? expected[i] : "-") << "]\n  got      ["
             << (i < got.size() ? got[i] : "-") << "]\n";
     return out.str();
-}
-
-std::string FileText(const std::string &path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-}
-
-bool Exists(const std::string &path) {
-    return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 bool IsSeparatorLine(const std::string &line) {
@@ -427,14 +418,14 @@ TEST_F(SmtraceTest, MethodShowsItsCallsWithWhatTheyCallAndWritesTheLogFile) {
 // --- DEBUGSM.INI.
 
 TEST_F(SmtraceTest, ADebugIniThatWasNotThereIsRemovedAgain) {
-    ASSERT_FALSE(Exists(DebugIniPath()));
+    ASSERT_FALSE(FileExists(DebugIniPath()));
     // smscan loads the library at its start: the records of its start and end show that tracing was on.
     const ProgramRun run = RunSmtrace({"--", "smscan.exe", "--version"});
     EXPECT_EQ(0u, run.exitCode) << run;
     EXPECT_FALSE(LinesOf(run.OutLines(), "Coming TScanModule::TScanModule").empty()) << run;
     EXPECT_FALSE(LinesOf(run.OutLines(), "Leaving TScanModule::~TScanModule").empty()) << run;
-    EXPECT_FALSE(Exists(DebugIniPath()));
-    EXPECT_FALSE(Exists(DebugIniPath() + kNoneSuffix));
+    EXPECT_FALSE(FileExists(DebugIniPath()));
+    EXPECT_FALSE(FileExists(DebugIniPath() + kNoneSuffix));
 }
 
 // The user's file switches tracing off and holds more than smtrace touches.
@@ -446,7 +437,7 @@ TEST_F(SmtraceTest, TheUsersDebugIniIsPutBackByteForByte) {
     EXPECT_EQ(0u, run.exitCode) << run;
     EXPECT_FALSE(LinesOf(run.OutLines(), "Coming TScanModule::TScanModule").empty()) << run;
     EXPECT_EQ(kUsersDebugIni, FileText(DebugIniPath()));
-    EXPECT_FALSE(Exists(DebugIniPath() + kSavedSuffix));
+    EXPECT_FALSE(FileExists(DebugIniPath() + kSavedSuffix));
 }
 
 // smtrace running this test program in a child role that waits until the suite lets it end.
@@ -490,7 +481,7 @@ TEST_F(SmtraceTest, ClosingTheViewerPutsTheFileBackAtOnce) {
     std::ofstream(DebugIniPath(), std::ios::binary) << kUsersDebugIni;
     WaitingRun run(work_);
     ASSERT_TRUE(run.Running()) << FileText(DebugIniPath());
-    EXPECT_TRUE(Exists(DebugIniPath() + kSavedSuffix));
+    EXPECT_TRUE(FileExists(DebugIniPath() + kSavedSuffix));
     PostMessageA(FindWindowA(smk::kViewerClass, nullptr), WM_CLOSE, 0, 0);
     // smtrace ends before the program it started, the file back as it was.
     ASSERT_TRUE(PumpUntil([] { return !FindWindowA(smk::kViewerClass, nullptr); }, kStartLimitMs));
@@ -499,7 +490,7 @@ TEST_F(SmtraceTest, ClosingTheViewerPutsTheFileBackAtOnce) {
     const ProgramRun ended = run.End();
     EXPECT_EQ(kExitInterrupted, ended.exitCode) << ended;
     EXPECT_EQ(kUsersDebugIni, FileText(DebugIniPath()));
-    EXPECT_FALSE(Exists(DebugIniPath() + kSavedSuffix));
+    EXPECT_FALSE(FileExists(DebugIniPath() + kSavedSuffix));
 }
 
 TEST_F(SmtraceTest, TheNextRunPutsBackTheFileOfARunThatWasKilled) {
@@ -517,7 +508,7 @@ TEST_F(SmtraceTest, TheNextRunPutsBackTheFileOfARunThatWasKilled) {
         }
         // Killed: tracing stays on, the user's state beside the file.
         EXPECT_TRUE(Contains(FileText(DebugIniPath()), "Trace=1"));
-        EXPECT_TRUE(Exists(DebugIniPath() + (usersFile ? kSavedSuffix : kNoneSuffix)));
+        EXPECT_TRUE(FileExists(DebugIniPath() + (usersFile ? kSavedSuffix : kNoneSuffix)));
         const ProgramRun next = RunSmtrace({"--", "smscan.exe", "--version"});
         EXPECT_EQ(0u, next.exitCode) << next;
         EXPECT_EQ(
@@ -527,9 +518,9 @@ TEST_F(SmtraceTest, TheNextRunPutsBackTheFileOfARunThatWasKilled) {
         if (usersFile)
             EXPECT_EQ(kUsersDebugIni, FileText(DebugIniPath()));
         else
-            EXPECT_FALSE(Exists(DebugIniPath()));
-        EXPECT_FALSE(Exists(DebugIniPath() + kSavedSuffix));
-        EXPECT_FALSE(Exists(DebugIniPath() + kNoneSuffix));
+            EXPECT_FALSE(FileExists(DebugIniPath()));
+        EXPECT_FALSE(FileExists(DebugIniPath() + kSavedSuffix));
+        EXPECT_FALSE(FileExists(DebugIniPath() + kNoneSuffix));
     }
 }
 
@@ -639,7 +630,7 @@ TEST_F(SmtraceTest, ExitsWithTheProgramsExitCode) {
     const ProgramRun missing = RunSmtrace({"--", "no-such-program.exe"});
     EXPECT_EQ(kExitNotStarted, missing.exitCode) << missing;
     EXPECT_TRUE(Contains(missing.err, "smtrace: cannot start no-such-program.exe")) << missing;
-    EXPECT_FALSE(Exists(DebugIniPath())) << "put back as it was: none";
+    EXPECT_FALSE(FileExists(DebugIniPath())) << "put back as it was: none";
 }
 
 TEST_F(SmtraceTest, RefusesBadUsageAndASecondViewer) {

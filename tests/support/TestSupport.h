@@ -205,6 +205,10 @@ const char *CapabilityName(TW_UINT16 cap);
 
 // The names of the files (and directories) in `directory`, sorted; none when it does not exist.
 std::vector<std::string> FilesIn(const std::string &directory);
+// True when a file or directory stands at `path`.
+bool FileExists(const std::string &path);
+// The whole of the file at `path`, byte for byte; "" when it cannot be read.
+std::string FileText(const std::string &path);
 
 // True when the module at `path` is loaded in this process.
 bool IsLoaded(const std::string &path);
