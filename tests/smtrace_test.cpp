@@ -446,27 +446,39 @@ public:
     explicit WaitingRun(const std::string &work) : event_(CreateEventA(nullptr, TRUE, FALSE, kEvent)) {
         char self[MAX_PATH] = "";
         GetModuleFileNameA(nullptr, self, sizeof self);
+        const char *slash = std::strrchr(self, '\\');
+        exeName_ = slash ? slash + 1 : self;
         EXPECT_TRUE(child_.Start(BinDir() + "\\smtrace.exe",
                                  {"--", self, std::string(kChildRolePrefix) + "wait-event:" + kEvent}, work));
     }
     ~WaitingRun() {
         ResetEvent(event_);
+        if (program_) {
+            WaitForSingleObject(program_, kRunLimitMs);
+            CloseHandle(program_);
+        }
         CloseHandle(event_);
     }
     // smtrace has switched tracing on and the program it started runs.
     bool Running() {
         return PumpUntil(
             [this] {
-                return WaitForSingleObject(event_, 0) == WAIT_OBJECT_0 &&
-                       Contains(FileText(DebugIniPath()), "Trace=1") && FindWindowA(smk::kViewerClass, nullptr);
+                if (WaitForSingleObject(event_, 0) != WAIT_OBJECT_0)
+                    return false;
+                if (!program_)
+                    program_ = OpenChildOf(child_.ProcessId(), exeName_);
+                return program_ && Contains(FileText(DebugIniPath()), "Trace=1") &&
+                       FindWindowA(smk::kViewerClass, nullptr);
             },
             kStartLimitMs);
     }
     ChildProcess &Child() { return child_; }
-    // Lets the program end, and waits for smtrace.
+    // Lets the program end, and waits for smtrace and for the program: smtrace may end first, and the program's
+    // current directory is the suite's work directory.
     ProgramRun End() {
         ResetEvent(event_);
         EXPECT_TRUE(child_.Wait(kRunLimitMs));
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(program_, kRunLimitMs));
         return child_.Run();
     }
 
@@ -474,6 +486,8 @@ private:
     // Set by the program once it runs; it ends once the event is reset.
     static constexpr char kEvent[] = "smtrace_test wait";
     HANDLE event_;
+    HANDLE program_ = nullptr;
+    std::string exeName_;
     ChildProcess child_;
 };
 

@@ -5,6 +5,13 @@
 
 namespace smtest {
 
+namespace {
+
+// How often a reader looks into a pipe that has nothing yet.
+constexpr DWORD kReaderPollMs = 10;
+
+} // namespace
+
 std::vector<std::string> ProgramRun::Lines(const std::string &text) {
     std::vector<std::string> lines;
     std::string line;
@@ -65,8 +72,10 @@ ChildProcess::~ChildProcess() {
     }
     CloseHandle(process.hThread);
     process_ = process.hProcess;
-    for (int i = 0; i < 2; ++i)
+    for (int i = 0; i < 2; ++i) {
+        DuplicateHandle(GetCurrentProcess(), process_, GetCurrentProcess(), &pipes_[i].child, SYNCHRONIZE, FALSE, 0);
         readers_[i] = CreateThread(nullptr, 0, Pipe::Read, &pipes_[i], 0, nullptr);
+    }
     return ::testing::AssertionSuccess();
 }
 
@@ -87,17 +96,33 @@ ChildProcess::~ChildProcess() {
     return ::testing::AssertionSuccess();
 }
 
+// The end of the pipe is not waited for: a program the child starts can keep its write end for good (Wine's desktop
+// process, started by the first program of a prefix that needs a window, is handed its starter's standard error). So
+// the reader only reads what is there, and stops once the child has ended and all it wrote is read.
 DWORD WINAPI ChildProcess::Pipe::Read(void *self) {
     Pipe &pipe = *static_cast<Pipe *>(self);
     char buffer[4096];
-    DWORD got = 0;
-    while (ReadFile(pipe.handle, buffer, sizeof buffer, &got, nullptr) && got > 0)
+    for (;;) {
+        // Asked before the pipe: once the child has ended, everything it wrote is in the pipe.
+        const bool ended = WaitForSingleObject(pipe.child, 0) == WAIT_OBJECT_0;
+        DWORD available = 0;
+        if (!PeekNamedPipe(pipe.handle, nullptr, 0, nullptr, &available, nullptr))
+            return 0; // every writer is gone
+        if (available == 0) {
+            if (ended)
+                return 0;
+            WaitForSingleObject(pipe.child, kReaderPollMs);
+            continue;
+        }
+        DWORD got = 0;
+        if (!ReadFile(pipe.handle, buffer, available < sizeof buffer ? available : sizeof buffer, &got, nullptr) ||
+            got == 0)
+            return 0;
         pipe.text.append(buffer, got);
-    return 0;
+    }
 }
 
 void ChildProcess::Finish() {
-    // The readers end when every writer of their pipe is gone: the child and whatever it started.
     for (HANDLE &reader : readers_) {
         if (reader) {
             WaitForSingleObject(reader, INFINITE);
@@ -106,9 +131,11 @@ void ChildProcess::Finish() {
         reader = nullptr;
     }
     for (Pipe &pipe : pipes_) {
-        if (pipe.handle)
-            CloseHandle(pipe.handle);
-        pipe.handle = nullptr;
+        for (HANDLE *handle : {&pipe.handle, &pipe.child}) {
+            if (*handle)
+                CloseHandle(*handle);
+            *handle = nullptr;
+        }
     }
     run_.out = pipes_[0].text;
     run_.err = pipes_[1].text;

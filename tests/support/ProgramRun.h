@@ -41,6 +41,7 @@ public:
             TerminateProcess(process_, kTerminatedExitCode);
     }
     static constexpr UINT kTerminatedExitCode = 0xDEAD;
+    DWORD ProcessId() const { return process_ ? GetProcessId(process_) : 0; }
     // Waits up to `limitMs`, pumping messages; one that has not ended by then is terminated and the result fails.
     // The exit code and the output are in Run() afterwards.
     ::testing::AssertionResult Wait(DWORD limitMs);
@@ -51,9 +52,10 @@ private:
     std::string commandLine_;
     HANDLE process_ = nullptr;
     HANDLE readers_[2] = {nullptr, nullptr};
-    // The read end of one of the child's output pipes, and what came through it.
+    // The read end of one of the child's output pipes, the child itself, and what came through the pipe.
     struct Pipe {
         HANDLE handle = nullptr;
+        HANDLE child = nullptr;
         std::string text;
         static DWORD WINAPI Read(void *self);
     } pipes_[2];

@@ -144,6 +144,15 @@ std::string ModuleHolders(const std::string &path) {
     return "no process has it loaded; running besides this test program: " + (others.empty() ? "nothing" : others);
 }
 
+HANDLE OpenChildOf(DWORD parentId, const std::string &exeName) {
+    HANDLE child = nullptr;
+    ForEachOtherProcess([&](const PROCESSENTRY32 &process) {
+        if (!child && process.th32ParentProcessID == parentId && lstrcmpiA(process.szExeFile, exeName.c_str()) == 0)
+            child = OpenProcess(SYNCHRONIZE, FALSE, process.th32ProcessID);
+    });
+    return child;
+}
+
 namespace {
 
 // A function that reads the unmapped address 0x10 with one instruction of 5 bytes, then returns.

@@ -39,6 +39,9 @@ void PlaceFileOrStop(const char *fileName, const std::string &target, const char
 std::string TwainDllHolders();
 // The same for the module at `path`.
 std::string ModuleHolders(const std::string &path);
+// A process of the program file `exeName` (no directory) started by the process `parentId`, opened to be waited for;
+// null when there is none.
+HANDLE OpenChildOf(DWORD parentId, const std::string &exeName);
 
 // The exception code that a read of an unmapped address raises in this process: EXCEPTION_ACCESS_VIOLATION where
 // 32-bit code runs natively. qemu-user hands Wine such a fault without its trap number, and Wine then raises
