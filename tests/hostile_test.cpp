@@ -225,6 +225,13 @@ TW_UINT32 RandomBufferSize(Rng &rng) {
                           : rng.Pick<TW_UINT32>({0, 1, 2, 7, 0x10000, 0x7FFFFFFF, 0xFFFFFFFF, 0x400000});
 }
 
+// The minimum, preferred and maximum buffer sizes, drawn in that order.
+TW_SETUPMEMXFER RandomBufferSizes(Rng &rng) {
+    const TW_UINT32 minimum = RandomBufferSize(rng);
+    const TW_UINT32 preferred = RandomBufferSize(rng);
+    return {minimum, preferred, RandomBufferSize(rng)};
+}
+
 // --- The application's side.
 
 // A record the module writes, between canaries: the module may write the record, nothing beside it.
@@ -395,6 +402,14 @@ protected:
         return *lent.back();
     }
 
+    // The source's answer to a memory transfer's MSG_GET: a random strip, the image ending after six strips at the
+    // latest (counted in strips, which a fixture clears for each image) or earlier by a chance of `endPercent`.
+    Answer NextStrip(Rng &rng, TW_IMAGEMEMXFER &strip, int endPercent) {
+        RandomStrip(rng, strip);
+        const bool last = ++strips >= 6 || rng.Chance(endPercent);
+        return RandomAnswer(rng, last ? TWRC_XFERDONE : TWRC_SUCCESS, 10);
+    }
+
     // Set by fixtures whose cases look at the module's records.
     bool withViewer = false;
     TraceViewer viewer;
@@ -409,6 +424,7 @@ protected:
     // Bitmaps the application took (XferEnd with SM_OK), and the buffers it lent in the case.
     std::vector<HGLOBAL> received;
     std::vector<std::unique_ptr<GuardedBuffer>> lent;
+    int strips = 0;
 };
 
 } // namespace
@@ -436,7 +452,7 @@ protected:
             return RandomAnswer(rng);
         };
         source.onSetupMem = [&rng](TW_SETUPMEMXFER &sizes) {
-            sizes = {RandomBufferSize(rng), RandomBufferSize(rng), RandomBufferSize(rng)};
+            sizes = RandomBufferSizes(rng);
             return RandomAnswer(rng);
         };
         source.onImageInfo = [&rng](TW_IMAGEINFO &info) {
@@ -642,7 +658,7 @@ protected:
     void HostileBatch(Rng &rng) {
         images_ = 1 + rng.Below(3);
         ended_ = 0;
-        strips_ = 0;
+        strips = 0;
         source.onCapability = [this, &rng](TW_UINT16 msg, TW_CAPABILITY &capability) {
             const Answer answer = RandomAnswer(rng);
             if (msg == MSG_SET || answer.rc != TWRC_SUCCESS)
@@ -659,19 +675,14 @@ protected:
         };
         source.onImageInfo = [this, &rng](TW_IMAGEINFO &info) {
             RandomImageInfo(rng, info);
-            strips_ = 0;
+            strips = 0;
             return RandomAnswer(rng, TWRC_SUCCESS, 8);
         };
         source.onSetupMem = [&rng](TW_SETUPMEMXFER &sizes) {
-            sizes = {RandomBufferSize(rng), RandomBufferSize(rng), RandomBufferSize(rng)};
+            sizes = RandomBufferSizes(rng);
             return RandomAnswer(rng, TWRC_SUCCESS, 8);
         };
-        source.onStrip = [this, &rng](TW_IMAGEMEMXFER &strip) {
-            RandomStrip(rng, strip);
-            // The image ends after a few strips at the latest.
-            const bool last = ++strips_ >= 6 || rng.Chance(25);
-            return RandomAnswer(rng, last ? TWRC_XFERDONE : TWRC_SUCCESS, 10);
-        };
+        source.onStrip = [this, &rng](TW_IMAGEMEMXFER &strip) { return NextStrip(rng, strip, 25); };
         source.onNative = [&rng](BitmapScript &bitmap) {
             bitmap.null = rng.Chance(5);
             bitmap.header.biSize = rng.Pick<DWORD>({40, 40, 12, 0});
@@ -793,7 +804,6 @@ protected:
 
     int images_ = 0;
     int ended_ = 0;
-    int strips_ = 0;
     HGLOBAL slot_ = nullptr;
 };
 
@@ -835,7 +845,7 @@ protected:
         if (next_.ImageWidth > 100000)
             next_.ImageWidth = 100000;
         nextAnswer_ = RandomAnswer(rng, TWRC_SUCCESS, 8);
-        strips_ = 0;
+        strips = 0;
         source.onImageInfo = [this](TW_IMAGEINFO &info) {
             info = next_;
             if (nextAnswer_.rc != TWRC_SUCCESS)
@@ -844,14 +854,10 @@ protected:
             return nextAnswer_;
         };
         source.onSetupMem = [&rng](TW_SETUPMEMXFER &sizes) {
-            sizes = {RandomBufferSize(rng), RandomBufferSize(rng), RandomBufferSize(rng)};
+            sizes = RandomBufferSizes(rng);
             return RandomAnswer(rng, TWRC_SUCCESS, 8);
         };
-        source.onStrip = [this, &rng](TW_IMAGEMEMXFER &strip) {
-            RandomStrip(rng, strip);
-            const bool last = ++strips_ >= 6 || rng.Chance(20);
-            return RandomAnswer(rng, last ? TWRC_XFERDONE : TWRC_SUCCESS, 10);
-        };
+        source.onStrip = [this, &rng](TW_IMAGEMEMXFER &strip) { return NextStrip(rng, strip, 20); };
         source.onPending = [&rng](TW_UINT16, TW_UINT16 &count) {
             count = rng.Pick<TW_UINT16>({0, 1, 2, 0xFFFF});
             return RandomAnswer(rng, TWRC_SUCCESS, 6);
@@ -879,7 +885,6 @@ protected:
     TW_IMAGEINFO next_ = {};
     TW_IMAGEINFO current_ = {};
     Answer nextAnswer_;
-    int strips_ = 0;
 };
 
 TEST_F(HostileReadBlockTest, BlocksOfEveryShapeLandInTheCallersBufferOnly) {
@@ -966,7 +971,7 @@ protected:
 
     void HostileScan(Rng &rng) {
         mechanism_ = rng.Below(3);
-        strips_ = 0;
+        strips = 0;
         source.onCapability = [this, &rng](TW_UINT16 msg, TW_CAPABILITY &capability) {
             if (msg == MSG_SET && capability.Cap == ICAP_XFERMECH)
                 return MechanismSet(capability);
@@ -986,11 +991,7 @@ protected:
                      RandomBufferSize(rng)};
             return RandomAnswer(rng, TWRC_SUCCESS, 8);
         };
-        source.onStrip = [this, &rng](TW_IMAGEMEMXFER &strip) {
-            RandomStrip(rng, strip);
-            const bool last = ++strips_ >= 6 || rng.Chance(25);
-            return RandomAnswer(rng, last ? TWRC_XFERDONE : TWRC_SUCCESS, 10);
-        };
+        source.onStrip = [this, &rng](TW_IMAGEMEMXFER &strip) { return NextStrip(rng, strip, 25); };
         source.onNative = [&rng](BitmapScript &bitmap) {
             bitmap.null = rng.Chance(5);
             bitmap.header.biSize = 40;
@@ -1072,7 +1073,6 @@ protected:
     MessageBoxes boxes;
     std::string directory_;
     TW_UINT32 mechanism_ = TWSX_MEMORY;
-    int strips_ = 0;
 };
 
 TEST_F(HostileScanToFileTest, EveryImageEndsInItsFileOrInNone) {
